@@ -1,0 +1,16 @@
+#include "common/FileSystem.h"
+
+namespace tessard {
+
+std::string directoryOf(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return "";
+  return std::string(slash == 0 ? "/" : path.substr(0, slash));
+}
+
+std::string lastPathComponent(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
+}  // namespace tessard

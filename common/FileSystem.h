@@ -1,0 +1,102 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/Result.h"
+
+namespace tessard {
+
+/// A moment of the real-time clock, as file times have it.
+struct FileTime {
+  std::int64_t seconds = 0;
+  std::int64_t nanoseconds = 0;
+  auto operator<=>(const FileTime&) const = default;
+};
+
+struct FileAttributes {
+  enum class Kind { regular, directory, link, other };
+
+  Kind kind = Kind::other;
+  uid_t owner = 0;
+  gid_t group = 0;
+  mode_t permissions = 0;  ///< the twelve permission bits
+  std::uint64_t size = 0;
+  FileTime modified;
+  FileTime changed;
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+};
+
+/// What a file or directory is given; an absent part is left as it is.
+struct FileOwnership {
+  std::optional<uid_t> owner;
+  std::optional<gid_t> group;
+  std::optional<mode_t> permissions;
+};
+
+/// The files below one system root. Paths are absolute and never carry the root's own path; links are
+/// followed within the root and cannot lead out of it. No operation follows a link in the last place of a
+/// path that it writes, renames or removes. Interrupted calls and short writes are carried on. A path with a
+/// NUL byte, or one that is not absolute, fails with EINVAL.
+class FileSystem {
+ public:
+  virtual ~FileSystem() = default;
+
+  /// Whether anything can be reached at the path (a dangling link is nothing).
+  virtual bool exists(std::string_view path) = 0;
+
+  /// Attributes of what the path leads to, links followed.
+  virtual Result<FileAttributes> attributes(std::string_view path) = 0;
+
+  /// The whole content. EFBIG when it is longer than `limit` bytes, EINVAL when it is not a regular file.
+  virtual Result<std::string> readFile(std::string_view path, std::size_t limit) = 0;
+
+  /// Makes a new file with the content, flushed to disk before success is reported, in place of any older
+  /// file of that name. Owner, group and permissions are set before the content is complete; until then, and
+  /// where no permissions are given, nobody but the owner may read it. A failure to set them is no failure of
+  /// the call. When the call fails, no file is left under the name.
+  virtual Result<void> createFile(std::string_view path, std::string_view content,
+                                  const FileOwnership& ownership) = 0;
+
+  /// Copies a regular file with its owner, group and permissions to a name that is free (EEXIST otherwise).
+  /// The name appears with the whole content, flushed to disk, or not at all.
+  virtual Result<void> copyFile(std::string_view from, std::string_view to) = 0;
+
+  /// Gives a file a new name in the same file system, replacing any file of that name in one step.
+  virtual Result<void> rename(std::string_view from, std::string_view to) = 0;
+
+  /// Exchanges the names of two existing files in one step.
+  virtual Result<void> exchange(std::string_view first, std::string_view second) = 0;
+
+  /// Removes a file or link. ENOENT when there is none.
+  virtual Result<void> remove(std::string_view path) = 0;
+
+  /// Makes a directory with exactly these attributes (the process's umask does not count). EEXIST when the
+  /// name is taken. `withParents`: missing parents are made first, mode 0755, owned by the caller. When
+  /// setting the attributes fails, the directory is removed again and the call fails.
+  virtual Result<void> createDirectory(std::string_view path, const FileOwnership& ownership,
+                                       bool withParents) = 0;
+
+  virtual Result<void> setOwnership(std::string_view path, const FileOwnership& ownership) = 0;
+
+  /// Names in the directory, without "." and "..", sorted.
+  virtual Result<std::vector<std::string>> listDirectory(std::string_view path) = 0;
+
+  /// Flushes a directory, so that the names in it are on disk.
+  virtual Result<void> syncDirectory(std::string_view path) = 0;
+};
+
+/// "/a/b" of "/a/b/c"; "/" of "/a"; "" of a path without a slash.
+std::string directoryOf(std::string_view path);
+
+/// "c" of "/a/b/c".
+std::string lastPathComponent(std::string_view path);
+
+}  // namespace tessard
