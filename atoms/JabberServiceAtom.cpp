@@ -1,0 +1,44 @@
+#include "atoms/JabberServiceAtom.h"
+
+#include "atoms/JabberPaths.h"
+#include "common/Format.h"
+
+namespace tessard {
+
+std::unique_ptr<NOTIFICATION_PLUGIN_JabberServiceAtom>
+NOTIFICATION_PLUGIN_JabberServiceAtom::jabberServiceAtom(Platform& platform, ServiceOwner* owner) {
+  auto atom = std::make_unique<NOTIFICATION_PLUGIN_JabberServiceAtom>(platform);
+  atom->initWithName_owner("jabberd", owner);
+  return atom;
+}
+
+bool NOTIFICATION_PLUGIN_JabberServiceAtom::serviceDataReady() {
+  const std::string database = determineDatabasePath();
+  logDebug_source(fill("Using %@ as the database path", {database}), "");
+  if (!platform().files.exists(database)) return false;
+  const auto run = platform().files.attributes(kJabberRunDirectory);
+  return run && run.value().kind == FileAttributes::Kind::directory;
+}
+
+bool NOTIFICATION_PLUGIN_JabberServiceAtom::initServiceData() {
+  if (serviceDataReady()) return true;
+  const std::string database = determineDatabasePath();
+  logDebug_source(fill("Using %@ as the database path", {database}), "");
+  if (!createServiceDatabase(database)) return false;
+  if (!createServicePidDirectory()) return false;
+  if (!initializeServiceConfigurations()) return false;
+  const auto location = serviceOwner()->getPreferenceValueForKey("savedChatsLocation");
+  return configureDirectory_ownerID_groupID_permissions(location ? location->stringValue() : std::nullopt,
+                                                        kJabberUserID, kSavedChatsGroupID,
+                                                        kSavedChatsPermissions);
+}
+
+std::optional<Dictionary> NOTIFICATION_PLUGIN_JabberServiceAtom::getServiceLogPaths() {
+  return Dictionary{{"JABBER_LOG", "/var/log/system.log"}};
+}
+
+bool NOTIFICATION_PLUGIN_JabberServiceAtom::archiveServiceLogs() {
+  return false;
+}
+
+}  // namespace tessard
