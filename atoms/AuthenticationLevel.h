@@ -29,8 +29,8 @@ inline constexpr unsigned kAlwaysOffered = 4;
 /// The mechanisms of a level: "KERBEROS" and "STANDARD"; every other word stands for any method.
 unsigned mechanismsForAuthLevel(std::string_view level);
 
-/// The level of a set of mechanisms: only the exact sets of the two named levels have their names, all others are
-/// "ANYMETHOD".
+/// The level of a set of mechanisms: only the exact sets of the two named levels have their names, all others
+/// are "ANYMETHOD".
 std::string authLevelForMechanisms(unsigned mechanisms);
 
 }  // namespace tessard

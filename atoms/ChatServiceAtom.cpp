@@ -80,6 +80,10 @@ std::optional<std::vector<std::string>> NOTIFICATION_PLUGIN_ChatServiceAtom::get
   return std::nullopt;
 }
 
+std::optional<Array> NOTIFICATION_PLUGIN_ChatServiceAtom::getConfiguredServices() {
+  return std::nullopt;
+}
+
 void NOTIFICATION_PLUGIN_ChatServiceAtom::handleChangeIPRequest(const NetworkChangeContext& /*context*/) {}
 
 void NOTIFICATION_PLUGIN_ChatServiceAtom::handleNetworkChanged(const NetworkChangeContext& /*context*/) {}
@@ -128,8 +132,8 @@ bool NOTIFICATION_PLUGIN_ChatServiceAtom::waitForServiceState_maxWait_waitSleep(
   const double start = platform_.clock.monotonicSeconds();
   while (getServiceState() != state) {
     if (platform_.clock.monotonicSeconds() - start > maxWait) {
-      logError_source(
-          fill("Error -- %@ service failed to %@", {serviceName_, starting ? "start" : "stop"}), "");
+      logError_source(fill("Error -- %@ service failed to %@", {serviceName_, starting ? "start" : "stop"}),
+                      "");
       return false;
     }
     platform_.clock.sleepMicroseconds(waitSleep);

@@ -16,9 +16,10 @@ namespace tessard {
 
 class NOTIFICATION_PLUGIN_ComponentConfiguration;
 
-/// One managed service. The coordinator speaks to services only through the operations of this class; each has a
-/// harmless answer here, so that a subclass overrides only what its service needs. An atom keeps no state beyond its
-/// name and owner: every answer is computed afresh. Used on the thread that carries the host's requests.
+/// One managed service. The coordinator speaks to services only through the operations of this class; each
+/// has a harmless answer here, so that a subclass overrides only what its service needs. An atom keeps no
+/// state beyond its name and owner: every answer is computed afresh. Used on the thread that carries the
+/// host's requests.
 class NOTIFICATION_PLUGIN_ChatServiceAtom : public Object {
  public:
   explicit NOTIFICATION_PLUGIN_ChatServiceAtom(Platform& platform);
@@ -45,8 +46,8 @@ class NOTIFICATION_PLUGIN_ChatServiceAtom : public Object {
   virtual bool archiveServiceLogs();
   /// The service's settings. Here: absent.
   virtual std::optional<SettingsDictionary> readServiceConfiguration();
-  /// Takes over settings (null: none were given). False with a code in `error` when they could not be; `error` is 0
-  /// otherwise. Here: true with 0.
+  /// Takes over settings (null: none were given). False with a code in `error` when they could not be;
+  /// `error` is 0 otherwise. Here: true with 0.
   virtual bool writeServiceConfiguration_error(const SettingsDictionary* settings, int& error);
   /// A `ServiceState`; for the unknown state errno tells why when it is not 0. Here: unknown.
   virtual int getServiceState();
@@ -57,6 +58,8 @@ class NOTIFICATION_PLUGIN_ChatServiceAtom : public Object {
   /// Counters of connections. Here: absent.
   virtual std::optional<Dictionary> getServiceConnectedUsers();
   virtual std::optional<std::vector<std::string>> getServiceConnectedUserNames();
+  /// The client services that are configured; absent where a service has no such list. Here: absent.
+  virtual std::optional<Array> getConfiguredServices();
   /// Called between loading and saving all configurations after a change of address or name. Here: nothing.
   virtual void handleChangeIPRequest(const NetworkChangeContext& context);
   virtual void handleNetworkChanged(const NetworkChangeContext& context);
@@ -72,8 +75,8 @@ class NOTIFICATION_PLUGIN_ChatServiceAtom : public Object {
   int getProcessStateFlagsForName_stateMask_outState(std::string_view name, unsigned stateMask,
                                                      unsigned& outState) const;
 
-  /// Polls `getServiceState` until it gives the state. False when it does not within `maxWait` seconds. The pause
-  /// between two polls, `waitSleep`, is in microseconds.
+  /// Polls `getServiceState` until it gives the state. False when it does not within `maxWait` seconds. The
+  /// pause between two polls, `waitSleep`, is in microseconds.
   bool waitForServiceState_maxWait_waitSleep(int state, double maxWait, std::uint32_t waitSleep);
 
  protected:

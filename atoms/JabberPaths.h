@@ -1,5 +1,7 @@
 #pragma once
 
+#include "config/ServiceAccount.h"
+
 namespace tessard {
 
 inline constexpr const char* kJabberConfigDirectory = "/private/etc/jabberd_notification";
@@ -13,18 +15,16 @@ inline constexpr const char* kPassPhraseTool = "/usr/sbin/keywarden";
 inline constexpr const char* kNetstatTool = "/usr/sbin/netstat";
 inline constexpr const char* kPluginBundleIdentifier = "com.velto.tessard_notification";
 
-// The account that the jabberd components run as.
-inline constexpr unsigned kJabberUserID = 84;
+// The service account owns all that the jabberd processes read and write. Administrators read saved chats,
+// daemons the run directory.
+inline constexpr unsigned kJabberUserID = kServiceAccountOwner;
 inline constexpr unsigned kJabberGroupID = 84;
-// Administrators read saved chats, daemons the run directory; component files are nobody's but the account's.
 inline constexpr unsigned kSavedChatsGroupID = 80;
 inline constexpr unsigned kRunDirectoryGroupID = 1;
-inline constexpr unsigned kComponentFileGroupID = 0;
 
 inline constexpr unsigned kSavedChatsPermissions = 0750;
 inline constexpr unsigned kRunDirectoryPermissions = 0755;
 inline constexpr unsigned kDatabaseDirectoryPermissions = 0750;
 inline constexpr unsigned kDatabasePermissions = 0640;
-inline constexpr unsigned kComponentFilePermissions = 0600;
 
 }  // namespace tessard

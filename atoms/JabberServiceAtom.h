@@ -21,8 +21,9 @@ class NOTIFICATION_PLUGIN_JabberServiceAtom : public NOTIFICATION_PLUGIN_ChatSer
   /// False: this service archives nothing.
   bool archiveServiceLogs() override;
   std::optional<SettingsDictionary> readServiceConfiguration() override;
-  /// False with `kSavedChatsDirectoryUnusable` when the saved-chats directory cannot be made usable, and with 0 when
-  /// the list of hosts is there but empty. Changes the documents in memory only; the preferences file is written last.
+  /// False with `kSavedChatsDirectoryUnusable` when the saved-chats directory cannot be made usable, and with
+  /// 0 when the list of hosts is there but empty. Changes the documents in memory only; the preferences file
+  /// is written last.
   bool writeServiceConfiguration_error(const SettingsDictionary* settings, int& error) override;
   int getServiceState() override;
   bool setServiceState(int state) override;
@@ -54,8 +55,8 @@ class NOTIFICATION_PLUGIN_JabberServiceAtom : public NOTIFICATION_PLUGIN_ChatSer
                                                    unsigned groupID, unsigned permissions);
   bool directoryHasAttributes_ownerID_groupID_permissions(const std::string& path, unsigned ownerID,
                                                           unsigned groupID, unsigned permissions);
-  /// Makes the directory if nothing is there; true when the owner may write in it then. An existing directory is not
-  /// changed. An absent path gives false.
+  /// Makes the directory if nothing is there; true when the owner may write in it then. An existing directory
+  /// is not changed. An absent path gives false.
   bool configureDirectory_ownerID_groupID_permissions(const std::optional<std::string>& path,
                                                       unsigned ownerID, unsigned groupID,
                                                       unsigned permissions);

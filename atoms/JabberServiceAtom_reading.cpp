@@ -11,7 +11,8 @@ namespace tessard {
 
 namespace {
 
-// The second suffix, from port 0, can match no live connection; its counter is part of the answer all the same.
+// The second suffix, from port 0, can match no live connection; its counter is part of the answer all the
+// same.
 constexpr int kClientPorts[] = {5218, 0};
 constexpr std::size_t kFieldsOfConnection = 6;
 

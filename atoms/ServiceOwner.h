@@ -25,8 +25,8 @@ class ServiceOwner {
   /// The domains of all services of that name; empty when there are none.
   virtual std::vector<std::string> getDomainsForService(std::string_view name) = 0;
 
-  /// The plug-in's preferences, read afresh; seeded with the defaults when there is no file yet. Absent when no
-  /// host name can be determined for the defaults or the file cannot be read.
+  /// The plug-in's preferences, read afresh; seeded with the defaults when there is no file yet. Absent when
+  /// no host name can be determined for the defaults or the file cannot be read.
   virtual std::optional<Dictionary> loadPreferences() = 0;
 
   /// Replaces the preferences file. Always true: a failed write goes unreported.

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "common/Platform.h"
+#include "common/PluginRequestHandler.h"
+#include "common/ServiceTypes.h"
+#include "coordinator/ChatServiceWrangler.h"
+
+namespace tessard {
+
+/// The plug-in's principal class: the only object that the host talks to. It makes sure that the services'
+/// data is initialised, hands requests to the coordinator and shapes the answers. On the host's thread, one
+/// request at a time.
+class NOTIFICATION_PLUGIN_ChatHandler : public PluginRequestHandler {
+ public:
+  explicit NOTIFICATION_PLUGIN_ChatHandler(Platform& platform);
+  ~NOTIFICATION_PLUGIN_ChatHandler() override;
+
+  /// A ready handler with a coordinator of its own. The platform outlives it.
+  static std::unique_ptr<NOTIFICATION_PLUGIN_ChatHandler> init(Platform& platform);
+
+  /// Clears what the handler holds. Runs once, at the end of its life.
+  void dealloc();
+
+  const std::string& pluginVersion() const { return pluginVersion_; }
+  void setPluginVersion(std::string version) { pluginVersion_ = std::move(version); }
+  NOTIFICATION_PLUGIN_ChatServiceWrangler* serviceWrangler() const { return serviceWrangler_.get(); }
+  void setServiceWrangler(std::unique_ptr<NOTIFICATION_PLUGIN_ChatServiceWrangler> wrangler);
+
+  Operation operationForCommand(std::string_view command) override;
+  bool commandChangesState(std::string_view command) override;
+  int doIdleAtCount(int count) override;
+  void didReceiveNetworkChangedNotification(const NetworkChangeContext& context) override;
+
+  /// Whether the host name is known.
+  bool isNetworkReady();
+  bool serviceDataIsInitialized();
+  /// Makes the services' data. With the check, only when the host's first-time setup has finished. True when
+  /// the data is there.
+  bool initializeServiceDataWithReadinessCheck(bool check);
+  /// The state of the service, 0 for an unknown name. errno tells why a state is unknown.
+  int serviceStateForName(std::string_view name);
+  /// {"error", "serviceError"}.
+  Dictionary responseForError_serviceError(const char* code, int serviceError) const;
+  /// Opens or closes the server-to-server port at the gateway; a failure only logs.
+  void enablePortForwarding(bool enable);
+
+  Dictionary getStateWithRequest(const Dictionary& request);
+  Dictionary setStateWithRequest(const Dictionary& request);
+  /// Absent is an error of the plug-in; the base answers always.
+  virtual std::optional<Dictionary> readSettingsWithRequest(const Dictionary& request);
+  /// Settings that cannot be read as what their keys ask are answered with "INVALID_ARG_ERR" before anything
+  /// is loaded.
+  Dictionary writeSettingsWithRequest(const Dictionary& request);
+  Dictionary initialSetupWithRequest(const Dictionary& request);
+
+ private:
+  /// What both forms of the state answer are made of.
+  struct RunningState {
+    bool jabberd = false;
+    bool publishSubscribe = false;
+  };
+
+  bool passGate();
+  void addDetails(RunningState running, Dictionary& answer);
+  std::string startedTime(RunningState running);
+  std::string currentConnections(RunningState running);
+  int startServices();
+  int stopServices();
+  int restartServices();
+  std::optional<std::string> problemWithConfiguration(const Dictionary& configuration);
+  int writeConfiguration(const Dictionary* configuration);
+
+  Platform& platform_;
+  std::string pluginVersion_;
+  std::unique_ptr<NOTIFICATION_PLUGIN_ChatServiceWrangler> serviceWrangler_;
+};
+
+}  // namespace tessard
