@@ -1,0 +1,55 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/FileSystem.h"
+#include "platform/FileDescriptor.h"
+#include "platform/OwnerMap.h"
+
+namespace tessard {
+
+/// The files of this machine below one directory. Every path is resolved by the kernel with that directory
+/// as its root, so absolute links stay inside and ".." ends at it. Holds one descriptor, opened once: the
+/// root stays the same directory when it is renamed. Any thread may call; no state is shared between calls.
+class PosixFileSystem : public FileSystem {
+ public:
+  /// `root` is a path of the machine. A root that cannot be opened makes every call fail with the error of
+  /// that opening (and `exists` false).
+  explicit PosixFileSystem(std::string root = "/", OwnerMap map = {});
+
+  bool exists(std::string_view path) override;
+  Result<FileAttributes> attributes(std::string_view path) override;
+  Result<std::string> readFile(std::string_view path, std::size_t limit) override;
+  Result<void> createFile(std::string_view path, std::string_view content,
+                          const FileOwnership& ownership) override;
+  Result<void> copyFile(std::string_view from, std::string_view to) override;
+  Result<void> rename(std::string_view from, std::string_view to) override;
+  Result<void> exchange(std::string_view first, std::string_view second) override;
+  Result<void> remove(std::string_view path) override;
+  Result<void> createDirectory(std::string_view path, const FileOwnership& ownership,
+                               bool withParents) override;
+  Result<void> setOwnership(std::string_view path, const FileOwnership& ownership) override;
+  Result<std::vector<std::string>> listDirectory(std::string_view path) override;
+  Result<void> syncDirectory(std::string_view path) override;
+
+ private:
+  /// An opened directory and a name in it that is not resolved.
+  struct Place {
+    FileDescriptor directory;
+    std::string name;
+  };
+
+  Result<FileDescriptor> open(std::string_view path, int flags) const;
+  Result<Place> placeOf(std::string_view path) const;
+  Result<void> makeParents(std::string_view path) const;
+  Result<void> renameAt(std::string_view from, std::string_view to, unsigned flags) const;
+  FileOwnership onDisk(const FileOwnership& ownership) const;
+
+  FileDescriptor root_;
+  int rootError_ = 0;
+  OwnerMap map_;
+};
+
+}  // namespace tessard

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <random>
+#include <utility>
+
+#include "common/Random.h"
+
+namespace tessard {
+
+/// Gives the listed numbers in order and then the numbers of a generator that starts the same in every run.
+class SequenceRandom : public Random {
+ public:
+  std::deque<std::uint32_t> next;
+  /// How many numbers were drawn.
+  int drawn = 0;
+
+  SequenceRandom() = default;
+  explicit SequenceRandom(std::deque<std::uint32_t> numbers) : next(std::move(numbers)) {}
+
+  std::uint32_t arc4random() override {
+    ++drawn;
+    if (next.empty()) return static_cast<std::uint32_t>(generator_());
+    const std::uint32_t number = next.front();
+    next.pop_front();
+    return number;
+  }
+
+ private:
+  // Its first seed is fixed, so that a failing test fails again.
+  std::mt19937 generator_;
+};
+
+}  // namespace tessard

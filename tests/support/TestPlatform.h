@@ -1,0 +1,51 @@
+#pragma once
+
+#include "common/Platform.h"
+#include "platform/PosixFileSystem.h"
+#include "platform/UnistringUnicode.h"
+#include "tests/support/FakeBundles.h"
+#include "tests/support/FakeClock.h"
+#include "tests/support/FakeHostNames.h"
+#include "tests/support/FakeNetwork.h"
+#include "tests/support/FakeProcesses.h"
+#include "tests/support/FaultyFileSystem.h"
+#include "tests/support/RecordingLog.h"
+#include "tests/support/RecordingServiceManager.h"
+#include "tests/support/ScratchRoot.h"
+#include "tests/support/ScriptedTasks.h"
+#include "tests/support/SequenceRandom.h"
+
+namespace tessard {
+
+/// Everything outside for one test: a scratch system root with the real file system class, recorded and open
+/// to failures, the real Unicode class, and recording fakes for the rest. Hand it to code as a `Platform&`.
+/// Where the user of the machine cannot give files away, the ids 0, 1, 80 and 84 stand for the user's own.
+class TestPlatform {
+ public:
+  TestPlatform();
+  TestPlatform(const TestPlatform&) = delete;
+  TestPlatform& operator=(const TestPlatform&) = delete;
+
+  ScratchRoot root;
+  PosixFileSystem posixFiles;
+  FaultyFileSystem files{posixFiles};
+  ScriptedTasks tasks;
+  RecordingServiceManager services;
+  FakeProcesses processes;
+  FakeHostNames hostNames;
+  FakeNetwork network;
+  FakeClock clock;
+  SequenceRandom random;
+  UnistringUnicode unicode;
+  FakeBundles bundles;
+  RecordingLog log;
+
+  Platform platform{files, tasks,  services, processes, hostNames, network,
+                    clock, random, unicode,  bundles,   log};
+  operator Platform&() { return platform; }
+};
+
+/// The ids on disk under which this process can have files that belong to 0, 1, 80 and 84.
+OwnerMap ownersForTests();
+
+}  // namespace tessard
