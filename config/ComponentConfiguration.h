@@ -43,7 +43,8 @@ struct MatchEntry {
 ///
 /// Nothing throws and nothing is reported but by results and log lines: without a document lookups find
 /// nothing and changes change nothing. Text that no XML document can hold (`isXmlText`) is refused by every
-/// change with an error line, and leaves the tree as it was. Node handles stay usable after a reload, but
+/// change with an error line, and leaves the tree as it was. Who changes a node by its handle must mark the
+/// document dirty. Node handles stay usable after a reload, but
 /// then belong to the dropped tree. For the thread that serves the host's requests.
 class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
  public:
@@ -156,7 +157,7 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
 
   /// Takes the old node out and, when there is a new one, appends that as the last child of the old one's
   /// parent. Does not mark the tree as changed.
-  void replaceNode_withNode(const XmlNode& oldNode, const XmlNode& newNode) const;
+  void replaceNode_withNode(const XmlNode& oldNode, const XmlNode& newNode);
 
   /// The last segment of a path.
   std::string nodeNameFromPath(std::string_view path) const;
@@ -164,6 +165,10 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   std::string parentPathFromPath(std::string_view path) const;
 
  private:
+  std::optional<std::vector<MatchEntry>> matchingChildren(
+      std::string_view path, const std::string& parent, const XmlNode& base,
+      const std::optional<AttributeFilter>& attributes) const;
+  void keepDocumentAsSaved(FileTime now);
   void readDocument(FileTime now);
   void addMissingNode(const std::optional<std::string>& value, std::string_view path, int nodeState);
   void switchOn(const XmlNode& comment, const std::optional<std::string>& value);

@@ -166,9 +166,9 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   bool setPrimarySMDomain(std::string_view domain);
   /// Makes the secondary of a domain from the primary's file as it stands on disk; a file that is there is
   /// kept. The name is used as it is, but one that cannot be part of a file name and of a line of the master
-  /// file (it is empty, too long, or holds a slash, white space or a control character) is refused with an
-  /// error line, so that no name can reach out of the directory. Error line and nothing else without a
-  /// primary. Always true.
+  /// file (it is empty, too long, not UTF-8, or holds a slash, white space or a control character) is refused
+  /// with an error line, so that no name can reach out of the directory. Error line and nothing else without
+  /// a primary. Always true.
   bool addSecondarySMDomain(std::string_view domain);
   /// The first session manager; null when there is none.
   Component* getPrimarySMComponent() const;

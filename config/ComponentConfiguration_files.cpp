@@ -1,0 +1,102 @@
+#include "common/DurableReplace.h"
+#include "common/Format.h"
+#include "config/ComponentConfiguration.h"
+#include "config/ServiceAccount.h"
+
+namespace tessard {
+
+namespace {
+
+bool isSameFile(const FileAttributes& a, const FileAttributes& b) {
+  return a.device == b.device && a.inode == b.inode && a.size == b.size && a.modified == b.modified &&
+         a.changed == b.changed;
+}
+
+}  // namespace
+
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::loadDocument() {
+  logDebug_source(fill("loadDocument: %@ at path: %@", {configName_, configPath_}), "");
+  if (!documentFileExists()) return true;
+  // Taken before the file is looked at, so that whatever is written from here on counts as a later change.
+  const FileTime now = platform_.clock.now();
+  if (documentChangedSinceLastLoad()) {
+    if (fileIsAsSaved()) {
+      keepDocumentAsSaved(now);
+      return true;
+    }
+    setConfigXMLDocument(std::nullopt);
+  }
+  if (!configXMLDocument_) readDocument(now);
+  return true;
+}
+
+void NOTIFICATION_PLUGIN_ComponentConfiguration::keepDocumentAsSaved(FileTime now) {
+  loadTime_ = now;
+  logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
+}
+
+void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(FileTime now) {
+  auto bytes = platform_.files.readFile(*configPath_, kMaximumFileSize);
+  auto parsed =
+      bytes ? XmlDocument::parse(std::move(bytes).value()) : Result<XmlDocument>(SystemError(bytes.error()));
+  configDirty_ = false;
+  loadTime_ = now;
+  if (parsed) {
+    setConfigXMLDocument(std::move(parsed).value());
+    logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
+    return;
+  }
+  setConfigXMLDocument(std::nullopt);
+  logError_source(
+      fill("Failed to load component configuration %@.xml (error %ld)", {configName_, parsed.error().code()}),
+      "");
+  logError_source(fill("Load failure configuration file: %@", {configPath_}), "");
+  // The code alone does not tell a person where to look.
+  logInfo_source(fill("Reason of the load failure: %@", {parsed.error().description()}), "");
+}
+
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentFileExists() const {
+  if (!configPath_) {
+    logDebug_source(fill("internal error: nil path for component: %@", {configName_}), "");
+    return false;
+  }
+  if (platform_.files.exists(*configPath_)) return true;
+  logError_source(fill("failed to load: configuration file not found: \"%@\"", {configPath_}), "");
+  return false;
+}
+
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentChangedSinceLastLoad() const {
+  if (!configXMLDocument_) return true;
+  if (!configPath_ || !loadTime_) return false;
+  const auto file = platform_.files.attributes(*configPath_);
+  if (!file || file.value().modified <= *loadTime_) return false;
+  logInfo_source(
+      fill("External configuration change detected, re-loading: %@", {lastPathComponent(*configPath_)}), "");
+  return true;
+}
+
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::fileIsAsSaved() const {
+  if (!configXMLDocument_ || !savedFile_ || configDirty_) return false;
+  const auto file = platform_.files.attributes(*configPath_);
+  return file && isSameFile(file.value(), *savedFile_);
+}
+
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::saveDocument() {
+  if (!configDirty_) return true;
+  if (!configXMLDocument_ || !configPath_) return false;
+  const auto bytes = configXMLDocument_->serialize();
+  if (!bytes) return false;
+  const auto saved =
+      replaceKeepingBackup(platform_.files, *configPath_, bytes.value(), kConfigurationFileOwnership);
+  if (saved.outcome == ReplaceOutcome::temporaryNotWritten) {
+    logError_source(fill("error saving configuration file: \"%@\"", {temporaryPathFor(*configPath_)}), "");
+  }
+  if (saved.outcome != ReplaceOutcome::replaced) return false;
+  const auto file = platform_.files.attributes(*configPath_);
+  savedFile_ = file ? std::optional(file.value()) : std::nullopt;
+  configDirty_ = false;
+  logDebug_source(fill("%@ configuration saved: %@.", {configName_, configPath_}), "");
+  return true;
+}
+
+}  // namespace tessard

@@ -1,0 +1,132 @@
+#include <algorithm>
+
+#include "common/DurableReplace.h"
+#include "common/Format.h"
+#include "common/Utf8.h"
+#include "config/MasterConfiguration.h"
+#include "config/MasterFileLines.h"
+
+namespace tessard {
+
+namespace {
+
+constexpr std::string_view kSessionManager = "sm";
+constexpr std::string_view kPrimaryPathEnd = "sm.xml";
+
+// Longest file name of the usual file systems (NAME_MAX), with room for the longer of the two suffixes that a
+// save adds; both have four characters.
+constexpr std::size_t kMaximumFileNameLength = 255 - 4;
+
+bool isSecondaryPath(std::string_view path) {
+  return !path.ends_with(kPrimaryPathEnd);
+}
+
+bool isSecondary(const std::unique_ptr<NOTIFICATION_PLUGIN_ComponentConfiguration>& component) {
+  return isSecondaryPath(component->configPath().value_or(""));
+}
+
+// Whether a domain can stand in a file name, in a line of the master file and in a component file.
+bool canNameFile(std::string_view domain, std::string_view fileName) {
+  return !domain.empty() && fileName.size() <= kMaximumFileNameLength &&
+         domain.find('/') == std::string_view::npos && !breaksLine(domain) && isXmlText(domain);
+}
+
+// Deletes a file if there is one; 1 when it is gone, 0 otherwise.
+std::size_t deleteFile(FileSystem& files, const std::string& path) {
+  return files.exists(path) && files.remove(path) ? 1 : 0;
+}
+
+}  // namespace
+
+void NOTIFICATION_PLUGIN_MasterConfiguration::setHostDomains(const std::vector<std::string>& domains) {
+  const ComponentList* components = loadedComponentsForName(kSessionManager);
+  if (!components || std::all_of(components->begin(), components->end(), isSecondary)) {
+    // Going on would delete the only session-manager files, with nothing left to make new ones from.
+    logError_source("no primary session manager is configured, domains not set", "");
+    return;
+  }
+  removeAllSecondarySMConfigurations();
+  logDebug_source(fill("Generating new sm*.xml for %ld domain(s).", {domains.size()}), "");
+  bool primary = true;
+  for (const std::string& domain : domains) {
+    if (primary) {
+      setPrimarySMDomain(domain);
+    } else {
+      addSecondarySMDomain(domain);
+    }
+    primary = false;
+  }
+}
+
+bool NOTIFICATION_PLUGIN_MasterConfiguration::setPrimarySMDomain(std::string_view domain) {
+  logDebug_source(fill("--generating sm.xml for PRIMARY domain: %@", {domain}), "");
+  Component* primary = getPrimarySMComponent();
+  if (!primary) {
+    logError_source(fill("no primary session manager is configured for domain \"%@\"", {domain}), "");
+    return true;
+  }
+  primary->setStringValue_forPath_nodeState(std::string(domain), "sm.local.id", kNodeLive);
+  primary->setStringValue_forPath_nodeState("/var/run/jabberd_notification/sm.pid", "sm.pidfile", kNodeLive);
+  return true;
+}
+
+bool NOTIFICATION_PLUGIN_MasterConfiguration::addSecondarySMDomain(std::string_view domain) {
+  logDebug_source(fill("--generating sm.xml for SECONDARY domain: %@", {domain}), "");
+  const Component* primary = getPrimarySMComponent();
+  if (!primary || !primary->configPath()) {
+    logError_source(fill("no primary session manager is configured for domain \"%@\"", {domain}), "");
+    return true;
+  }
+  const std::string fileName = fill("sm_%@.xml", {domain});
+  if (!canNameFile(domain, fileName)) {
+    logError_source(fill("domain \"%@\" cannot name a file, left out", {domain}), "");
+    return true;
+  }
+  const std::string source = *primary->configPath();
+  const std::string path = fill("%@/%@", {directoryOf(source), fileName});
+  FileSystem& files = platform_.files;
+  // A file that is there keeps its content: it is not removed, and the copy does not replace it. Where
+  // nothing can be reached only a dangling link can be in the way.
+  if (!files.exists(path)) static_cast<void>(files.remove(path).ok());
+  static_cast<void>(files.copyFile(source, path).ok());
+  cachePathConfig({std::string(kSessionManager), path});
+  Component* secondary = cacheNewComponentForName_andPath(kSessionManager, path);
+  secondary->loadDocument();
+  secondary->setStringValue_forPath_nodeState(fill("sm_%@", {domain}), "sm.id", kNodeLive);
+  secondary->setStringValue_forPath_nodeState(std::string(domain), "sm.local.id", kNodeLive);
+  secondary->setStringValue_forPath_nodeState(fill("/var/run/jabberd_notification/sm_%@.pid", {domain}),
+                                              "sm.pidfile", kNodeLive);
+  return true;
+}
+
+NOTIFICATION_PLUGIN_ComponentConfiguration* NOTIFICATION_PLUGIN_MasterConfiguration::getPrimarySMComponent()
+    const {
+  return defaultComponentForName(kSessionManager);
+}
+
+bool NOTIFICATION_PLUGIN_MasterConfiguration::removeAllSecondarySMConfigurations() {
+  std::size_t removedComponents = 0;
+  std::size_t deletedFiles = 0;
+  if (ComponentList* components = loadedComponents_.find(kSessionManager)) {
+    removedComponents = std::erase_if(*components, [&](const auto& component) {
+      if (!isSecondary(component)) return false;
+      const std::string path = component->configPath().value_or("");
+      deletedFiles += deleteFile(platform_.files, path) + deleteFile(platform_.files, backupPathFor(path));
+      return true;
+    });
+  }
+  const std::size_t removedPaths =
+      loadedConfigPaths_ ? loadedConfigPaths_->removeIf(kSessionManager, isSecondaryPath) : 0;
+  if (removedComponents == 0 && removedPaths == 0) {
+    logDebug_source("No secondary SM configurations to remove.", "");
+    return true;
+  }
+  logDebug_source(fill("Removed %ld secondary SM configuration files and backups (%ld files total).",
+                       {removedComponents, deletedFiles}),
+                  "");
+  logDebug_source(fill("Removed %ld secondary SM entries from %@.", {removedPaths, kMasterFileName}), "");
+  configDirty_ = true;
+  return true;
+}
+
+}  // namespace tessard
