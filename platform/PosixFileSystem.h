@@ -42,8 +42,11 @@ class PosixFileSystem : public FileSystem {
   };
 
   Result<FileDescriptor> open(std::string_view path, int flags) const;
-  Result<Place> placeOf(std::string_view path) const;
-  Result<void> makeParents(std::string_view path) const;
+  /// The descriptor of a regular file that is read from its start; EINVAL for everything else.
+  Result<FileDescriptor> openForReading(std::string_view path) const;
+  Result<Place> placeOf(std::string_view path, int directoryFlags) const;
+  /// Makes the directory and what is missing above it, each 0755; success when it is there already.
+  Result<void> ensureDirectory(std::string_view path) const;
   Result<void> renameAt(std::string_view from, std::string_view to, unsigned flags) const;
   FileOwnership onDisk(const FileOwnership& ownership) const;
 

@@ -1,0 +1,197 @@
+#include "platform/PosixFileSystem.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include "platform/SystemCalls.h"
+
+namespace tessard {
+
+namespace {
+
+// openat2 answers EAGAIN when a directory on the way is renamed while ".." is resolved. It succeeds as soon
+// as nobody does so; whoever keeps renaming must not hold us up for ever.
+constexpr int kResolvingAttempts = 1000;
+
+// What a first reading of a file asks for, and grows by.
+constexpr std::size_t kReadingStep = 64UL * 1024;
+
+bool isWellFormed(std::string_view path) {
+  return path.starts_with('/') && path.find('\0') == std::string_view::npos;
+}
+
+FileAttributes::Kind kindOf(mode_t mode) {
+  if (S_ISREG(mode)) return FileAttributes::Kind::regular;
+  if (S_ISDIR(mode)) return FileAttributes::Kind::directory;
+  if (S_ISLNK(mode)) return FileAttributes::Kind::link;
+  return FileAttributes::Kind::other;
+}
+
+template <class Id>
+Id mapped(const std::map<Id, Id>& map, Id id) {
+  const auto found = map.find(id);
+  return found == map.end() ? id : found->second;
+}
+
+template <class Id>
+Id mappedBack(const std::map<Id, Id>& map, Id onDisk) {
+  std::optional<Id> found;
+  for (const auto& [specified, used] : map) {
+    if (used != onDisk) continue;
+    if (found) return onDisk;
+    found = specified;
+  }
+  return found.value_or(onDisk);
+}
+
+}  // namespace
+
+PosixFileSystem::PosixFileSystem(std::string root, OwnerMap map) : map_(std::move(map)) {
+  root_ =
+      FileDescriptor(uninterrupted([&] { return ::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+  if (!root_) rootError_ = errno;
+}
+
+Result<FileDescriptor> PosixFileSystem::open(std::string_view path, int flags) const {
+  if (!isWellFormed(path)) return SystemError(EINVAL);
+  if (!root_) return SystemError(rootError_);
+  const std::string text(path);
+  open_how how{};
+  how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC);
+  how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+  for (int attempt = 1;; ++attempt) {
+    const long opened =
+        uninterrupted([&] { return ::syscall(SYS_openat2, root_.get(), text.c_str(), &how, sizeof how); });
+    if (opened >= 0) return FileDescriptor(static_cast<int>(opened));
+    if (errno != EAGAIN || attempt == kResolvingAttempts) return SystemError::last();
+  }
+}
+
+Result<PosixFileSystem::Place> PosixFileSystem::placeOf(std::string_view path, int directoryFlags) const {
+  if (!isWellFormed(path)) return SystemError(EINVAL);
+  const std::string name = lastPathComponent(path);
+  if (name == "." || name == "..") return SystemError(EINVAL);
+  // A slash at the end: what is meant is a directory, and the kernel would follow a link of that name.
+  if (name.empty()) return SystemError(EISDIR);
+  auto directory = open(directoryOf(path), directoryFlags | O_DIRECTORY);
+  if (!directory) return directory.error();
+  return Place{std::move(directory).value(), name};
+}
+
+bool PosixFileSystem::exists(std::string_view path) {
+  return open(path, O_PATH).ok();
+}
+
+Result<FileAttributes> PosixFileSystem::attributes(std::string_view path) {
+  const auto opened = open(path, O_PATH);
+  if (!opened) return opened.error();
+  struct stat status {};
+  if (::fstat(opened.value().get(), &status) != 0) return SystemError::last();
+  FileAttributes attributes;
+  attributes.kind = kindOf(status.st_mode);
+  attributes.owner = mappedBack(map_.users, status.st_uid);
+  attributes.group = mappedBack(map_.groups, status.st_gid);
+  attributes.permissions = status.st_mode & 07777U;
+  attributes.size = static_cast<std::uint64_t>(status.st_size);
+  attributes.modified = {status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+  attributes.changed = {status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+  attributes.device = status.st_dev;
+  attributes.inode = status.st_ino;
+  return attributes;
+}
+
+Result<FileDescriptor> PosixFileSystem::openForReading(std::string_view path) const {
+  // Not blocking, so that a pipe without a writer holds nobody up before it is told from a file.
+  auto opened = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  // A socket, or a device without a driver.
+  if (!opened && opened.error().code() == ENXIO) return SystemError(EINVAL);
+  if (!opened) return opened.error();
+  struct stat status {};
+  if (::fstat(opened.value().get(), &status) != 0) return SystemError::last();
+  if (!S_ISREG(status.st_mode)) return SystemError(EINVAL);
+  return opened;
+}
+
+Result<std::string> PosixFileSystem::readFile(std::string_view path, std::size_t limit) {
+  const auto opened = openForReading(path);
+  if (!opened) return opened.error();
+  // The size that the file claims is no more than a hint: it may grow, and files of /proc claim none.
+  std::string content;
+  while (content.size() <= limit) {
+    const std::size_t before = content.size();
+    const std::size_t step = std::min(kReadingStep, limit - before + 1);
+    content.resize(before + step);
+    const auto got = readUpTo(opened.value().get(), content.data() + before, step);
+    if (!got) return got.error();
+    content.resize(before + got.value());
+    if (got.value() < step) break;
+  }
+  if (content.size() > limit) return SystemError(EFBIG);
+  return content;
+}
+
+Result<void> PosixFileSystem::renameAt(std::string_view from, std::string_view to, unsigned flags) const {
+  const auto source = placeOf(from, O_PATH);
+  if (!source) return source.error();
+  const auto target = placeOf(to, O_PATH);
+  if (!target) return target.error();
+  return resultOf(uninterrupted([&] {
+    return ::renameat2(source.value().directory.get(), source.value().name.c_str(),
+                       target.value().directory.get(), target.value().name.c_str(), flags);
+  }));
+}
+
+Result<void> PosixFileSystem::rename(std::string_view from, std::string_view to) {
+  return renameAt(from, to, 0);
+}
+
+Result<void> PosixFileSystem::exchange(std::string_view first, std::string_view second) {
+  return renameAt(first, second, RENAME_EXCHANGE);
+}
+
+Result<void> PosixFileSystem::remove(std::string_view path) {
+  const auto place = placeOf(path, O_PATH);
+  if (!place) return place.error();
+  return resultOf(uninterrupted(
+      [&] { return ::unlinkat(place.value().directory.get(), place.value().name.c_str(), 0); }));
+}
+
+Result<std::vector<std::string>> PosixFileSystem::listDirectory(std::string_view path) {
+  auto opened = open(path, O_RDONLY | O_DIRECTORY);
+  if (!opened) return opened.error();
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(::fdopendir(opened.value().get()), ::closedir);
+  if (!stream) return SystemError::last();
+  opened.value().release();
+  std::vector<std::string> names;
+  errno = 0;
+  while (const dirent* entry = ::readdir(stream.get())) {
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+    errno = 0;
+  }
+  if (errno != 0) return SystemError::last();
+  std::ranges::sort(names);
+  return names;
+}
+
+Result<void> PosixFileSystem::syncDirectory(std::string_view path) {
+  const auto opened = open(path, O_RDONLY | O_DIRECTORY);
+  if (!opened) return opened.error();
+  return resultOf(uninterrupted([&] { return ::fsync(opened.value().get()); }));
+}
+
+FileOwnership PosixFileSystem::onDisk(const FileOwnership& ownership) const {
+  FileOwnership used = ownership;
+  if (used.owner) used.owner = mapped(map_.users, *used.owner);
+  if (used.group) used.group = mapped(map_.groups, *used.group);
+  return used;
+}
+
+}  // namespace tessard

@@ -1,0 +1,176 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <vector>
+
+#include "platform/PosixFileSystem.h"
+#include "platform/SystemCalls.h"
+
+// How files and directories come into being, and get their owners.
+
+namespace tessard {
+
+namespace {
+
+constexpr mode_t kPrivateFile = 0600;
+constexpr mode_t kPrivateDirectory = 0700;
+// What directories get where nobody says otherwise.
+constexpr mode_t kUsualDirectory = 0755;
+
+constexpr std::size_t kCopyingStep = 64UL * 1024;
+
+// The name under which the kernel shows an open file, for the calls that cannot take a descriptor of every
+// kind.
+std::string shownNameOf(int descriptor) {
+  return "/proc/self/fd/" + std::to_string(descriptor);
+}
+
+// -1 leaves an id as it is.
+Result<void> changeOwner(int descriptor, const FileOwnership& ownership) {
+  if (!ownership.owner && !ownership.group) return {};
+  const uid_t owner = ownership.owner.value_or(static_cast<uid_t>(-1));
+  const gid_t group = ownership.group.value_or(static_cast<gid_t>(-1));
+  return resultOf(uninterrupted([&] { return ::fchownat(descriptor, "", owner, group, AT_EMPTY_PATH); }));
+}
+
+// The owner comes first, because a change of owner takes permission bits away.
+Result<void> apply(int descriptor, const FileOwnership& ownership, mode_t permissions) {
+  const auto owned = changeOwner(descriptor, ownership);
+  const auto permitted = resultOf(uninterrupted([&] { return ::fchmod(descriptor, permissions); }));
+  return owned ? permitted : owned;
+}
+
+Result<void> flush(int descriptor) {
+  return resultOf(uninterrupted([&] { return ::fsync(descriptor); }));
+}
+
+// close(2) can be the first to tell that content did not reach the disk.
+Result<void> closed(FileDescriptor& file) {
+  if (file.close() != 0 && errno != EINTR) return SystemError::last();
+  return {};
+}
+
+Result<void> copyContent(int from, int to) {
+  std::vector<char> buffer(kCopyingStep);
+  while (true) {
+    const auto got = readUpTo(from, buffer.data(), buffer.size());
+    if (!got) return got.error();
+    if (got.value() == 0) return {};
+    if (auto written = writeAll(to, {buffer.data(), got.value()}); !written) return written;
+  }
+}
+
+void removeQuietly(int directory, const std::string& name, int flags) {
+  // The failure that made the removal necessary is the one to report.
+  static_cast<void>(::unlinkat(directory, name.c_str(), flags));
+}
+
+// The attributes are set through the opened directory, so that nothing put in its place gets them.
+Result<void> makeDirectory(int parent, const std::string& name, const FileOwnership& ownership) {
+  if (::mkdirat(parent, name.c_str(), kPrivateDirectory) != 0) return SystemError::last();
+  const FileDescriptor made(uninterrupted(
+      [&] { return ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+  auto given = made ? apply(made.get(), ownership, ownership.permissions.value_or(kUsualDirectory))
+                    : Result<void>(SystemError::last());
+  if (!given) removeQuietly(parent, name, AT_REMOVEDIR);
+  return given;
+}
+
+std::string_view withoutSlashesAtEnd(std::string_view path) {
+  while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
+  return path;
+}
+
+}  // namespace
+
+Result<void> PosixFileSystem::createFile(std::string_view path, std::string_view content,
+                                         const FileOwnership& ownership) {
+  const auto place = placeOf(path, O_PATH);
+  if (!place) return place.error();
+  const int directory = place.value().directory.get();
+  const std::string& name = place.value().name;
+  if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) return SystemError::last();
+  FileDescriptor file(uninterrupted([&] {
+    return ::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                    kPrivateFile);
+  }));
+  if (!file) return SystemError::last();
+  // A file that cannot be given away is still a file with the content; the caller sees its attributes.
+  static_cast<void>(apply(file.get(), onDisk(ownership), ownership.permissions.value_or(kPrivateFile)).ok());
+  auto made = writeAll(file.get(), content);
+  if (made) made = flush(file.get());
+  if (made) made = closed(file);
+  if (!made) removeQuietly(directory, name, 0);
+  return made;
+}
+
+Result<void> PosixFileSystem::copyFile(std::string_view from, std::string_view to) {
+  const auto source = openForReading(from);
+  if (!source) return source.error();
+  struct stat status {};
+  if (::fstat(source.value().get(), &status) != 0) return SystemError::last();
+  const auto place = placeOf(to, O_RDONLY);
+  if (!place) return place.error();
+  const int directory = place.value().directory.get();
+  const std::string& name = place.value().name;
+  // The copy gets its name when it is complete, so nothing is left over whatever happens before.
+  FileDescriptor copy(uninterrupted(
+      [&] { return ::openat(directory, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kPrivateFile); }));
+  if (!copy) return SystemError::last();
+  const FileOwnership same{status.st_uid, status.st_gid, std::nullopt};
+  if (auto given = apply(copy.get(), same, status.st_mode & 07777U); !given) return given;
+  if (auto copied = copyContent(source.value().get(), copy.get()); !copied) return copied;
+  if (auto flushed = flush(copy.get()); !flushed) return flushed;
+  if (::linkat(AT_FDCWD, shownNameOf(copy.get()).c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+    return SystemError::last();
+  }
+  auto made = flush(directory);
+  if (made) made = closed(copy);
+  if (!made) removeQuietly(directory, name, 0);
+  return made;
+}
+
+Result<void> PosixFileSystem::createDirectory(std::string_view path, const FileOwnership& ownership,
+                                              bool withParents) {
+  path = withoutSlashesAtEnd(path);
+  if (path == "/") return SystemError(EEXIST);
+  if (withParents) {
+    if (auto made = ensureDirectory(directoryOf(path)); !made) return made;
+  }
+  const auto place = placeOf(path, O_PATH);
+  if (!place) return place.error();
+  return makeDirectory(place.value().directory.get(), place.value().name, onDisk(ownership));
+}
+
+Result<void> PosixFileSystem::ensureDirectory(std::string_view path) const {
+  path = withoutSlashesAtEnd(path);
+  const auto opened = open(path, O_PATH | O_DIRECTORY);
+  if (opened) return {};
+  if (opened.error().code() != ENOENT || path == "/") return opened.error();
+  if (auto made = ensureDirectory(directoryOf(path)); !made) return made;
+  const auto place = placeOf(path, O_PATH);
+  if (!place) return place.error();
+  auto made = makeDirectory(place.value().directory.get(), place.value().name, {});
+  if (made || made.error().code() != EEXIST) return made;
+  // Somebody else was faster, or the name is a link that leads nowhere.
+  const auto found = open(path, O_PATH | O_DIRECTORY);
+  if (!found) return found.error();
+  return {};
+}
+
+Result<void> PosixFileSystem::setOwnership(std::string_view path, const FileOwnership& ownership) {
+  const auto opened = open(withoutSlashesAtEnd(path), O_PATH | O_NOFOLLOW);
+  if (!opened) return opened.error();
+  const int descriptor = opened.value().get();
+  struct stat status {};
+  if (::fstat(descriptor, &status) != 0) return SystemError::last();
+  if (S_ISLNK(status.st_mode)) return SystemError(ELOOP);
+  if (auto owned = changeOwner(descriptor, onDisk(ownership)); !owned) return owned;
+  if (!ownership.permissions) return {};
+  // fchmod(2) refuses a descriptor that was opened for its path only, and no other kind can be had of a file
+  // that may not be read.
+  return resultOf(
+      uninterrupted([&] { return ::chmod(shownNameOf(descriptor).c_str(), *ownership.permissions); }));
+}
+
+}  // namespace tessard
