@@ -79,11 +79,13 @@ class FileSystem {
   virtual Result<void> remove(std::string_view path) = 0;
 
   /// Makes a directory with exactly these attributes (the process's umask does not count). EEXIST when the
-  /// name is taken. `withParents`: missing parents are made first, mode 0755, owned by the caller. When
-  /// setting the attributes fails, the directory is removed again and the call fails.
+  /// name is taken. Where no permissions are given, 0755. `withParents`: missing parents are made first, mode
+  /// 0755, owned by the caller. When setting the attributes fails, the directory is removed again and the
+  /// call fails.
   virtual Result<void> createDirectory(std::string_view path, const FileOwnership& ownership,
                                        bool withParents) = 0;
 
+  /// Gives a file or directory a new owner, group or permissions. ELOOP for a link.
   virtual Result<void> setOwnership(std::string_view path, const FileOwnership& ownership) = 0;
 
   /// Names in the directory, without "." and "..", sorted.
