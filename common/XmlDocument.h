@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/Result.h"
@@ -12,12 +13,28 @@
 namespace tessard {
 
 struct XmlNodeData;
-struct XmlDocumentData;
+struct XmlDocumentNode;
+struct XmlTree;
+
+/// Error codes of `XmlDocument` that are not the parser's own (those are below 1000).
+enum XmlErrorCode : int {
+  kXmlDocumentTypeRefused = 1001,  ///< a document type declaration
+  kXmlNestingTooDeep = 1002,       ///< more than `kXmlDepthLimit` levels of elements
+  kXmlEncodingRefused = 1003,      ///< UTF-16
+  kXmlTooLarge = 1004,             ///< more than `kXmlSizeLimit` bytes
+  kXmlUnwritable = 1005,           ///< a changed part that XML, or the document's encoding, cannot hold
+};
+
+inline constexpr std::size_t kXmlDepthLimit = 256;
+inline constexpr std::size_t kXmlSizeLimit = 256 * 1024 * 1024;
 
 /// A node of an XML tree: a handle, cheap to copy, that compares equal to every other handle of the same
 /// node. An empty handle stands for "no such node"; operations on it give empty, absent or false and change
 /// nothing. A handle keeps the tree that its node belongs to alive. A node that has been detached, and a node
-/// that was just made, belongs to no tree until it is appended.
+/// that was just made, has no parent until it is appended; its handles stay good, before and after. Texts go
+/// in and out as UTF-8, whatever the encoding of the file.
+///
+/// Not safe for use by several threads at once: nodes of one tree share state.
 class XmlNode {
  public:
   enum class Kind { element, comment, text, other };
@@ -29,38 +46,50 @@ class XmlNode {
   static XmlNode makeComment(std::string_view text);
 
   explicit operator bool() const { return node_ != nullptr; }
-  bool operator==(const XmlNode&) const = default;
+  bool operator==(const XmlNode& other) const { return node_ == other.node_; }
 
   Kind kind() const;
   bool isElement() const { return node_ && kind() == Kind::element; }
   bool isComment() const { return node_ && kind() == Kind::comment; }
 
-  /// The name of an element; empty for every other kind.
+  /// The name of an element, with its prefix as written; empty for every other kind. Valid as long as the
+  /// node's tree and until the element's attributes are changed.
   std::string_view name() const;
 
-  /// Of an element: all text and CDATA below it, comments left out, untrimmed. Of a comment or text: its
-  /// text, references resolved.
+  /// Of an element: all text and CDATA below it, comments left out, untrimmed. Of a text node: its text,
+  /// references resolved. Of a comment: its text as written (a comment has no references). Line ends are
+  /// "\n".
   std::string stringValue() const;
 
-  /// An element's new content is the text alone.
+  /// Of an element: its new content is the text alone, and nothing at all for an empty text. Of a comment or
+  /// text node: its new text. Nodes of other kinds stay as they are.
+  ///
+  /// A comment cannot hold "--" or end in "-": the second of two hyphens and a last one become "&#45;", so
+  /// that an element written in the comment keeps its value.
   void setStringValue(std::string_view text) const;
 
+  /// Empty for a document's root element and for what stands beside it.
   XmlNode parent() const;
-  /// The children of every kind, in document order; white space between elements is a text node.
+  /// The children of every kind, in document order; text between two tags, white space included, is one text
+  /// node.
   std::vector<XmlNode> children() const;
   XmlNode firstChild() const;
   XmlNode nextSibling() const;
 
-  /// Attributes of an element, by their names as written.
+  /// Attributes of an element, by their names as written. Setting and removing do nothing on other kinds.
   std::optional<std::string> attribute(std::string_view name) const;
   std::vector<std::pair<std::string, std::string>> attributes() const;
   void setAttribute(std::string_view name, std::string_view value) const;
   void removeAttribute(std::string_view name) const;
 
-  /// Takes the node out of its tree, with the layout that was its own. No effect on a node without a parent.
+  /// Takes the node out of its tree, and the line that it stood on when nothing else stands there. No effect
+  /// on a node without a parent.
   void detach() const;
 
-  /// Adds a node as this element's last child, detaching it from wherever it is, laid out like its siblings.
+  /// Adds a node as this element's last child, detaching it from wherever it is (the root of another document
+  /// leaves that document without one). It comes after the last child that is not white space, on a line of
+  /// its own, indented like its siblings; next to real text nothing is added around it. No effect when this
+  /// is no element, or is the child itself or inside it.
   void append(const XmlNode& child) const;
 
   /// For a comment whose text begins with "<" and is one whole XML element by itself: that element, parsed
@@ -69,33 +98,37 @@ class XmlNode {
 
  private:
   friend class XmlDocument;
-  XmlNode(std::shared_ptr<XmlDocumentData> tree, XmlNodeData* node);
+  XmlNode(std::shared_ptr<XmlTree> tree, XmlNodeData* node);
+  XmlNode sameTree(XmlNodeData* node) const;
 
-  std::shared_ptr<XmlDocumentData> tree_;
+  std::shared_ptr<XmlTree> tree_;
   XmlNodeData* node_ = nullptr;
 };
 
 /// An XML file in memory. Writing it out gives back, byte for byte, what was read wherever nothing was
-/// changed.
+/// changed. Copies share one tree.
 class XmlDocument {
  public:
-  /// Parses strictly, by the rules of the parser that jabberd2 itself uses: what that refuses fails with its
-  /// error code and a description that names the line. A document type declaration is refused, nothing is
-  /// ever fetched.
+  /// Parses strictly, by the rules of the parser that jabberd2 itself uses (without namespaces): what that
+  /// refuses fails with its error code and a description that names the line. Document type declarations and
+  /// UTF-16 are refused with codes of our own, and nothing is ever fetched.
   static Result<XmlDocument> parse(std::string bytes);
 
+  /// Empty only when the root was appended to another tree.
   XmlNode root() const;
 
-  /// The document as bytes. Changed parts keep the layout around them; added nodes are indented like their
-  /// siblings; a document that has no layout at all and was changed is indented by two blanks a level; empty
-  /// elements take the short form. Fails when a changed part holds text that XML cannot (see `isXmlText`) or
-  /// a name that is none.
+  /// The document as bytes, in the encoding it was read in. Changed parts keep the layout around them; a
+  /// document that has no line breaks between elements and was changed is indented by two blanks a level, its
+  /// empty elements in the short form. Characters that the encoding lacks become references. Fails with
+  /// `kXmlUnwritable` when a changed part holds text that XML cannot (see `isXmlText`) or a name that is
+  /// none, and with `kXmlNestingTooDeep`; what it gives, `parse` accepts.
   Result<std::string> serialize() const;
 
  private:
-  explicit XmlDocument(std::shared_ptr<XmlDocumentData> tree) : tree_(std::move(tree)) {}
+  XmlDocument(std::shared_ptr<XmlTree> tree, XmlDocumentNode* document);
 
-  std::shared_ptr<XmlDocumentData> tree_;
+  std::shared_ptr<XmlTree> tree_;
+  XmlDocumentNode* document_;
 };
 
 }  // namespace tessard
