@@ -1,0 +1,182 @@
+#include "host/Daemon.h"
+
+#include <sys/eventfd.h>
+#include <sysexits.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+
+#include "common/Format.h"
+#include "common/Platform.h"
+#include "host/BundleLoader.h"
+#include "host/HostLog.h"
+#include "host/HttpServer.h"
+#include "host/ListeningSocket.h"
+#include "host/PeerCheck.h"
+#include "host/RequestExecutor.h"
+#include "host/RequestRouter.h"
+#include "host/Version.h"
+#include "host/WorkSlot.h"
+#include "platform/DirectoryBundles.h"
+#include "platform/FileDescriptor.h"
+#include "platform/LinuxHostNames.h"
+#include "platform/LinuxProcesses.h"
+#include "platform/OfflineNetwork.h"
+#include "platform/OfflineServiceManager.h"
+#include "platform/PosixFileSystem.h"
+#include "platform/PosixTasks.h"
+#include "platform/SystemClock.h"
+#include "platform/SystemRandom.h"
+#include "platform/SystemSyslog.h"
+#include "platform/UnistringUnicode.h"
+
+namespace tessard {
+
+namespace {
+
+// Written by the signal handler, which can be given nothing.
+int stopEventForSignals = -1;
+
+void requestStop(int /*signal*/) {
+  const int saved = errno;
+  const std::uint64_t one = 1;
+  if (write(stopEventForSignals, &one, sizeof one) < 0) errno = saved;
+  errno = saved;
+}
+
+void ignoreByHandler(int /*signal*/) {}
+
+// Handlers, and no blocked or ignored signals: those would be handed on to the programs that are started.
+void catchSignals(int stopEvent) {
+  stopEventForSignals = stopEvent;
+  struct sigaction action {};
+  action.sa_flags = SA_RESTART;
+  action.sa_handler = requestStop;
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGINT, &action, nullptr);
+  action.sa_handler = ignoreByHandler;
+  sigaction(SIGPIPE, &action, nullptr);
+  sigaction(SIGHUP, &action, nullptr);
+}
+
+// The real parts of everything outside.
+struct RealPlatform {
+  explicit RealPlatform(const HostConfiguration& configuration)
+      : files(configuration.root),
+        tasks(configuration.root, configuration.programsDirectory),
+        processes(files),
+        hostNames(files),
+        network(files),
+        bundles(files) {}
+
+  SystemSyslog syslog;
+  Log log{syslog};
+  PosixFileSystem files;
+  PosixTasks tasks;
+  OfflineServiceManager services;
+  LinuxProcesses processes;
+  LinuxHostNames hostNames;
+  OfflineNetwork network;
+  SystemClock clock;
+  SystemRandom random;
+  UnistringUnicode unicode;
+  DirectoryBundles bundles;
+  Platform platform{files, tasks,  services, processes, hostNames, network,
+                    clock, random, unicode,  bundles,   log};
+};
+
+class Daemon {
+ public:
+  explicit Daemon(const HostConfiguration& configuration)
+      : configuration_(configuration),
+        real_(configuration),
+        hostLog_(real_.syslog),
+        executor_(real_.platform),
+        slot_(std::chrono::seconds(configuration.idleSeconds), [this](int count) { doIdleWork(count); }) {}
+
+  int run() {
+    const FileDescriptor stopEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!stopEvent) return refuse(EX_OSERR, SystemError::last());
+    catchSignals(stopEvent.get());
+    auto lock = RootLock::take(real_.files, configuration_.root);
+    if (!lock) return refuse(lock.error().code() == EBUSY ? EX_TEMPFAIL : EX_OSERR, lock.error());
+    const auto adminGroup = groupNamed(configuration_.adminGroup);
+    auto socket = ListeningSocket::open(configuration_, real_.files, adminGroup);
+    if (!socket) return refuse(socket.error().code() == EADDRINUSE ? EX_TEMPFAIL : EX_OSERR, socket.error());
+    if (!adminGroup) {
+      hostLog_.notice(
+          fill("There is no group \"%@\"; only root may send requests.", {configuration_.adminGroup}));
+    }
+    loadPlugins();
+    return serve(PeerCheck(adminGroup), stopEvent.get(), socket.value());
+  }
+
+ private:
+  int refuse(int status, const SystemError& reason) {
+    hostLog_.error(fill("Not started: %@.", {reason.description()}));
+    slot_.stop();
+    return status;
+  }
+
+  void loadPlugins() {
+    slot_.callAndWait([this] {
+      plugins_ = BundleLoader(configuration_.root, real_.bundles, real_.platform)
+                     .loadAll(configuration_.bundlesDirectory);
+    });
+    for (const auto& [name, problem] : plugins_.problems) {
+      hostLog_.error(fill("The plug-in \"%@\" is not loaded: %@.", {name, problem}));
+    }
+    if (plugins_.handlers.empty() && plugins_.problems.empty()) {
+      hostLog_.error(fill("There are no plug-ins in %@.", {configuration_.bundlesDirectory}));
+    }
+  }
+
+  int serve(const PeerCheck& peers, int stopEvent, ListeningSocket& socket) {
+    const RequestRouter router(plugins_, executor_, slot_);
+    const HttpLimits limits{std::chrono::seconds(configuration_.requestSeconds),
+                            std::chrono::seconds(configuration_.queueSeconds),
+                            configuration_.maximumConnections};
+    HttpServer server(peers, router, slot_, limits,
+                      [this](const std::string& sentence) { hostLog_.notice(sentence); });
+    if (const auto started = server.start(); !started) return refuse(EX_OSERR, started.error());
+    hostLog_.notice(
+        fill("Version %@ serves %@ for the root %@.",
+             {kVersion,
+              socket.fromServiceManager() ? "the socket of the service manager" : configuration_.socketPath,
+              configuration_.root}));
+    sd_notify(0, "READY=1");
+    server.acceptUntil(stopEvent, socket.descriptor());
+    sd_notify(0, "STOPPING=1");
+    hostLog_.notice("Stopping after the request that is running.");
+    socket.close();
+    slot_.stop();
+    server.stop();
+    hostLog_.notice("Stopped.");
+    return EX_OK;
+  }
+
+  void doIdleWork(int count) {
+    for (const auto& [name, handler] : plugins_.handlers) executor_.idle(*handler, count);
+  }
+
+  const HostConfiguration configuration_;
+  RealPlatform real_;
+  HostLog hostLog_;
+  RequestExecutor executor_;
+  Plugins plugins_;
+  WorkSlot slot_;
+};
+
+}  // namespace
+
+int runDaemon(const HostConfiguration& configuration) {
+  openlog("tessardd", LOG_PID, LOG_DAEMON);
+  return Daemon(configuration).run();
+}
+
+}  // namespace tessard

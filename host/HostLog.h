@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "common/Log.h"
+
+namespace tessard {
+
+/// What the daemon has to say about itself: one sentence at a time, to standard error and to the system log.
+class HostLog {
+ public:
+  explicit HostLog(Syslog& syslog) : syslog_(syslog) {}
+
+  void notice(const std::string& sentence);
+  void error(const std::string& sentence);
+
+ private:
+  void say(int priority, const std::string& sentence);
+
+  Syslog& syslog_;
+};
+
+}  // namespace tessard

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tessard {
+
+/// One HTTP request, read whole.
+struct HttpRequest {
+  std::string method;
+  std::string path;  ///< without the query
+  std::optional<std::string> contentType;
+  std::optional<std::string> accept;
+  std::optional<std::string> with;  ///< the query argument of that name
+  std::string body;
+};
+
+struct HttpAnswer {
+  unsigned status = 200;
+  std::string contentType;
+  std::string body;
+  std::string allow{};  ///< the Allow header, where there is one
+};
+
+/// An answer of the host itself: {"error": id, "message": message} as JSON. Ids are stable; the message is
+/// one sentence for a person.
+HttpAnswer errorAnswer(unsigned status, std::string_view id, std::string_view message);
+
+/// An answer as the bytes of a whole HTTP/1.1 message that ends the connection, for clients whose request is
+/// not read (on).
+std::string wholeMessage(const HttpAnswer& answer);
+
+}  // namespace tessard

@@ -1,0 +1,272 @@
+#include "host/HttpServer.h"
+
+#include <microhttpd.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+#include "common/Format.h"
+
+namespace tessard {
+
+namespace {
+
+using Phase = ConnectionTable::Phase;
+
+// How soon a deadline that has passed is noticed.
+constexpr int kTickMilliseconds = 250;
+
+HttpAnswer tooLarge() {
+  return errorAnswer(413, "too-large", fill("The body is larger than %lu bytes.", {kBodyLimit}));
+}
+
+int descriptorOf(MHD_Connection* connection) {
+  const auto* information = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+  return information ? information->connect_fd : -1;
+}
+
+std::optional<std::string> headerOf(MHD_Connection* connection, MHD_ValueKind kind, const char* name) {
+  const char* value = MHD_lookup_connection_value(connection, kind, name);
+  if (!value) return std::nullopt;
+  return value;
+}
+
+// Whether the client has closed its end; one that has only finished sending has not.
+bool hasLeft(int descriptor) {
+  pollfd watched{descriptor, 0, 0};
+  return poll(&watched, 1, 0) == 1 && (watched.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+bool announcesTooMuch(MHD_Connection* connection) {
+  const auto length = headerOf(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+  if (!length) return false;
+  std::size_t announced = 0;
+  const auto read = std::from_chars(length->data(), length->data() + length->size(), announced);
+  return read.ec != std::errc() || announced > kBodyLimit;
+}
+
+void sendNow(int connection, const HttpAnswer& answer) {
+  const std::string message = wholeMessage(answer);
+  send(connection, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+}  // namespace
+
+// One request and its answer. Belongs to the server's thread, and to the worker while the connection is
+// suspended.
+struct HttpServer::Exchange {
+  HttpRequest request;
+  bool dispatched = false;
+  HttpAnswer answer;
+};
+
+// The library's C callbacks; nothing may be thrown into it.
+struct HttpServer::Callbacks {
+  static MHD_Result handle(void* server, MHD_Connection* connection, const char* url, const char* method,
+                           const char* /*version*/, const char* upload, std::size_t* uploadSize,
+                           void** context) {
+    try {
+      return static_cast<MHD_Result>(
+          static_cast<HttpServer*>(server)->handle(connection, url, method, upload, uploadSize, context));
+    } catch (...) {
+      return MHD_NO;
+    }
+  }
+
+  static void* began(void* server, const char* /*uri*/, MHD_Connection* connection) {
+    static_cast<HttpServer*>(server)->table_.enter(connection, Phase::reading);
+    return nullptr;
+  }
+
+  static void completed(void* server, MHD_Connection* connection, void** context,
+                        MHD_RequestTerminationCode /*reason*/) {
+    delete static_cast<Exchange*>(*context);
+    *context = nullptr;
+    static_cast<HttpServer*>(server)->table_.enter(connection, Phase::between);
+  }
+
+  static void connectionChanged(void* server, MHD_Connection* connection, void** /*context*/,
+                                MHD_ConnectionNotificationCode what) {
+    auto* self = static_cast<HttpServer*>(server);
+    if (what == MHD_CONNECTION_NOTIFY_STARTED) {
+      self->table_.add(connection, descriptorOf(connection));
+    } else {
+      self->table_.remove(connection);
+      --self->open_;
+    }
+  }
+};
+
+HttpServer::HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot, HttpLimits limits,
+                       std::function<void(const std::string&)> report)
+    : peers_(peers),
+      router_(router),
+      slot_(slot),
+      limits_(limits),
+      report_(std::move(report)),
+      table_(limits.request) {}
+
+HttpServer::~HttpServer() {
+  stop();
+}
+
+Result<void> HttpServer::start() {
+  // No limit of the library's own: ours counts earlier and has an answer for those that are too many.
+  daemon_ =
+      MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ITC |
+                           MHD_USE_NO_LISTEN_SOCKET | MHD_ALLOW_SUSPEND_RESUME,
+                       0, nullptr, nullptr, &Callbacks::handle, this, MHD_OPTION_URI_LOG_CALLBACK,
+                       &Callbacks::began, this, MHD_OPTION_NOTIFY_COMPLETED, &Callbacks::completed, this,
+                       MHD_OPTION_NOTIFY_CONNECTION, &Callbacks::connectionChanged, this, MHD_OPTION_END);
+  if (!daemon_) return SystemError(errno, "the HTTP server cannot be started");
+  return {};
+}
+
+void HttpServer::acceptUntil(int stopEvent, int listener) {
+  bool canAccept = true;
+  while (true) {
+    std::array<pollfd, 2> watched = {{{stopEvent, POLLIN, 0}, {listener, POLLIN, 0}}};
+    const bool tick = !canAccept || open_ > 0;
+    const nfds_t count = canAccept ? 2 : 1;
+    if (poll(watched.data(), count, tick ? kTickMilliseconds : -1) < 0 && errno != EINTR) {
+      report_(fill("Waiting for clients failed: %@.", {SystemError::last().description()}));
+      return;
+    }
+    if (watched[0].revents != 0) return;
+    canAccept = true;
+    while (canAccept && acceptOne(listener)) {
+    }
+    // Out of descriptors or memory: the listener stays readable, so it is left alone until the next tick.
+    canAccept = errno == EAGAIN || errno == EINTR || errno == ECONNABORTED;
+    const auto now = std::chrono::steady_clock::now();
+    slot_.refuseLateJobs(now);
+    table_.endSlowConnections(now);
+  }
+}
+
+// False, with errno set, when there was no connection to take.
+bool HttpServer::acceptOne(int listener) {
+  const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  if (connection < 0) return false;
+  const auto peer = peerOf(connection);
+  if (!peer || !peers_.mayConnect(peer.value())) {
+    report_(peer ? fill("Refused a connection of user %u.", {peer.value().user})
+                 : fill("Refused a connection of nobody knows whom: %@.", {peer.error().description()}));
+    refuse(connection, errorAnswer(403, "refused",
+                                   "Only root and members of the administrators' group may send requests."));
+  } else if (open_ >= limits_.connections) {
+    refuse(connection, errorAnswer(503, "too-many-connections", "Too many connections are open; try again."));
+  } else {
+    ++open_;
+    sockaddr address{};
+    address.sa_family = AF_UNIX;
+    if (MHD_add_connection(daemon_, connection, &address, sizeof address) != MHD_YES) --open_;
+  }
+  return true;
+}
+
+void HttpServer::refuse(int connection, const HttpAnswer& answer) {
+  sendNow(connection, answer);
+  shutdown(connection, SHUT_WR);
+  close(connection);
+}
+
+int HttpServer::handle(MHD_Connection* connection, const char* url, const char* method, const char* upload,
+                       std::size_t* uploadSize, void** context) {
+  if (!*context) return beginExchange(connection, url, method, context);
+  auto& exchange = *static_cast<Exchange*>(*context);
+  if (*uploadSize > 0) return takeUpload(connection, exchange, upload, uploadSize);
+  if (!exchange.dispatched) return dispatch(connection, exchange);
+  return queueAnswer(connection, exchange.answer);
+}
+
+int HttpServer::beginExchange(MHD_Connection* connection, const char* url, const char* method,
+                              void** context) {
+  auto exchange = std::make_unique<Exchange>();
+  HttpRequest& request = exchange->request;
+  request.method = method;
+  request.path = url;
+  request.contentType = headerOf(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE);
+  request.accept = headerOf(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_ACCEPT);
+  request.with = headerOf(connection, MHD_GET_ARGUMENT_KIND, "with");
+  *context = exchange.release();
+  return announcesTooMuch(connection) ? queueAnswer(connection, tooLarge()) : MHD_YES;
+}
+
+int HttpServer::takeUpload(MHD_Connection* connection, Exchange& exchange, const char* upload,
+                           std::size_t* uploadSize) {
+  std::string& body = exchange.request.body;
+  if (body.size() + *uploadSize > kBodyLimit) {
+    // The library takes no answer in the middle of a body, and this one may never end.
+    sendNow(descriptorOf(connection), tooLarge());
+    return MHD_NO;
+  }
+  body.append(upload, *uploadSize);
+  *uploadSize = 0;
+  return MHD_YES;
+}
+
+int HttpServer::dispatch(MHD_Connection* connection, Exchange& exchange) {
+  exchange.dispatched = true;
+  table_.enter(connection, Phase::working);
+  RoutedRequest routed;
+  try {
+    routed = router_.route(exchange.request);
+  } catch (const std::exception& problem) {
+    routed.answer = errorAnswer(500, "internal", fill("The daemon failed: %@.", {problem.what()}));
+  }
+  if (routed.answer) return queueAnswer(connection, *routed.answer);
+  MHD_suspend_connection(connection);
+  submit(connection, exchange, std::move(routed));
+  return MHD_YES;
+}
+
+void HttpServer::submit(MHD_Connection* connection, Exchange& exchange, RoutedRequest routed) {
+  const auto answer = [connection, &exchange](HttpAnswer given) {
+    exchange.answer = std::move(given);
+    MHD_resume_connection(connection);  // from here on the exchange is the server's again
+  };
+  WorkSlot::Job job;
+  job.label = std::move(routed.label);
+  job.deadline = std::chrono::steady_clock::now() + limits_.queue;
+  job.isAbandoned = [descriptor = descriptorOf(connection)] { return hasLeft(descriptor); };
+  job.refuse = [answer](WorkSlot::Refusal reason) { answer(RequestRouter::refusal(reason)); };
+  job.run = [answer, work = std::move(routed.work)] {
+    HttpAnswer given;
+    try {
+      given = work();
+    } catch (const std::exception& problem) {
+      given = errorAnswer(500, "internal", fill("The daemon failed: %@.", {problem.what()}));
+    }
+    answer(std::move(given));
+  };
+  slot_.submit(std::move(job));
+}
+
+int HttpServer::queueAnswer(MHD_Connection* connection, const HttpAnswer& answer) {
+  table_.enter(connection, Phase::answering);
+  // The library's interface lacks a const; it copies the bytes.
+  MHD_Response* response = MHD_create_response_from_buffer(
+      answer.body.size(), const_cast<char*>(answer.body.data()), MHD_RESPMEM_MUST_COPY);
+  if (!response) return MHD_NO;
+  MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, answer.contentType.c_str());
+  if (!answer.allow.empty()) MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, answer.allow.c_str());
+  const MHD_Result queued = MHD_queue_response(connection, answer.status, response);
+  MHD_destroy_response(response);
+  return queued;
+}
+
+void HttpServer::stop() {
+  if (!daemon_) return;
+  table_.waitForAnswers();
+  MHD_stop_daemon(std::exchange(daemon_, nullptr));
+}
+
+}  // namespace tessard

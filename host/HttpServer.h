@@ -1,0 +1,75 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "common/Result.h"
+#include "host/ConnectionTable.h"
+#include "host/HttpMessage.h"
+#include "host/PeerCheck.h"
+#include "host/RequestRouter.h"
+#include "host/WorkSlot.h"
+
+struct MHD_Daemon;
+struct MHD_Connection;
+
+namespace tessard {
+
+inline constexpr std::size_t kBodyLimit = 1024 * 1024;
+
+struct HttpLimits {
+  std::chrono::seconds request{30};  ///< to send one request, or to take one answer
+  std::chrono::seconds queue{120};   ///< for a request to wait for the work slot
+  std::size_t connections = 64;
+};
+
+/// HTTP/1.1 over a listening Unix socket. A client's right to connect is decided before a byte of it is read.
+/// One thread serves all connections and never waits for one; a request is read whole before it asks for the
+/// work slot.
+class HttpServer {
+ public:
+  /// All is borrowed and outlives the server. `report` is told of refused clients, one sentence each.
+  HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot, HttpLimits limits,
+             std::function<void(const std::string&)> report);
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+  ~HttpServer();
+
+  Result<void> start();
+
+  /// Takes connections from a non-blocking listening socket until `stopEvent` is readable.
+  void acceptUntil(int stopEvent, int listener);
+
+  /// Sends the answers that are due, waiting for them no longer than a client may take for one, and closes
+  /// every connection. The work slot is to be stopped before.
+  void stop();
+
+ private:
+  struct Exchange;
+  struct Callbacks;
+
+  bool acceptOne(int listener);
+  void refuse(int connection, const HttpAnswer& answer);
+  int handle(MHD_Connection* connection, const char* url, const char* method, const char* upload,
+             std::size_t* uploadSize, void** context);
+  int beginExchange(MHD_Connection* connection, const char* url, const char* method, void** context);
+  int takeUpload(MHD_Connection* connection, Exchange& exchange, const char* upload, std::size_t* uploadSize);
+  int dispatch(MHD_Connection* connection, Exchange& exchange);
+  void submit(MHD_Connection* connection, Exchange& exchange, RoutedRequest routed);
+  int queueAnswer(MHD_Connection* connection, const HttpAnswer& answer);
+
+  const PeerCheck& peers_;
+  const RequestRouter& router_;
+  WorkSlot& slot_;
+  const HttpLimits limits_;
+  const std::function<void(const std::string&)> report_;
+  ConnectionTable table_;
+  std::atomic<std::size_t> open_{0};
+  MHD_Daemon* daemon_ = nullptr;
+};
+
+}  // namespace tessard

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "common/NetworkChangeContext.h"
+#include "common/Platform.h"
+#include "common/PluginRequestHandler.h"
+#include "common/Value.h"
+
+namespace tessard {
+
+/// How a call into a plug-in ended.
+struct ExecutionOutcome {
+  enum class Kind {
+    answered,
+    unknownCommand,
+    noAnswer,  ///< the plug-in gave nothing back
+    failed,    ///< the plug-in threw; `problem` says what
+  };
+
+  Kind kind = Kind::answered;
+  Dictionary answer{};
+  std::string problem{};
+  Array log{};  ///< warning and error lines of this call, as `RequestLog` has them
+};
+
+/// The one place through which requests and events reach a plug-in. Used on the thread that carries them;
+/// nothing that a plug-in throws gets past it.
+class RequestExecutor : public Object {
+ public:
+  explicit RequestExecutor(Platform& platform) : Object(platform.log), platform_(platform) {}
+
+  /// Carries out one request. When an "initialSetup" has succeeded (its answer holds no "error"), the marker
+  /// of the host's own first-time setup, "/var/db/.VeltoSetupDone", is written where it is missing.
+  ExecutionOutcome execute(PluginRequestHandler& handler, std::string_view command,
+                           const Dictionary& request);
+
+  ExecutionOutcome idle(PluginRequestHandler& handler, int count);
+  ExecutionOutcome networkChanged(PluginRequestHandler& handler, const NetworkChangeContext& context);
+
+ private:
+  ExecutionOutcome guarded(std::string_view what, const std::function<void(ExecutionOutcome&)>& call);
+  void call(PluginRequestHandler& handler, std::string_view command, const Dictionary& request,
+            ExecutionOutcome& outcome);
+  void writeSetupMarker();
+
+  Platform& platform_;
+};
+
+}  // namespace tessard

@@ -1,0 +1,192 @@
+#include "host/RequestRouter.h"
+
+#include "common/Format.h"
+#include "host/JsonCodec.h"
+#include "host/Version.h"
+
+namespace tessard {
+
+namespace {
+
+constexpr std::string_view kPluginsPath = "/v1/plugins/";
+constexpr std::string_view kIdlePath = "/v1/events/idle";
+constexpr std::string_view kNetworkChangePath = "/v1/events/network-change";
+constexpr std::string_view kHealthPath = "/v1/health";
+
+RoutedRequest answered(HttpAnswer answer) {
+  return {std::move(answer)};
+}
+
+HttpAnswer serialized(const MediaType& type, const Value& value) {
+  auto text = type.serialize(value);
+  if (!text) {
+    return errorAnswer(
+        500, "unserializable-answer",
+        fill("The answer cannot be written as %@: %@.", {type.name(), text.error().description()}));
+  }
+  return {200, type.name(), std::move(text).value()};
+}
+
+HttpAnswer answerTo(const HttpRequest& request, const MediaType& sent, Dictionary answer, Array log) {
+  const MediaType type = MediaType::forAnswer(request.accept, sent);
+  if (!request.with) return serialized(type, std::move(answer));
+  return serialized(type, Dictionary{{"answer", std::move(answer)}, {"log", std::move(log)}});
+}
+
+HttpAnswer failureAnswer(const HttpRequest& request, std::string_view id, std::string_view message,
+                         const Array& log) {
+  HttpAnswer answer = errorAnswer(500, id, message);
+  if (request.with) {
+    answer.body = serializeJson(Dictionary{{"error", id}, {"message", message}, {"log", log}}) + "\n";
+  }
+  return answer;
+}
+
+HttpAnswer answerTo(const HttpRequest& request, const MediaType& sent, std::string_view command,
+                    ExecutionOutcome outcome) {
+  switch (outcome.kind) {
+    case ExecutionOutcome::Kind::answered:
+      return answerTo(request, sent, std::move(outcome.answer), std::move(outcome.log));
+    case ExecutionOutcome::Kind::unknownCommand:
+      return errorAnswer(404, "unknown-command", fill("The plug-in knows no command \"%@\".", {command}));
+    case ExecutionOutcome::Kind::noAnswer:
+      return failureAnswer(request, "no-answer", fill("The plug-in gave no answer to \"%@\".", {command}),
+                           outcome.log);
+    case ExecutionOutcome::Kind::failed:
+      break;
+  }
+  return failureAnswer(
+      request, "plugin-failed",
+      fill("The plug-in failed while it handled \"%@\"; the system log says more.", {command}), outcome.log);
+}
+
+HttpAnswer methodNotAllowed(std::string_view allowed) {
+  HttpAnswer answer = errorAnswer(405, "method-not-allowed", fill("Only %@ is possible here.", {allowed}));
+  answer.allow = allowed;
+  return answer;
+}
+
+}  // namespace
+
+// A request's body, parsed, or the answer that says why it could not be.
+struct RequestRouter::Body {
+  static Body of(const HttpRequest& request, bool mayBeEmpty) {
+    if (request.body.empty() && mayBeEmpty) return {};
+    if (!request.contentType) {
+      return {errorAnswer(415, "unsupported-media-type", "The Content-Type of the body is not given.")};
+    }
+    const auto type = MediaType::fromContentType(*request.contentType);
+    if (!type) {
+      return {errorAnswer(415, "unsupported-media-type",
+                          fill("The Content-Type must be application/json, application/xml, text/xml or "
+                               "application/x-plist in UTF-8, not \"%@\".",
+                               {*request.contentType}))};
+    }
+    auto value = type->parse(request.body);
+    if (!value) {
+      return {errorAnswer(400, "malformed-body",
+                          fill("The body cannot be read: %@.", {value.error().description()}))};
+    }
+    Dictionary* dictionary = value.value().asDictionary();
+    if (!dictionary) return {errorAnswer(400, "not-a-dictionary", "The body must hold a dictionary.")};
+    return {std::nullopt, *type, std::move(*dictionary)};
+  }
+
+  std::optional<HttpAnswer> refusal{};
+  MediaType type = MediaType::json();
+  Dictionary content{};
+};
+
+RoutedRequest RequestRouter::route(const HttpRequest& request) const {
+  const bool isPlugin = request.path.starts_with(kPluginsPath);
+  const bool isEvent = request.path == kIdlePath || request.path == kNetworkChangePath;
+  if (!isPlugin && !isEvent && request.path != kHealthPath) {
+    return answered(errorAnswer(404, "not-found", fill("There is nothing at \"%@\".", {request.path})));
+  }
+  if (request.with && *request.with != "log") {
+    return answered(errorAnswer(400, "bad-query", "The query argument \"with\" can only be \"log\"."));
+  }
+  if (!isPlugin && !isEvent) {
+    return answered(request.method == "GET" || request.method == "HEAD" ? health(request)
+                                                                        : methodNotAllowed("GET, HEAD"));
+  }
+  if (request.method != "POST") return answered(methodNotAllowed("POST"));
+  return isPlugin ? routePlugin(request) : routeEvent(request);
+}
+
+RoutedRequest RequestRouter::routePlugin(const HttpRequest& request) const {
+  const std::string name = request.path.substr(kPluginsPath.size());
+  if (const auto problem = plugins_.problems.find(name); problem != plugins_.problems.end()) {
+    return answered(errorAnswer(500, "plugin-not-loaded",
+                                fill("The plug-in \"%@\" is not loaded: %@.", {name, problem->second})));
+  }
+  const auto plugin = plugins_.handlers.find(name);
+  if (plugin == plugins_.handlers.end()) {
+    return answered(errorAnswer(404, "unknown-plugin", fill("There is no plug-in \"%@\".", {name})));
+  }
+  Body body = Body::of(request, false);
+  if (body.refusal) return answered(std::move(*body.refusal));
+  const std::string* found = body.content.stringFor("command");
+  if (!found) {
+    return answered(errorAnswer(400, "missing-command", "The request has no string under \"command\"."));
+  }
+  const std::string command = *found;
+  PluginRequestHandler& handler = *plugin->second;
+  return {std::nullopt, command, [this, &handler, command, request, body = std::move(body)] {
+            return answerTo(request, body.type, command, executor_.execute(handler, command, body.content));
+          }};
+}
+
+RoutedRequest RequestRouter::routeEvent(const HttpRequest& request) const {
+  Body body = Body::of(request, request.path == kIdlePath);
+  if (body.refusal) return answered(std::move(*body.refusal));
+  return {std::nullopt, lastPathComponent(request.path),
+          [this, request, body = std::move(body)] { return runEvent(request, body); }};
+}
+
+HttpAnswer RequestRouter::runEvent(const HttpRequest& request, const Body& body) const {
+  const std::string name = lastPathComponent(request.path);
+  const NetworkChangeContext context = NetworkChangeContext::fromEvent(body.content);
+  const Value* count = body.content.find("count");
+  Array reached;
+  Array log;
+  for (const auto& [pluginName, handler] : plugins_.handlers) {
+    ExecutionOutcome outcome =
+        request.path == kIdlePath
+            ? executor_.idle(*handler, count ? static_cast<int>(count->integerValue()) : 1)
+            : executor_.networkChanged(*handler, context);
+    log.insert(log.end(), outcome.log.begin(), outcome.log.end());
+    if (outcome.kind != ExecutionOutcome::Kind::answered) {
+      outcome.log = std::move(log);
+      return answerTo(request, body.type, name, std::move(outcome));
+    }
+    reached.emplace_back(pluginName);
+  }
+  return answerTo(request, body.type, {{"plugins", std::move(reached)}}, std::move(log));
+}
+
+HttpAnswer RequestRouter::health(const HttpRequest& request) const {
+  const WorkSlot::Status status = slot_.status();
+  Dictionary answer = {{"status", "ok"}, {"version", kVersion}};
+  if (status.running) {
+    answer.set("running", Dictionary{{"request", *status.running}, {"seconds", status.runningSeconds}});
+  }
+  answer.set("waiting", static_cast<std::int64_t>(status.waiting));
+  Array names;
+  for (const auto& [name, handler] : plugins_.handlers) names.emplace_back(name);
+  answer.set("plugins", std::move(names));
+  Dictionary problems;
+  for (const auto& [name, problem] : plugins_.problems) problems.set(name, problem);
+  if (!problems.empty()) answer.set("notLoaded", std::move(problems));
+  return serialized(MediaType::forAnswer(request.accept, MediaType::json()), std::move(answer));
+}
+
+HttpAnswer RequestRouter::refusal(WorkSlot::Refusal reason) {
+  if (reason == WorkSlot::Refusal::stopping) {
+    return errorAnswer(503, "stopping", "The daemon is stopping and takes no more requests.");
+  }
+  return errorAnswer(503, "busy",
+                     "Other requests took so long that this one was not begun; try again later.");
+}
+
+}  // namespace tessard

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "host/BundleLoader.h"
+#include "host/HttpMessage.h"
+#include "host/MediaType.h"
+#include "host/RequestExecutor.h"
+#include "host/WorkSlot.h"
+
+namespace tessard {
+
+/// What a request comes to: an answer at once, or work for the slot that gives the answer.
+struct RoutedRequest {
+  std::optional<HttpAnswer> answer{};
+  std::string label{};  ///< of the work
+  std::function<HttpAnswer()> work{};
+};
+
+/// Which request goes where:
+///   POST /v1/plugins/NAME            a request dictionary with its "command"; the answer dictionary
+///   POST /v1/events/idle             an empty body, or a dictionary with "count"
+///   POST /v1/events/network-change   a dictionary, see `NetworkChangeContext::fromEvent`
+///   GET  /v1/health                  what the daemon is doing; answered at once
+/// Events answer {"plugins": [names]}. With "?with=log" the answer is {"answer": ..., "log": [...]}.
+/// Errors are those of `errorAnswer`, with the ids that docs/host.md lists.
+class RequestRouter {
+ public:
+  /// All is borrowed; `plugins` is not changed any more.
+  RequestRouter(const Plugins& plugins, RequestExecutor& executor, const WorkSlot& slot)
+      : plugins_(plugins), executor_(executor), slot_(slot) {}
+
+  /// May be called on any thread; `work` runs on the slot's. May throw.
+  RoutedRequest route(const HttpRequest& request) const;
+
+  /// The answer to a job that the slot refused.
+  static HttpAnswer refusal(WorkSlot::Refusal reason);
+
+ private:
+  struct Body;
+
+  HttpAnswer health(const HttpRequest& request) const;
+  RoutedRequest routePlugin(const HttpRequest& request) const;
+  RoutedRequest routeEvent(const HttpRequest& request) const;
+  HttpAnswer runEvent(const HttpRequest& request, const Body& body) const;
+
+  const Plugins& plugins_;
+  RequestExecutor& executor_;
+  const WorkSlot& slot_;
+};
+
+}  // namespace tessard

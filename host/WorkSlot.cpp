@@ -1,0 +1,137 @@
+#include "host/WorkSlot.h"
+
+#include <future>
+#include <utility>
+
+namespace tessard {
+
+using Clock = std::chrono::steady_clock;
+
+WorkSlot::WorkSlot(std::chrono::seconds idleAfter, std::function<void(int)> idleWork)
+    : idleAfter_(idleAfter), idleWork_(std::move(idleWork)), lastActive_(Clock::now()) {
+  worker_ = std::thread([this] { work(); });
+}
+
+void WorkSlot::submit(Job job) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!stopping_) {
+      waiting_.push_back(std::move(job));
+      changed_.notify_all();
+      return;
+    }
+  }
+  job.refuse(Refusal::stopping);
+}
+
+bool WorkSlot::callAndWait(const std::function<void()>& work) {
+  std::promise<bool> done;
+  auto result = done.get_future();
+  Job job;
+  job.run = [&] {
+    try {
+      work();
+      done.set_value(true);
+    } catch (...) {
+      done.set_exception(std::current_exception());
+    }
+  };
+  job.refuse = [&](Refusal) { done.set_value(false); };
+  submit(std::move(job));
+  return result.get();
+}
+
+void WorkSlot::refuseLateJobs(Moment now) {
+  std::deque<Job> late;
+  {
+    const std::lock_guard lock(mutex_);
+    for (auto job = waiting_.begin(); job != waiting_.end();) {
+      if (job->deadline <= now) {
+        late.push_back(std::move(*job));
+        job = waiting_.erase(job);
+      } else {
+        ++job;
+      }
+    }
+  }
+  for (const Job& job : late) job.refuse(Refusal::late);
+}
+
+void WorkSlot::stop() {
+  std::deque<Job> refused;
+  {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+    refused.swap(waiting_);
+    changed_.notify_all();
+  }
+  for (const Job& job : refused) job.refuse(Refusal::stopping);
+  if (worker_.joinable()) worker_.join();
+}
+
+WorkSlot::Status WorkSlot::status() const {
+  const std::lock_guard lock(mutex_);
+  Status status;
+  status.waiting = waiting_.size();
+  if (running_) {
+    status.running = running_;
+    status.runningSeconds = std::chrono::duration<double>(Clock::now() - runningSince_).count();
+  }
+  return status;
+}
+
+void WorkSlot::work() {
+  std::unique_lock lock(mutex_);
+  while (!stopping_) {
+    if (const auto job = takeJob(lock)) {
+      runJob(lock, *job);
+    } else if (!stopping_) {
+      runIdleWork(lock);
+    }
+  }
+}
+
+// Waits for a job. Absent when the slot is stopped or has been idle for long enough.
+std::optional<WorkSlot::Job> WorkSlot::takeJob(std::unique_lock<std::mutex>& lock) {
+  const auto somethingToDo = [this] { return stopping_ || !waiting_.empty(); };
+  if (idleAfter_.count() > 0) {
+    changed_.wait_until(lock, lastActive_ + idleAfter_, somethingToDo);
+  } else {
+    changed_.wait(lock, somethingToDo);
+  }
+  if (stopping_ || waiting_.empty()) return std::nullopt;
+  Job job = std::move(waiting_.front());
+  waiting_.pop_front();
+  return job;
+}
+
+void WorkSlot::runJob(std::unique_lock<std::mutex>& lock, const Job& job) {
+  running_ = job.label;
+  runningSince_ = Clock::now();
+  const bool late = job.deadline <= runningSince_;
+  lock.unlock();
+  if (late) {
+    job.refuse(Refusal::late);
+  } else if (job.isAbandoned && job.isAbandoned()) {
+    job.refuse(Refusal::abandoned);
+  } else {
+    job.run();
+  }
+  lock.lock();
+  running_.reset();
+  lastActive_ = Clock::now();
+  idleCount_ = 0;
+}
+
+void WorkSlot::runIdleWork(std::unique_lock<std::mutex>& lock) {
+  running_ = "idle";
+  runningSince_ = Clock::now();
+  const int count = ++idleCount_;
+  lock.unlock();
+  idleWork_(count);
+  lock.lock();
+  running_.reset();
+  lastActive_ = Clock::now();
+}
+
+}  // namespace tessard

@@ -1,0 +1,115 @@
+#include "host/ctl/CtlArguments.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "common/Format.h"
+
+namespace tessard {
+
+namespace {
+
+bool takeFlag(CtlArguments& result, const std::string& argument) {
+  if (argument == "--json") {
+    result.json = true;
+  } else if (argument == "--details") {
+    result.details = true;
+  } else if (argument == "--help" || argument == "-h") {
+    result.help = true;
+  } else if (argument == "--version") {
+    result.version = true;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool takeValue(CtlArguments& result, const std::string& option, const std::string& value) {
+  if (option == "--socket") {
+    result.socketPath = value;
+  } else if (option == "--plugin") {
+    result.plugin = value;
+  } else if (option == "--file") {
+    result.file = value;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool needsValue(const std::string& option) {
+  return option == "--socket" || option == "--plugin" || option == "--file";
+}
+
+}  // namespace
+
+Result<CtlArguments> parseCtlArguments(const std::vector<std::string>& arguments, bool& json) {
+  json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
+  CtlArguments result;
+  for (std::size_t index = 0; index < arguments.size(); ++index) {
+    const std::string& argument = arguments[index];
+    if (argument == "--") {
+      result.words.insert(result.words.end(), arguments.begin() + static_cast<std::ptrdiff_t>(index) + 1,
+                          arguments.end());
+      break;
+    }
+    if (!argument.starts_with('-') || argument == "-") {
+      result.words.push_back(argument);
+      continue;
+    }
+    const auto equals = argument.find('=');
+    if (equals != std::string::npos &&
+        takeValue(result, argument.substr(0, equals), argument.substr(equals + 1))) {
+      continue;
+    }
+    if (takeFlag(result, argument)) continue;
+    if (!needsValue(argument)) return SystemError(EINVAL, fill("There is no option \"%@\".", {argument}));
+    if (++index == arguments.size()) {
+      return SystemError(EINVAL, fill("The option \"%@\" needs a value.", {argument}));
+    }
+    takeValue(result, argument, arguments[index]);
+  }
+  return result;
+}
+
+std::string ctlHelp() {
+  return "usage: tessardctl [OPTION]... VERB [ARGUMENT]...\n"
+         "Administers the push-notification service through the daemon tessardd.\n"
+         "\n"
+         "  state [--details]           the state of the service\n"
+         "                              tessardctl state --details\n"
+         "  start, stop, restart        the service; waits until it is done\n"
+         "                              tessardctl restart\n"
+         "  settings get [KEY]...       settings, all or the named ones, one KEY=VALUE a line\n"
+         "                              tessardctl settings get jabberdDatabasePath\n"
+         "  settings set KEY=VALUE...   changes settings\n"
+         "                              tessardctl settings set requireSSL=yes hosts=[a.example,b.example]\n"
+         "  settings set --file FILE    the same from a JSON or property-list dictionary; - is standard "
+         "input\n"
+         "                              tessardctl --json settings get | tessardctl settings set --file -\n"
+         "  setup                       first-time setup\n"
+         "                              tessardctl setup\n"
+         "  request COMMAND [JSON]      any request, with further entries of its dictionary; prints JSON\n"
+         "                              tessardctl request getState '{\"variant\": \"withDetails\"}'\n"
+         "  health                      what the daemon is doing\n"
+         "                              tessardctl health\n"
+         "\n"
+         "Values: true, yes, false, no are booleans; digits are an integer; [a, b] is a list; \"...\" is "
+         "text\n"
+         "whatever it looks like; KEY+=VALUE, repeated, makes a list; KEY:=JSON takes any JSON value; all "
+         "else\n"
+         "is text.\n"
+         "\n"
+         "  --json          one JSON document on standard output: the answer, or {\"error\", \"message\"}\n"
+         "  --socket PATH   the daemon's socket (default /run/tessardd/tessardd.sock)\n"
+         "  --plugin NAME   the plug-in to ask (default notification)\n"
+         "  --help, --version\n"
+         "\n"
+         "Exit status: 0 done; 64 wrong usage; 65 wrong data; 66 a file that cannot be read; 69 the daemon "
+         "or the\n"
+         "service is not available; 70 the request failed; 73 a directory could not be made; 74 the "
+         "connection\n"
+         "or the output broke; 75 busy, try again; 76 an answer that is none; 77 no permission.\n";
+}
+
+}  // namespace tessard

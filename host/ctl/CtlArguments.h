@@ -1,0 +1,30 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/Result.h"
+
+namespace tessard {
+
+/// What a person asks of tessardctl.
+struct CtlArguments {
+  std::vector<std::string> words;  ///< the verb and what belongs to it, without options
+  std::string socketPath = "/run/tessardd/tessardd.sock";
+  std::string plugin = "notification";
+  std::optional<std::string> file;  ///< of --file
+  bool json = false;
+  bool details = false;
+  bool help = false;
+  bool version = false;
+};
+
+/// Options may stand anywhere; "--" ends them. Fails with a sentence on an unknown option or a missing value;
+/// `json` says whether --json was among the arguments nevertheless.
+Result<CtlArguments> parseCtlArguments(const std::vector<std::string>& arguments, bool& json);
+
+/// The text of --help.
+std::string ctlHelp();
+
+}  // namespace tessard

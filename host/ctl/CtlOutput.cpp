@@ -1,0 +1,84 @@
+#include "host/ctl/CtlOutput.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "host/JsonCodec.h"
+
+namespace tessard {
+
+namespace {
+
+std::string printable(const std::string& text) {
+  std::string result;
+  for (const char character : text) {
+    const auto byte = static_cast<unsigned char>(character);
+    if (byte >= 0x20 && byte != 0x7f) {
+      result += character;
+    } else {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\x%02x", byte);
+      result += escape;
+    }
+  }
+  return result;
+}
+
+bool isSet(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value && *value;
+}
+
+}  // namespace
+
+CtlOutput::CtlOutput(bool json)
+    : json_(json), terminal_(isatty(STDERR_FILENO) == 1), colour_(terminal_ && !isSet("NO_COLOR")) {}
+
+void CtlOutput::line(const std::string& text) const {
+  std::fprintf(stdout, "%s\n", printable(text).c_str());
+}
+
+void CtlOutput::document(const Dictionary& answer) const {
+  std::fprintf(stdout, "%s\n", serializeJson(answer, true).c_str());
+}
+
+void CtlOutput::message(const std::string& level, const std::string& text) const {
+  const char* colour = level == "error" ? "\033[31m" : "\033[33m";
+  std::fprintf(stderr, "%s%s:%s %s\n", colour_ ? colour : "", level.c_str(), colour_ ? "\033[0m" : "",
+               printable(text).c_str());
+}
+
+void CtlOutput::note(const std::string& text) const {
+  std::fprintf(stderr, "%s\n", printable(text).c_str());
+}
+
+int CtlOutput::failure(const std::string& id, const std::string& text, int exitCode) const {
+  if (json_) {
+    document({{"error", id}, {"message", text}});
+  } else {
+    message("error", text);
+  }
+  return exitCode;
+}
+
+void CtlOutput::progress(int seconds) const {
+  // An answer that comes at once needs no progress.
+  if (terminal_ && seconds >= 2) std::fprintf(stderr, "\rwaiting for the answer, %d s ", seconds);
+}
+
+void CtlOutput::endProgress() const {
+  if (terminal_) std::fputs("\r\033[K", stderr);
+}
+
+bool CtlOutput::finish() const {
+  return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+}
+
+std::string readable(const Value& value) {
+  if (const std::string* text = value.asString()) return *text;
+  return serializeJson(value);
+}
+
+}  // namespace tessard

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+
+#include "common/Value.h"
+
+namespace tessard {
+
+/// Where tessardctl writes. Data goes to standard output, everything else to standard error.
+class CtlOutput {
+ public:
+  /// `json`: answers and errors are one JSON document on standard output.
+  explicit CtlOutput(bool json);
+
+  bool json() const { return json_; }
+
+  void line(const std::string& text) const;
+  void document(const Dictionary& answer) const;
+  /// A line "warning: ..." or "error: ..." on standard error, coloured on a terminal unless NO_COLOR is set.
+  void message(const std::string& level, const std::string& text) const;
+  void note(const std::string& text) const;
+  /// The end of a failed call: the message, or the JSON document {"error": id, "message": text}. Gives the
+  /// exit code back.
+  int failure(const std::string& id, const std::string& text, int exitCode) const;
+
+  /// Shows on a terminal that the answer is still awaited; nothing elsewhere.
+  void progress(int seconds) const;
+  void endProgress() const;
+
+  /// False when standard output could not take everything.
+  bool finish() const;
+
+ private:
+  bool json_;
+  bool terminal_;
+  bool colour_;
+};
+
+/// A value in one line for people, without characters that a terminal would obey.
+std::string readable(const Value& value);
+
+}  // namespace tessard
