@@ -29,7 +29,8 @@ std::string backupPathFor(std::string_view path);
 /// are exchanged, so the real name never disappears and a crash at any moment leaves the old or the new file
 /// whole under it. The directory is flushed before the displaced version becomes the backup; when either
 /// fails, the names are exchanged back and the older backup is still there. Without a file under the real
-/// name the outcome is `notExchanged`.
+/// name the outcome is `notExchanged`; a directory of that name is not replaced (`temporaryNotWritten`,
+/// EISDIR).
 Replacement replaceKeepingBackup(FileSystem& files, std::string_view path, std::string_view content,
                                  const FileOwnership& ownership);
 
