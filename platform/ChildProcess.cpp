@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -318,7 +318,8 @@ TaskResult run(const ChildProcess& child) {
   streams.value().childInput.close();
   streams.value().childOutput.close();
   streams.value().childError.close();
-  FileDescriptor pidDescriptor(::pidfd_open(pid, 0));
+  // By number: the C library of Debian 12 declares its own function for C alone.
+  FileDescriptor pidDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
   if (!pidDescriptor) {
     const SystemError error = SystemError::last();
     ::kill(-pid, SIGKILL);
