@@ -20,7 +20,7 @@ bool isPlainWord(std::string_view text) {
 }
 
 void appendEscapedUnit(std::string& out, unsigned unit) {
-  std::array<char, 8> buffer{};
+  std::array<char, 12> buffer{};
   std::snprintf(buffer.data(), buffer.size(), "\\U%04x", unit);
   out += buffer.data();
 }
