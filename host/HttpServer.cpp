@@ -38,10 +38,11 @@ std::optional<std::string> headerOf(MHD_Connection* connection, MHD_ValueKind ki
   return value;
 }
 
-// Whether the client has closed its end; one that has only finished sending has not.
+// Whether the client has closed its end. The library sends nothing to one that has closed only its sending
+// side, so that one counts too.
 bool hasLeft(int descriptor) {
-  pollfd watched{descriptor, 0, 0};
-  return poll(&watched, 1, 0) == 1 && (watched.revents & (POLLHUP | POLLERR)) != 0;
+  pollfd watched{descriptor, POLLRDHUP, 0};
+  return poll(&watched, 1, 0) == 1 && (watched.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
 bool announcesTooMuch(MHD_Connection* connection) {

@@ -1,0 +1,203 @@
+"""The daemon, its clients and the command-line tool, as the tests drive them."""
+
+import contextlib
+import http.client
+import json
+import os
+import pathlib
+import plistlib
+import select
+import signal
+import socket
+import subprocess
+import time
+
+PATIENCE = 60  # seconds after which a test is stuck; nothing waits for it to pass
+NOBODY = 65534
+
+
+def buildDirectory():
+    return pathlib.Path(os.environ["TESSARD_BUILD_DIR"]).resolve()
+
+
+def waitUntil(condition, what):
+    deadline = time.monotonic() + PATIENCE
+    while not condition():
+        assert time.monotonic() < deadline, f"gave up waiting until {what}"
+        time.sleep(0.01)
+
+
+class Connection(http.client.HTTPConnection):
+    def __init__(self, path):
+        super().__init__("localhost", timeout=PATIENCE)
+        self.path = str(path)
+
+    def connect(self):
+        self.sock = rawConnection(self.path)
+
+
+def rawConnection(path):
+    connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    connection.settimeout(PATIENCE)
+    with shortName(path) as name:
+        connection.connect(name)
+    return connection
+
+
+@contextlib.contextmanager
+def shortName(path):
+    """A name for a socket that fits into a socket address however long the path is."""
+    path = pathlib.Path(path)
+    directory = os.open(path.parent, os.O_PATH | os.O_DIRECTORY)
+    try:
+        yield f"/proc/self/fd/{directory}/{path.name}"
+    finally:
+        os.close(directory)
+
+
+def readAll(connection):
+    """Everything until the other side closes."""
+    received = b""
+    while True:
+        try:
+            part = connection.recv(65536)
+        except ConnectionResetError:
+            return received
+        if not part:
+            return received
+        received += part
+
+
+def parseRaw(received):
+    """Status and JSON body of a whole answer."""
+    head, _, body = received.partition(b"\r\n\r\n")
+    return int(head.split()[1]), json.loads(body)
+
+
+class Answer:
+    def __init__(self, response):
+        self.status = response.status
+        self.headers = response.headers
+        self.type = response.getheader("Content-Type")
+        self.body = response.read()
+
+    @property
+    def json(self):
+        return json.loads(self.body)
+
+    @property
+    def plist(self):
+        return plistlib.loads(self.body)
+
+    @property
+    def error(self):
+        """The id of an error answer that has the form of all error answers."""
+        assert self.type == "application/json"
+        content = self.json
+        assert content["message"].endswith(".") and "\n" not in content["message"]
+        return content["error"]
+
+
+class Daemon:
+    def __init__(self, root, *options, environment=None, sockets=None, user=None):
+        self.root = pathlib.Path(root)
+        self.socket = self.root / "run/tessardd/tessardd.sock"
+        self.notification = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.notification.bind("")  # an abstract name that the kernel chooses
+        self.notification.settimeout(PATIENCE)
+        name = "@" + self.notification.getsockname()[1:].decode()
+        self.process = subprocess.Popen(
+            [buildDirectory() / "bin/tessardd", "--root", str(root), *options],
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            env={**os.environ, "NOTIFY_SOCKET": name, **(environment or {})},
+        )
+
+    def awaitReady(self):
+        while True:
+            readable, _, _ = select.select([self.notification], [], [], 0.05)
+            if readable and b"READY=1" in self.notification.recv(4096):
+                return
+            assert self.process.poll() is None, self.process.stderr.read()
+
+    def failure(self):
+        """Exit status and standard error of a daemon that does not start."""
+        _, text = self.process.communicate(timeout=PATIENCE)
+        return self.process.returncode, text
+
+    def end(self):
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGTERM)
+        _, text = self.process.communicate(timeout=PATIENCE)
+        self.notification.close()
+        assert "ThreadSanitizer" not in text and "AddressSanitizer" not in text, text
+        return self.process.returncode, text
+
+    def connection(self):
+        return Connection(self.socket)
+
+    def raw(self):
+        return rawConnection(self.socket)
+
+    def send(self, method, path, body=None, connection=None, **headers):
+        connection = connection or self.connection()
+        named = {name.replace("_", "-"): value for name, value in headers.items()}
+        connection.request(method, path, body, named)
+        return Answer(connection.getresponse())
+
+    def post(self, content, path="/v1/plugins/notification", **headers):
+        """Posts a value as JSON, or bytes as they are."""
+        body = content if isinstance(content, bytes) else json.dumps(content).encode()
+        return self.send("POST", path, body, **{"Content_Type": "application/json", **headers})
+
+    def echo(self, **entries):
+        return self.post({"command": "echo", **entries})
+
+    def assertServes(self):
+        answer = self.echo(still="here")
+        assert answer.status == 200 and answer.json["still"] == "here"
+
+    def health(self):
+        return self.send("GET", "/v1/health").json
+
+    def tool(self, *words, environment=None, input=None, user=None, groups=()):
+        prefix = []
+        if user is not None:
+            chosen = f"--groups={','.join(map(str, groups))}" if groups else "--clear-groups"
+            prefix = ["setpriv", f"--reuid={user}", f"--regid={user}", chosen]
+        return subprocess.run(
+            [*prefix, buildDirectory() / "bin/tessardctl", "--socket", self.socket, *words],
+            input=input,
+            stdin=subprocess.DEVNULL if input is None else None,
+            capture_output=True,
+            text=True,
+            env={**os.environ, **(environment or {})},
+            timeout=PATIENCE,
+        )
+
+
+class RunningRequest:
+    """A request that holds the work slot until it is told to end."""
+
+    def __init__(self, daemon, name="hold"):
+        self.daemon = daemon
+        self.begun = daemon.root / f"{name}.begun"
+        self.until = daemon.root / f"{name}.until"
+        self.connection = daemon.connection()
+        request = {"command": "wait", "begun": f"/{name}.begun", "until": f"/{name}.until"}
+        self.connection.request(
+            "POST",
+            "/v1/plugins/notification",
+            json.dumps(request),
+            {"Content-Type": "application/json"},
+        )
+        waitUntil(self.begun.exists, "the request has begun")
+
+    def finish(self):
+        self.until.touch()
+        return Answer(self.connection.getresponse())
+
+    def leave(self):
+        self.connection.close()
