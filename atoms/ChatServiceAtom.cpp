@@ -11,10 +11,25 @@ namespace {
 
 constexpr double kAddressLookupSeconds = 5.0;
 
+class NoOwner : public ServiceOwner {
+ public:
+  NOTIFICATION_PLUGIN_MasterConfiguration* masterConfig() override { return nullptr; }
+  std::optional<std::string> currentHostDomain() override { return std::nullopt; }
+  std::vector<std::string> getDomainsForService(std::string_view /*name*/) override { return {}; }
+  std::optional<Dictionary> loadPreferences() override { return std::nullopt; }
+  bool savePreferences(const Dictionary& /*preferences*/) override { return false; }
+  std::optional<Value> getPreferenceValueForKey(std::string_view /*key*/) override { return std::nullopt; }
+};
+
 }  // namespace
 
 NOTIFICATION_PLUGIN_ChatServiceAtom::NOTIFICATION_PLUGIN_ChatServiceAtom(Platform& platform)
-    : Object(platform.log), platform_(platform) {}
+    : Object(platform.log),
+      platform_(platform),
+      noOwner_(std::make_unique<NoOwner>()),
+      noConfiguration_(std::make_unique<NOTIFICATION_PLUGIN_MasterConfiguration>(platform)) {}
+
+NOTIFICATION_PLUGIN_ChatServiceAtom::~NOTIFICATION_PLUGIN_ChatServiceAtom() = default;
 
 void NOTIFICATION_PLUGIN_ChatServiceAtom::initWithName_owner(std::string name, ServiceOwner* owner) {
   setServiceName(std::move(name));
@@ -28,6 +43,11 @@ NOTIFICATION_PLUGIN_MasterConfiguration* NOTIFICATION_PLUGIN_ChatServiceAtom::ma
 NOTIFICATION_PLUGIN_ComponentConfiguration* NOTIFICATION_PLUGIN_ChatServiceAtom::componentConfig() const {
   auto* master = masterConfig();
   return master ? master->defaultComponentForName(serviceName_) : nullptr;
+}
+
+NOTIFICATION_PLUGIN_MasterConfiguration& NOTIFICATION_PLUGIN_ChatServiceAtom::config() const {
+  auto* master = masterConfig();
+  return master ? *master : *noConfiguration_;
 }
 
 bool NOTIFICATION_PLUGIN_ChatServiceAtom::serviceDataReady() {
@@ -110,8 +130,11 @@ int NOTIFICATION_PLUGIN_ChatServiceAtom::getProcessStateForPidFile(std::string_v
 int NOTIFICATION_PLUGIN_ChatServiceAtom::getProcessStateForName(std::string_view name) const {
   std::int32_t count = 0;
   if (platform_.processes.ec_is_daemon_running(name, count) < 0) {
+    const int error = errno;
     logError_source(
-        fill("Unable to determine state of %@ process \"%@\" (error %d)", {serviceName_, name, errno}), "");
+        fill("Unable to determine state of %@ process \"%@\" (error %d)", {serviceName_, name, error}), "");
+    // For who asks next: a state that cannot be told comes with the system error number.
+    errno = error;
     return -1;
   }
   return count > 0 ? 1 : 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,6 +24,7 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration;
 class NOTIFICATION_PLUGIN_ChatServiceAtom : public Object {
  public:
   explicit NOTIFICATION_PLUGIN_ChatServiceAtom(Platform& platform);
+  ~NOTIFICATION_PLUGIN_ChatServiceAtom() override;
 
   /// Second step of construction. The owner is borrowed and outlives the atom.
   void initWithName_owner(std::string name, ServiceOwner* owner);
@@ -82,8 +84,15 @@ class NOTIFICATION_PLUGIN_ChatServiceAtom : public Object {
  protected:
   Platform& platform() const { return platform_; }
 
+  /// The owner and the master configuration, for use without a look whether they are there: an atom without
+  /// them speaks to an owner that has nothing and to a configuration that finds and changes nothing.
+  ServiceOwner& owner() const { return serviceOwner_ ? *serviceOwner_ : *noOwner_; }
+  NOTIFICATION_PLUGIN_MasterConfiguration& config() const;
+
  private:
   Platform& platform_;
+  std::unique_ptr<ServiceOwner> noOwner_;
+  std::unique_ptr<NOTIFICATION_PLUGIN_MasterConfiguration> noConfiguration_;
   std::string serviceName_;
   ServiceOwner* serviceOwner_ = nullptr;
 };

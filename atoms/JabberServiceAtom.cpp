@@ -15,9 +15,7 @@ NOTIFICATION_PLUGIN_JabberServiceAtom::jabberServiceAtom(Platform& platform, Ser
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::serviceDataReady() {
   const std::string database = determineDatabasePath();
   logDebug_source(fill("Using %@ as the database path", {database}), "");
-  if (!platform().files.exists(database)) return false;
-  const auto run = platform().files.attributes(kJabberRunDirectory);
-  return run && run.value().kind == FileAttributes::Kind::directory;
+  return platform().files.exists(database) && isDirectory(kJabberRunDirectory);
 }
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::initServiceData() {
@@ -27,7 +25,7 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::initServiceData() {
   if (!createServiceDatabase(database)) return false;
   if (!createServicePidDirectory()) return false;
   if (!initializeServiceConfigurations()) return false;
-  const auto location = serviceOwner()->getPreferenceValueForKey("savedChatsLocation");
+  const auto location = owner().getPreferenceValueForKey("savedChatsLocation");
   return configureDirectory_ownerID_groupID_permissions(location ? location->stringValue() : std::nullopt,
                                                         kJabberUserID, kSavedChatsGroupID,
                                                         kSavedChatsPermissions);

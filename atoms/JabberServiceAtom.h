@@ -50,7 +50,7 @@ class NOTIFICATION_PLUGIN_JabberServiceAtom : public NOTIFICATION_PLUGIN_ChatSer
   /// 15 characters.
   std::string newRandomPassword();
 
-  /// Makes a directory and its missing parents.
+  /// Makes a directory and its missing parents; a directory that is there already is left as it is.
   bool createDirectory_ownerID_groupID_permissions(const std::string& path, unsigned ownerID,
                                                    unsigned groupID, unsigned permissions);
   bool directoryHasAttributes_ownerID_groupID_permissions(const std::string& path, unsigned ownerID,
@@ -67,8 +67,6 @@ class NOTIFICATION_PLUGIN_JabberServiceAtom : public NOTIFICATION_PLUGIN_ChatSer
   bool createServiceDatabase(const std::string& path);
 
  private:
-  struct WriteInProgress;
-
   void setHostDomains(const std::vector<std::string>& domains);
   void setCAFilePath(const std::string& path);
   void setAuthLevel(const std::string& level);
@@ -82,9 +80,11 @@ class NOTIFICATION_PLUGIN_JabberServiceAtom : public NOTIFICATION_PLUGIN_ChatSer
   std::string liveStringAt(const std::string& path);
   void readSwitch(const char* key, const std::string& path, SettingsDictionary& settings);
   std::optional<std::vector<std::string>> liveValuesAt(const std::string& path, const char* preferenceKey);
-  bool databaseHasTables(const std::string& path);
+  bool isDirectory(const std::string& path);
   bool runDatabaseScript(const std::string& path);
-  void databaseCreationFailed(const std::string& path, std::string_view output, std::string_view error);
+  bool databaseHasTables(const std::string& path);
+  void databaseCreationFailed(std::string_view output, std::string_view error);
+  void removeDatabase(const std::string& path);
 };
 
 }  // namespace tessard

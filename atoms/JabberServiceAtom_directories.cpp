@@ -7,9 +7,14 @@ namespace tessard {
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::createDirectory_ownerID_groupID_permissions(
     const std::string& path, unsigned ownerID, unsigned groupID, unsigned permissions) {
   const auto made = platform().files.createDirectory(path, {ownerID, groupID, permissions}, true);
-  if (made) return true;
+  if (made || isDirectory(path)) return true;
   logDebug_source(fill("creating directory '%@' failed: '%@'", {path, made.error().description()}), "");
   return false;
+}
+
+bool NOTIFICATION_PLUGIN_JabberServiceAtom::isDirectory(const std::string& path) {
+  const auto attributes = platform().files.attributes(path);
+  return attributes && attributes.value().kind == FileAttributes::Kind::directory;
 }
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::directoryHasAttributes_ownerID_groupID_permissions(

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 
 #include "atoms/JabberPaths.h"
@@ -46,7 +47,7 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::setServiceState(int state) {
 }
 
 void NOTIFICATION_PLUGIN_JabberServiceAtom::handleNetworkChanged(const NetworkChangeContext& context) {
-  const auto current = serviceOwner()->currentHostDomain();
+  const auto current = owner().currentHostDomain();
   if (!current) {
     logDebug_source("Network change left us with no valid DNS hostname.  No action taken.", "");
     return;
@@ -58,22 +59,21 @@ void NOTIFICATION_PLUGIN_JabberServiceAtom::handleNetworkChanged(const NetworkCh
   if (!context.hasHostChanged() || !context.hasValidNetworkConfiguration()) return;
   const std::string host = context.newHost().value_or(*current);
   logDebug_source(fill("updating configuration for network change: new host=\"%@\"", {host}), "");
-  masterConfig()->setStringValues_forPath({host}, "c2s.local.id");
+  config().setStringValues_forPath({host}, "c2s.local.id");
   // The bare host name, not "pubsub." in front of it as after a settings write: required as it stands.
-  masterConfig()->setStringValues_forPath({host}, "sm.velto_notification_component_addr");
+  config().setStringValues_forPath({host}, "sm.velto_notification_component_addr");
 }
 
 void NOTIFICATION_PLUGIN_JabberServiceAtom::handleChangeIPRequest(const NetworkChangeContext& context) {
   auto domains = getServiceDomains();
-  if (!domains || !context.oldHost() || !context.newHost()) return;
-  bool replaced = false;
-  for (std::string& domain : *domains) {
-    if (domain != *context.oldHost()) continue;
-    domain = *context.newHost();
-    replaced = true;
+  if (!domains || !context.oldHost()) return;
+  if (std::ranges::find(*domains, *context.oldHost()) == domains->end()) return;
+  if (!context.newHost()) {
+    logError_source(fill("no new name for \"%@\": nothing was changed", {*context.oldHost()}), "");
+    return;
   }
-  if (!replaced) return;
-  masterConfig()->setStringValues_forPath(*domains, "c2s.local.id");
+  std::ranges::replace(*domains, *context.oldHost(), *context.newHost());
+  config().setStringValues_forPath(*domains, "c2s.local.id");
   const auto settings = readServiceConfiguration();
   const auto fileFor = [&](const char* key) -> std::optional<std::string> {
     const std::string* path = settings ? settings->stringFor(key) : nullptr;
@@ -82,10 +82,9 @@ void NOTIFICATION_PLUGIN_JabberServiceAtom::handleChangeIPRequest(const NetworkC
   auto keyFile = fileFor("sslKeyFile");
   if (keyFile && keyFile->empty()) keyFile.reset();
   setSSLEnableForKeyFilePath_withCAChainFile(keyFile, fileFor("sslCAFile"));
-  masterConfig()->setStringValue_forPath(fill("pubsub.%@", {domains->front()}),
-                                         "sm.velto_notification_component_addr");
-  masterConfig()->setStringValue_forPath(fill("rooms.%@", {domains->front()}),
-                                         "router.filter_muc_messages_from");
+  config().setStringValue_forPath(fill("pubsub.%@", {domains->front()}),
+                                  "sm.velto_notification_component_addr");
+  config().setStringValue_forPath(fill("rooms.%@", {domains->front()}), "router.filter_muc_messages_from");
 }
 
 }  // namespace tessard

@@ -39,12 +39,12 @@ std::optional<std::size_t> clientPortOf(const std::string& line) {
 
 std::optional<std::string> NOTIFICATION_PLUGIN_JabberServiceAtom::stringAt(const std::string& path) {
   int state = kNodeNotFound;
-  return masterConfig()->getStringValueForPath_nodeState(path, state);
+  return config().getStringValueForPath_nodeState(path, state);
 }
 
 std::string NOTIFICATION_PLUGIN_JabberServiceAtom::liveStringAt(const std::string& path) {
   int state = kNodeNotFound;
-  const auto text = masterConfig()->getStringValueForPath_nodeState(path, state);
+  const auto text = config().getStringValueForPath_nodeState(path, state);
   return state == kNodeLive ? text.value_or("") : "";
 }
 
@@ -70,7 +70,7 @@ void NOTIFICATION_PLUGIN_JabberServiceAtom::readDomainSettings(const Dictionary&
 }
 
 std::optional<SettingsDictionary> NOTIFICATION_PLUGIN_JabberServiceAtom::readServiceConfiguration() {
-  const Dictionary preferences = serviceOwner()->loadPreferences().value_or(Dictionary{});
+  const Dictionary preferences = owner().loadPreferences().value_or(Dictionary{});
   const auto numberAt = [this](const std::string& path) {
     return Value(integerReading(stringAt(path).value_or("")));
   };
@@ -103,16 +103,16 @@ std::optional<SettingsDictionary> NOTIFICATION_PLUGIN_JabberServiceAtom::readSer
 std::string NOTIFICATION_PLUGIN_JabberServiceAtom::authLevel() {
   unsigned live = 0;
   for (const Mechanism& mechanism : kMechanisms) {
-    if (masterConfig()->getNodeStateForPath(mechanism.path) == kNodeLive) live |= mechanism.bit;
+    if (config().getNodeStateForPath(mechanism.path) == kNodeLive) live |= mechanism.bit;
   }
   return authLevelForMechanisms(live);
 }
 
 std::optional<std::vector<std::string>> NOTIFICATION_PLUGIN_JabberServiceAtom::liveValuesAt(
     const std::string& path, const char* preferenceKey) {
-  const auto preferences = serviceOwner()->loadPreferences();
+  const auto preferences = owner().loadPreferences();
   std::vector<std::string> values;
-  if (const auto matches = masterConfig()->getNodesForPath_withAttributes(path, std::nullopt)) {
+  if (const auto matches = config().getNodesForPath_withAttributes(path, std::nullopt)) {
     for (const MatchEntry& match : *matches) {
       if (match.state == kNodeLive) values.push_back(match.node.stringValue());
     }
@@ -136,7 +136,7 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_JabberServiceAtom::getServiceConne
                      TaskArgument::text("-p"), TaskArgument::text("TCP")});
   std::int64_t firstPort = 0;
   std::int64_t otherPorts = 0;
-  std::istringstream lines(table.output);
+  std::istringstream lines(table.status == 0 ? table.output : "");
   for (std::string line; std::getline(lines, line);) {
     if (const auto port = clientPortOf(line)) ++(*port == 0 ? firstPort : otherPorts);
   }

@@ -1,10 +1,12 @@
 #include <array>
+#include <cerrno>
 
 #include "atoms/JabberPaths.h"
 #include "atoms/JabberServiceAtom.h"
 #include "common/DurableReplace.h"
 #include "common/Format.h"
 #include "common/Text.h"
+#include "common/Utf8.h"
 
 namespace tessard {
 
@@ -24,7 +26,14 @@ static_assert(kPasswordAlphabet.size() == 91);
 struct FilledTemplate {
   std::string path;
   std::string text;
+  bool changed;
 };
+
+Result<std::string> readText(FileSystem& files, const std::string& path) {
+  auto bytes = files.readFile(path, kTemplateSizeLimit);
+  if (bytes && !isUtf8(bytes.value())) return SystemError(EILSEQ, "not UTF-8 text");
+  return bytes;
+}
 
 }  // namespace
 
@@ -39,7 +48,7 @@ std::string NOTIFICATION_PLUGIN_JabberServiceAtom::newRandomPassword() {
 }
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::initializeServiceConfigurations() {
-  const auto host = serviceOwner()->currentHostDomain();
+  const auto host = owner().currentHostDomain();
   if (!host) {
     logError_source("cannot fill the component templates: the host name is not known", "");
     return false;
@@ -48,16 +57,20 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::initializeServiceConfigurations() {
   std::vector<FilledTemplate> filled;
   for (const char* name : kTemplates) {
     const std::string path = fill("%@/%@", {kJabberConfigDirectory, name});
-    const auto text = platform().files.readFile(path, kTemplateSizeLimit);
+    auto text = readText(platform().files, path);
     if (!text) {
       logError_source(fill("Failed to load %@ (error = %@)", {path, text.error().description()}), "");
       return false;
     }
     const std::string named = replacingAll(text.value(), "@HOSTNAME@", *host);
-    filled.push_back({path, replacingAll(named, "@ROUTERPASSWORD@", password)});
+    std::string complete = replacingAll(named, "@ROUTERPASSWORD@", password);
+    const bool changed = complete != text.value();
+    filled.push_back({path, std::move(complete), changed});
   }
   for (const FilledTemplate& file : filled) {
-    const auto written = writeAtomically(platform().files, file.path, file.text, kConfigurationFileOwnership);
+    const auto written =
+        file.changed ? writeAtomically(platform().files, file.path, file.text, kConfigurationFileOwnership)
+                     : Result<void>();
     if (!written) {
       logError_source(
           fill("error saving configuration file: \"%@\" : %@", {file.path, written.error().description()}),

@@ -3,6 +3,7 @@
 #include "atoms/JabberServiceAtom.h"
 #include "common/Format.h"
 #include "common/Text.h"
+#include "common/Utf8.h"
 #include "config/MasterConfiguration.h"
 
 namespace tessard {
@@ -91,23 +92,22 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::writeServiceConfiguration_error(
   if (level) setAuthLevel(*level);
   writeSwitchesAndPorts(incoming);
   if (!writeStorageSettings(incoming, error)) return false;
-  serviceOwner()->savePreferences(*merged);
+  owner().savePreferences(*merged);
   return true;
 }
 
 void NOTIFICATION_PLUGIN_JabberServiceAtom::setHostDomains(const std::vector<std::string>& domains) {
-  masterConfig()->setStringValues_forPath(domains, "c2s.local.id");
-  masterConfig()->setStringValue_forPath(fill("pubsub.%@", {domains.front()}),
-                                         "sm.velto_notification_component_addr");
-  masterConfig()->setStringValue_forPath(fill("rooms.%@", {domains.front()}),
-                                         "router.filter_muc_messages_from");
+  config().setStringValues_forPath(domains, "c2s.local.id");
+  config().setStringValue_forPath(fill("pubsub.%@", {domains.front()}),
+                                  "sm.velto_notification_component_addr");
+  config().setStringValue_forPath(fill("rooms.%@", {domains.front()}), "router.filter_muc_messages_from");
 }
 
 void NOTIFICATION_PLUGIN_JabberServiceAtom::setCAFilePath(const std::string& path) {
   logDebug_source(fill("set-xml: caFilePath = %@", {path}), "");
   for (const char* chain : {"c2s.local.cachain", "s2s.local.cachain"}) {
-    masterConfig()->setStringValue_forPath(path, chain);
-    if (path.empty()) masterConfig()->setNodeState_forPath(kNodeSwitchedOff, chain);
+    config().setStringValue_forPath(path, chain);
+    if (path.empty()) config().setNodeState_forPath(kNodeSwitchedOff, chain);
   }
 }
 
@@ -115,40 +115,40 @@ void NOTIFICATION_PLUGIN_JabberServiceAtom::setAuthLevel(const std::string& leve
   const unsigned wanted = mechanismsForAuthLevel(level) | kAlwaysOffered;
   for (const Mechanism& mechanism : kMechanisms) {
     const bool live = (wanted & mechanism.bit) != 0;
-    masterConfig()->setNodeState_forPath(live ? kNodeLive : kNodeSwitchedOff, mechanism.path);
+    config().setNodeState_forPath(live ? kNodeLive : kNodeSwitchedOff, mechanism.path);
   }
 }
 
 void NOTIFICATION_PLUGIN_JabberServiceAtom::writeSwitchesAndPorts(const SettingsDictionary& settings) {
   for (const SettingPath& port : kPorts) {
     if (const auto digits = textFor(settings, port.key)) {
-      masterConfig()->setStringValue_forPath(*digits, port.path);
+      config().setStringValue_forPath(*digits, port.path);
     }
   }
   // After the port itself, so that the switch wins when both come in.
   if (const Value* enable = settings.find("enableXMPP")) {
-    masterConfig()->setStringValue_forPath(enable->boolValue() ? kS2SPort : "0", "s2s.local.port");
+    config().setStringValue_forPath(enable->boolValue() ? kS2SPort : "0", "s2s.local.port");
   }
   for (const SettingPath& flag : kS2SSwitches) {
     if (const Value* value = settings.find(flag.key)) {
-      masterConfig()->setStringValue_forPath(digitFor(*value), flag.path);
+      config().setStringValue_forPath(digitFor(*value), flag.path);
     }
   }
   if (const Array* allowed = settings.arrayFor("s2sAllowedDomains")) {
-    masterConfig()->setStringValues_forPath(stringsOf(*allowed), "s2s.security.whitelist_domain");
+    config().setStringValues_forPath(stringsOf(*allowed), "s2s.security.whitelist_domain");
   }
 }
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::writeStorageSettings(const SettingsDictionary& settings,
                                                                  int& error) {
   if (const auto database = textFor(settings, "jabberdDatabasePath")) {
-    masterConfig()->setStringValue_forPath(*database, "sm.storage.sqlite.dbname");
+    config().setStringValue_forPath(*database, "sm.storage.sqlite.dbname");
   }
   if (const Value* enable = settings.find("enableSavedChats")) {
-    masterConfig()->setStringValue_forPath(digitFor(*enable), "router.message_logging_enabled");
+    config().setStringValue_forPath(digitFor(*enable), "router.message_logging_enabled");
   }
   if (const auto location = textFor(settings, "savedChatsLocation")) {
-    masterConfig()->setStringValue_forPath(*location, "router.message_logging_dir");
+    config().setStringValue_forPath(*location, "router.message_logging_dir");
     if (!configureDirectory_ownerID_groupID_permissions(location, kJabberUserID, kSavedChatsGroupID,
                                                         kSavedChatsPermissions)) {
       error = kSavedChatsDirectoryUnusable;
@@ -156,30 +156,30 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::writeStorageSettings(const SettingsD
     }
   }
   if (const auto days = textFor(settings, "savedChatsArchiveInterval")) {
-    masterConfig()->setStringValue_forPath(*days, "router.message_logging_roll_days");
+    config().setStringValue_forPath(*days, "router.message_logging_roll_days");
   }
   return true;
 }
 
 void NOTIFICATION_PLUGIN_JabberServiceAtom::setSSLKeyFilePath(const std::string& path) {
   if (path.empty()) {
-    masterConfig()->setNodeState_forPath(kNodeSwitchedOff, "c2s.local.pemfile");
-    masterConfig()->setNodeState_forPath(kNodeSwitchedOff, "s2s.local.pemfile");
+    config().setNodeState_forPath(kNodeSwitchedOff, "c2s.local.pemfile");
+    config().setNodeState_forPath(kNodeSwitchedOff, "s2s.local.pemfile");
   } else {
     if (!platform().files.exists(path)) {
       logWarning_source(fill("SSL PEM file does not exist: %@", {path}), "");
     }
-    masterConfig()->setStringValue_forPath(path, "c2s.local.pemfile");
-    masterConfig()->setStringValue_forPath(path, "s2s.local.pemfile");
+    config().setStringValue_forPath(path, "c2s.local.pemfile");
+    config().setStringValue_forPath(path, "s2s.local.pemfile");
     if (const auto passPhrase = getPrivateKeyPasswordForKeyFile(path)) {
-      masterConfig()->setStringValue_forPath(*passPhrase, "c2s.local.private_key_password");
-      masterConfig()->setStringValue_forPath(*passPhrase, "s2s.local.private_key_password");
+      config().setStringValue_forPath(*passPhrase, "c2s.local.private_key_password");
+      config().setStringValue_forPath(*passPhrase, "s2s.local.private_key_password");
       return;
     }
   }
   for (const char* password : {"c2s.local.private_key_password", "s2s.local.private_key_password"}) {
-    masterConfig()->setStringValue_forPath("", password);
-    masterConfig()->setNodeState_forPath(kNodeSwitchedOff, password);
+    config().setStringValue_forPath("", password);
+    config().setNodeState_forPath(kNodeSwitchedOff, password);
   }
 }
 
@@ -187,8 +187,8 @@ void NOTIFICATION_PLUGIN_JabberServiceAtom::setSSLEnableForKeyFilePath_withCACha
     const std::optional<std::string>& keyFile, const std::optional<std::string>& chainFile) {
   logDebug_source(fill("set-xml: start-tls = [%@]", {keyFile ? "ENABLED" : "DISABLED"}), "");
   const auto setOnEveryDomain = [this](const char* attribute, const std::optional<std::string>& value) {
-    masterConfig()->setAttributeValue_forKey_atPath_matchingAttributes(value, attribute, "c2s.local.id",
-                                                                       std::nullopt);
+    config().setAttributeValue_forKey_atPath_matchingAttributes(value, attribute, "c2s.local.id",
+                                                                std::nullopt);
   };
   setOnEveryDomain("require-starttls", keyFile ? std::optional<std::string>("true") : std::nullopt);
   setOnEveryDomain("pemfile", keyFile);
@@ -205,10 +205,11 @@ std::optional<std::string> NOTIFICATION_PLUGIN_JabberServiceAtom::getPrivateKeyP
   const TaskResult answer = platform().tasks.launch_task(
       kPassPhraseTool, {TaskArgument::text("--get-private-key-passphrase"), TaskArgument::path(*path)});
   if (answer.status != 0) {
-    logError_source(fill("keywarden error: %d - %@", {answer.status, answer.errorText}), "");
+    const auto reason = isUtf8(answer.errorText) ? std::optional(answer.errorText) : std::nullopt;
+    logError_source(fill("keywarden error: %d - %@", {answer.status, reason}), "");
     return std::nullopt;
   }
-  if (answer.output.empty()) return std::nullopt;
+  if (answer.output.empty() || !isUtf8(answer.output)) return std::nullopt;
   return std::string(trimmed(answer.output, "\r\n"));
 }
 
