@@ -1,5 +1,6 @@
 #include "common/Format.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <sstream>
 

@@ -15,7 +15,9 @@ namespace tessard {
 class FormatArgument {
  public:
   FormatArgument(std::nullopt_t) {}
-  FormatArgument(const char* text) : text_(text) {}
+  FormatArgument(const char* text) {
+    if (text) text_ = text;
+  }
   FormatArgument(std::string_view text) : text_(text) {}
   FormatArgument(const std::string& text) : text_(text) {}
   FormatArgument(const std::optional<std::string>& text) : text_(text) {}

@@ -15,6 +15,8 @@ namespace {
 constexpr std::array<std::string_view, 4> kChangeIPKeys = {"oldHost", "newHost", "oldAddress", "newAddress"};
 
 bool isAddress(const std::string& text) {
+  // inet_pton reads up to a NUL byte, which a text may hold.
+  if (text.find('\0') != std::string::npos) return false;
   std::array<unsigned char, sizeof(in6_addr)> buffer{};
   return inet_pton(AF_INET, text.c_str(), buffer.data()) == 1 ||
          inet_pton(AF_INET6, text.c_str(), buffer.data()) == 1;

@@ -15,7 +15,13 @@ namespace {
 
 constexpr std::string_view kBlanks = " \t\n\r\f\v";
 
-std::string shortestReal(double number) {
+std::string digitsOfReal(double number) {
+  // Whole numbers in full: the shortest form of 100000 is "1e+05". From here on doubles skip whole numbers,
+  // and digits would promise more than is known.
+  constexpr double kFirstInexact = 0x1p53;
+  if (std::trunc(number) == number && std::abs(number) < kFirstInexact) {
+    return std::to_string(static_cast<std::int64_t>(number));
+  }
   std::array<char, 40> buffer{};
   const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), number).ptr;
   return {buffer.data(), end};
@@ -94,7 +100,7 @@ std::optional<std::string> Value::stringValue() const {
   if (const std::string* text = asString()) return *text;
   if (const bool* flag = asBoolean()) return *flag ? "1" : "0";
   if (const std::int64_t* integer = asInteger()) return std::to_string(*integer);
-  if (const double* real = asReal()) return shortestReal(*real);
+  if (const double* real = asReal()) return digitsOfReal(*real);
   return std::nullopt;
 }
 

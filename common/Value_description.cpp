@@ -15,7 +15,7 @@ constexpr std::size_t kIndent = 4;
 
 bool isPlainWord(std::string_view text) {
   return !text.empty() && std::ranges::all_of(text, [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
   });
 }
 

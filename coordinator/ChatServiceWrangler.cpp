@@ -141,9 +141,9 @@ int NOTIFICATION_PLUGIN_ChatServiceWrangler::startStopServices_serviceAction(
 // The stop that cleans up may fail and clean up in turn. A service that never stops must not do so for ever.
 void NOTIFICATION_PLUGIN_ChatServiceWrangler::cleanUpByStopping() {
   if (cleanUpDepth_ == kDeepestCleanUp) return;
-  ++cleanUpDepth_;
+  // Counted down also when a service throws.
+  const std::unique_ptr<int, void (*)(int*)> deeper(&++cleanUpDepth_, [](int* depth) { --*depth; });
   stopAllServices();
-  --cleanUpDepth_;
 }
 
 int NOTIFICATION_PLUGIN_ChatServiceWrangler::startAllServices() {

@@ -12,6 +12,15 @@ constexpr const char* kPreferencesPath = "/Library/Preferences/com.velto.tessard
 
 // Settings of the services, among them passwords of databases, are merged into the preferences.
 constexpr FileOwnership kPreferencesOwnership = {std::nullopt, std::nullopt, 0600};
+constexpr FileOwnership kDirectoryOwnership = {std::nullopt, std::nullopt, 0755};
+
+Result<void> writePreferences(FileSystem& files, const Dictionary& preferences) {
+  const std::string directory = directoryOf(kPreferencesPath);
+  if (!files.exists(directory)) {
+    if (auto made = files.createDirectory(directory, kDirectoryOwnership, true); !made) return made;
+  }
+  return writePropertyListFile(files, kPreferencesPath, preferences, kPreferencesOwnership);
+}
 
 }  // namespace
 
@@ -61,8 +70,7 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceWrangler::loadPreferenc
 
 bool NOTIFICATION_PLUGIN_ChatServiceWrangler::savePreferences(const Dictionary& preferences) {
   // Success is reported whatever becomes of the write; the log tells of a failed one.
-  const auto written =
-      writePropertyListFile(platform_.files, kPreferencesPath, preferences, kPreferencesOwnership);
+  const auto written = writePreferences(platform_.files, preferences);
   if (!written) {
     logWarning_source(
         fill("preferences were not saved: \"%@\" : %@", {kPreferencesPath, written.error().description()}),

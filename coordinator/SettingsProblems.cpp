@@ -16,6 +16,8 @@ namespace {
 constexpr std::int64_t kLargestPort = 65535;
 // A domain is part of a file name, "sm_%@.xml.tmp", and file names have at most 255 bytes.
 constexpr std::size_t kLongestDomain = 240;
+// From 2^53 on doubles skip whole numbers.
+constexpr double kFirstInexactReal = 0x1p53;
 
 using Reading = bool (*)(const Value&);
 
@@ -27,7 +29,9 @@ struct SettingKind {
 
 bool isWholeNumber(const Value& value) {
   if (value.asInteger()) return true;
-  if (const double* real = value.asReal()) return std::trunc(*real) == *real;
+  if (const double* real = value.asReal()) {
+    return std::trunc(*real) == *real && std::abs(*real) < kFirstInexactReal;
+  }
   const std::string* text = value.asString();
   return text && !text->empty() && text->size() <= 9 &&
          std::ranges::all_of(*text, [](char c) { return c >= '0' && c <= '9'; });
@@ -42,13 +46,13 @@ bool isCountOfDays(const Value& value) {
 }
 
 bool isSwitch(const Value& value) {
-  if (value.isNumber()) return true;
+  if (value.isNumber() || isWholeNumber(value)) return true;
   const std::string* text = value.asString();
   if (!text) return false;
   std::string word = *text;
   std::ranges::transform(word, word.begin(),
                          [](char c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; });
-  constexpr std::array<std::string_view, 8> words = {"yes", "no", "true", "false", "1", "0", "y", "n"};
+  constexpr std::array<std::string_view, 8> words = {"yes", "no", "true", "false", "y", "n", "t", "f"};
   return std::ranges::find(words, word) != words.end();
 }
 
@@ -112,9 +116,10 @@ std::optional<std::string> problemWithSettings(const SettingsDictionary& setting
     if (value && !kind.reads(*value)) return fill("\"%@\" must be %@", {kind.key, kind.expected});
   }
   for (const DictionaryEntry& entry : settings) {
-    if (!isXmlText(entry.key)) return "the name of a setting holds control characters";
+    if (!isXmlText(entry.key))
+      return "the name of a setting holds characters that no configuration file can hold";
     if (!holdsOnlyXmlText(entry.value)) {
-      return fill("\"%@\" holds control characters, which no configuration file can hold", {entry.key});
+      return fill("\"%@\" holds characters that no configuration file can hold", {entry.key});
     }
   }
   return std::nullopt;

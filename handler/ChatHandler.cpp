@@ -69,18 +69,24 @@ PluginRequestHandler::Operation NOTIFICATION_PLUGIN_ChatHandler::operationForCom
   } else {
     return operation;
   }
-  // Nothing thrown by a library may cross the boundary to the host.
   return
       [this, operation, name = std::string(command)](const Dictionary& request) -> std::optional<Dictionary> {
-        try {
-          return operation(request);
-        } catch (const std::exception& failure) {
-          logError_source(fill("request \"%@\" failed: %@", {name, failure.what()}), "");
-        } catch (...) {
-          logError_source(fill("request \"%@\" failed", {name}), "");
-        }
-        return responseForError("CANNOT_STAT_ERR");
+        std::optional<Dictionary> answer = responseForError("CANNOT_STAT_ERR");
+        runCatching(fill("request \"%@\"", {name}), [&] { answer = operation(request); });
+        return answer;
       };
+}
+
+// Nothing thrown by a library may cross the boundary to the host.
+void NOTIFICATION_PLUGIN_ChatHandler::runCatching(const std::string& what,
+                                                  const std::function<void()>& work) const {
+  try {
+    work();
+  } catch (const std::exception& failure) {
+    logError_source(fill("%@ failed: %@", {what, failure.what()}), "");
+  } catch (...) {
+    logError_source(fill("%@ failed", {what}), "");
+  }
 }
 
 bool NOTIFICATION_PLUGIN_ChatHandler::commandChangesState(std::string_view command) {
@@ -88,25 +94,21 @@ bool NOTIFICATION_PLUGIN_ChatHandler::commandChangesState(std::string_view comma
 }
 
 int NOTIFICATION_PLUGIN_ChatHandler::doIdleAtCount(int /*count*/) {
-  try {
+  runCatching("idle work", [this] {
     if (serviceDataIsInitialized()) serviceWrangler_->doIdleTasks();
-  } catch (const std::exception& failure) {
-    logError_source(fill("idle work failed: %@", {failure.what()}), "");
-  }
+  });
   return 0;
 }
 
 void NOTIFICATION_PLUGIN_ChatHandler::didReceiveNetworkChangedNotification(
     const NetworkChangeContext& context) {
-  try {
+  runCatching("network change", [&] {
     if (!serviceDataIsInitialized()) return;
     std::vector<std::string> keys;
     for (const DictionaryEntry& entry : context.changeInfo()) keys.push_back(entry.key);
     logDebug_source(fill("notification received: changeKeys=\"%@\"", {Value(arrayOf(keys))}), "");
     serviceWrangler_->handleNetworkChanged(context);
-  } catch (const std::exception& failure) {
-    logError_source(fill("network change failed: %@", {failure.what()}), "");
-  }
+  });
 }
 
 bool NOTIFICATION_PLUGIN_ChatHandler::isNetworkReady() {
@@ -152,7 +154,8 @@ Dictionary NOTIFICATION_PLUGIN_ChatHandler::responseForError_serviceError(const 
 }
 
 void NOTIFICATION_PLUGIN_ChatHandler::enablePortForwarding(bool enable) {
-  const bool open = enable && serviceStateForName("jabberd") != 0;
+  const int state = serviceStateForName("jabberd");
+  const bool open = enable && state != 0;
   const auto mappings = platform_.network.ZtCreateSimplePortMappingsSet(kServerToServerPort, kTCP, open);
   const int result = mappings ? platform_.network.ZtChangePortMappings(*mappings) : ENOMEM;
   if (result != 0) {

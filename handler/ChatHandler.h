@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -63,6 +64,8 @@ class NOTIFICATION_PLUGIN_ChatHandler : public PluginRequestHandler {
     bool publishSubscribe = false;
   };
 
+  /// Does the work; what it throws becomes an error line, "%@ failed: %@", and goes no further.
+  void runCatching(const std::string& what, const std::function<void()>& work) const;
   bool passGate();
   void addDetails(RunningState running, Dictionary& answer);
   std::string startedTime(RunningState running);
