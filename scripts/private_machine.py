@@ -153,6 +153,10 @@ class PrivateMachine:
                 process.wait()
         self._cleanup.close()
 
+    def wait(self):
+        """Returns when the machine has ended by itself."""
+        self._bwrap.wait()
+
     def alive(self):
         return self._bwrap is not None and self._bwrap.poll() is None
 
@@ -304,7 +308,7 @@ class PrivateMachine:
         return int(status) if status.isdigit() else 0
 
     def daemon_answers(self):
-        return self.run("tessardctl", "request", "getLogPaths", check=False).returncode == 0
+        return self.run("tessardctl", "health", check=False).returncode == 0
 
     def wait_for_daemon(self):
         try:
@@ -322,7 +326,7 @@ def command_inside(pid, arguments, user=0, group=None, groups=()):
     group = user if group is None else group
     membership = ["--groups", ",".join(map(str, groups))] if groups else ["--clear-groups"]
     bounding = "-all," + ",".join("+" + each for each in _CAPABILITIES)
-    return ["nsenter", "--target", str(pid), "--mount", "--uts", "--ipc", "--net", "--pid", "--wd=/",
+    return ["nsenter", "--target", str(pid), "--mount", "--uts", "--ipc", "--net", "--pid",
             "env", "-i", f"PATH={_PATH}", "LANG=C.UTF-8", "HOME=/root",
             "setpriv", "--no-new-privs", "--bounding-set", bounding, f"--reuid={user}", f"--regid={group}",
             *membership, "--", *arguments]
