@@ -91,6 +91,11 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::saveDocument() {
   if (saved.outcome == ReplaceOutcome::temporaryNotWritten) {
     logError_source(fill("error saving configuration file: \"%@\"", {temporaryPathFor(*configPath_)}), "");
   }
+  if (saved.outcome == ReplaceOutcome::notExchangedBack) {
+    logError_source(fill("previous version could not be kept as backup, it is left in \"%@\"",
+                         {temporaryPathFor(*configPath_)}),
+                    "");
+  }
   if (saved.outcome != ReplaceOutcome::replaced) return false;
   const auto file = platform_.files.attributes(*configPath_);
   savedFile_ = file ? std::optional(file.value()) : std::nullopt;

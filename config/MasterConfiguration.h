@@ -178,6 +178,7 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
 
  private:
   bool masterFileChanged() const;
+  FileTime momentOfSave() const;
   void takeConfigLine(const std::string& line);
 
   Platform& platform_;

@@ -1,3 +1,5 @@
+#include <cstdint>
+
 #include "common/DurableReplace.h"
 #include "common/Format.h"
 #include "config/MasterConfiguration.h"
@@ -5,6 +7,20 @@
 #include "config/ServiceAccount.h"
 
 namespace tessard {
+
+namespace {
+
+// Kernels that date files more finely than the coarse clock can date one up to a tick of that clock ahead of
+// it (10 ms where the timer runs at 100 Hz). The file that was just saved must not look newer than its save.
+constexpr std::int64_t kClockTick = 10'000'000;
+
+std::int64_t nanosecondsBetween(FileTime from, FileTime to) {
+  // Differences of a second and more are all too long, and must not overflow.
+  if (to.seconds - from.seconds > 1) return 2 * std::int64_t{1'000'000'000};
+  return (to.seconds - from.seconds) * 1'000'000'000 + (to.nanoseconds - from.nanoseconds);
+}
+
+}  // namespace
 
 void NOTIFICATION_PLUGIN_MasterConfiguration::copyCachedConfigurationCommentsToString(
     std::string& text) const {
@@ -35,14 +51,26 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::saveMasterConfiguration() {
                          {temporaryPathFor(configPath_), saved.error.description()}),
                     "");
   }
+  if (saved.outcome == ReplaceOutcome::notExchangedBack) {
+    logError_source(fill("previous version could not be kept as backup, it is left in \"%@\"",
+                         {temporaryPathFor(configPath_)}),
+                    "");
+  }
   if (saved.outcome != ReplaceOutcome::replaced) return false;
   // A backup that keeps its old owner is still a backup: a failure is ignored.
   static_cast<void>(
       platform_.files.setOwnership(backupPathFor(configPath_), kConfigurationFileOwnership).ok());
   configDirty_ = false;
-  loadTime_ = platform_.clock.now();
+  loadTime_ = momentOfSave();
   logDebug_source(fill("%@ saved.", {kMasterFileName}), "");
   return true;
+}
+
+FileTime NOTIFICATION_PLUGIN_MasterConfiguration::momentOfSave() const {
+  const FileTime now = platform_.clock.now();
+  const auto file = platform_.files.attributes(configPath_);
+  if (!file || file.value().modified <= now) return now;
+  return nanosecondsBetween(now, file.value().modified) <= kClockTick ? file.value().modified : now;
 }
 
 bool NOTIFICATION_PLUGIN_MasterConfiguration::saveAllConfigurations() {
