@@ -58,7 +58,10 @@ Result<Function> functionIn(void* library, const char* symbol) {
 
 Result<std::unique_ptr<PluginRequestHandler>> BundleLoader::load(const std::string& path) {
   const auto added = bundles_.add(path);
-  if (!added) return added.error();
+  if (!added) {
+    return SystemError(added.error().code(),
+                       fill("its Info.plist cannot be used: %@", {added.error().description()}));
+  }
   DirectoryBundle& bundle = *added.value();
   const std::string* principalClass = bundle.infoDictionary().stringFor("NSPrincipalClass");
   if (!principalClass) return SystemError(0, "its Info.plist has no \"NSPrincipalClass\"");

@@ -1,0 +1,223 @@
+#include <gmock/gmock.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "host/ConnectionTable.h"
+#include "host/HostConfiguration.h"
+#include "host/HttpMessage.h"
+#include "host/PeerCheck.h"
+#include "host/RequestLog.h"
+#include "host/ctl/CtlArguments.h"
+#include "host/ctl/UnixHttpClient.h"
+#include "platform/FileDescriptor.h"
+
+namespace tessard {
+namespace {
+
+using Phase = ConnectionTable::Phase;
+using testing::HasSubstr;
+
+TEST(HostConfiguration, IsLeftAsItWasByAFaultyText) {
+  HostConfiguration configuration;
+  const auto applied = applyConfigurationText(configuration, "connections = 9\nnonsense\n", "x.conf");
+  ASSERT_FALSE(applied.ok());
+  EXPECT_EQ(applied.error().description(), "x.conf, line 2: a line must have the form \"key = value\"");
+  EXPECT_EQ(configuration.maximumConnections, HostConfiguration().maximumConnections);
+}
+
+TEST(HostConfiguration, KnowsEverySettingOfTheHelp) {
+  HostConfiguration configuration;
+  const auto applied = applyConfigurationText(configuration,
+                                              "socket = /a = b\n"
+                                              "admin-group=wheel\n"
+                                              "bundles = /b\n"
+                                              "programs = /p\n"
+                                              "idle-seconds = 0\n"
+                                              "request-seconds = 2\n"
+                                              "queue-seconds = 3\n"
+                                              "connections = 4",
+                                              "x.conf");
+  ASSERT_TRUE(applied.ok()) << applied.error().description();
+  EXPECT_EQ(configuration.socketPath, "/a = b");
+  EXPECT_EQ(configuration.adminGroup, "wheel");
+  EXPECT_EQ(configuration.bundlesDirectory, "/b");
+  EXPECT_EQ(configuration.programsDirectory, "/p");
+  EXPECT_EQ(configuration.idleSeconds, 0U);
+  EXPECT_EQ(configuration.requestSeconds, 2U);
+  EXPECT_EQ(configuration.queueSeconds, 3U);
+  EXPECT_EQ(configuration.maximumConnections, 4U);
+}
+
+TEST(PeerCheck, LetsRootTheDaemonsOwnUserAndMembersIn) {
+  const PeerCheck peers(gid_t{50});
+  EXPECT_TRUE(peers.mayConnect({0, 7, {}}));
+  EXPECT_TRUE(peers.mayConnect({geteuid(), 7, {}}));
+  EXPECT_TRUE(peers.mayConnect({12345, 50, {}}));
+  EXPECT_TRUE(peers.mayConnect({12345, 7, {8, 50, 9}}));
+  EXPECT_FALSE(peers.mayConnect({12345, 7, {8, 0, 9}}));
+}
+
+TEST(PeerCheck, HasNoMembersWithoutAGroup) {
+  const PeerCheck peers(std::nullopt);
+  EXPECT_TRUE(peers.mayConnect({0, 0, {}}));
+  EXPECT_FALSE(peers.mayConnect({12345, 0, {0}}));
+}
+
+TEST(PeerCheck, ReadsThePeerOfASocketAndNothingElse) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+  const FileDescriptor first(ends[0]);
+  const FileDescriptor second(ends[1]);
+  const auto peer = peerOf(first.get());
+  ASSERT_TRUE(peer.ok());
+  EXPECT_EQ(peer.value().user, geteuid());
+  EXPECT_EQ(peer.value().group, getegid());
+  const FileDescriptor noSocket(eventfd(0, EFD_CLOEXEC));
+  EXPECT_EQ(peerOf(noSocket.get()).error().code(), ENOTSOCK);
+  EXPECT_EQ(peerOf(-1).error().code(), EBADF);
+}
+
+TEST(PeerCheck, FindsGroupsByName) {
+  EXPECT_EQ(groupNamed("root"), gid_t{0});
+  EXPECT_EQ(groupNamed("no-such-group"), std::nullopt);
+}
+
+class ConnectionTableTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    client_ = FileDescriptor(ends[0]);
+    server_ = FileDescriptor(ends[1]);
+    table_.add(this, server_.get());
+  }
+
+  // What the client has been sent; "open" when nothing was and the connection stands.
+  std::string received() const {
+    std::array<char, 4096> buffer{};
+    const ssize_t count = recv(client_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    return count < 0 ? "open" : std::string(buffer.data(), static_cast<std::size_t>(count));
+  }
+
+  static ConnectionTable::Moment later(int seconds) {
+    return std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  }
+
+  FileDescriptor client_;
+  FileDescriptor server_;
+  ConnectionTable table_{std::chrono::seconds(30)};
+};
+
+TEST_F(ConnectionTableTest, LeavesConnectionsAloneWithinTheLimit) {
+  table_.endSlowConnections(later(20));
+  EXPECT_EQ(received(), "open");
+}
+
+TEST_F(ConnectionTableTest, TellsSlowSendersAndEndsTheConnection) {
+  table_.enter(this, Phase::reading);
+  table_.endSlowConnections(later(40));
+  EXPECT_THAT(received(), HasSubstr("HTTP/1.1 408 Request Timeout"));
+  EXPECT_EQ(received(), "");
+}
+
+TEST_F(ConnectionTableTest, EndsIdleConnectionsWithoutAWord) {
+  table_.enter(this, Phase::between);
+  table_.endSlowConnections(later(40));
+  EXPECT_EQ(received(), "");
+}
+
+TEST_F(ConnectionTableTest, NeverEndsAConnectionWhoseRequestIsAtWork) {
+  table_.enter(this, Phase::working);
+  table_.endSlowConnections(later(1'000'000));
+  EXPECT_EQ(received(), "open");
+}
+
+TEST_F(ConnectionTableTest, ForgetsWhatIsRemoved) {
+  EXPECT_EQ(table_.size(), 1U);
+  table_.remove(this);
+  table_.enter(this, Phase::reading);
+  EXPECT_EQ(table_.size(), 0U);
+  table_.endSlowConnections(later(40));
+  EXPECT_EQ(received(), "open");
+}
+
+class SilentSyslog : public Syslog {
+ public:
+  void write(int /*priority*/, const char* /*format*/, const std::string& /*line*/) override {}
+};
+
+class CountingObserver : public LogObserver {
+ public:
+  void logged(int /*level*/, std::string_view /*message*/) override { ++count; }
+  int count = 0;
+};
+
+TEST(RequestLog, CollectsWarningsAndErrorsAndLetsTheObserverBeforeItSeeAll) {
+  SilentSyslog syslog;
+  CountingObserver observer;
+  Log log{syslog, &observer};
+  const Object object(log);
+  {
+    const RequestLog collected(log);
+    object.logNotice_source("n", "");
+    object.logWarning_source("w", "");
+    object.logError_source("e", "");
+    object.logDebug_source("d", "");
+    const Array expected = {Dictionary{{"level", "warning"}, {"message", "w"}},
+                            Dictionary{{"level", "error"}, {"message", "e"}}};
+    EXPECT_EQ(collected.lines(), expected);
+  }
+  object.logError_source("after", "");
+  EXPECT_EQ(observer.count, 5);
+  EXPECT_EQ(log.observer, &observer);
+}
+
+TEST(RequestLog, CountsLinesBeyondItsLimit) {
+  SilentSyslog syslog;
+  Log log{syslog};
+  const Object object(log);
+  const RequestLog collected(log);
+  for (std::size_t line = 0; line < RequestLog::kLineLimit + 5; ++line) object.logWarning_source("w", "");
+  const Array lines = collected.lines();
+  ASSERT_EQ(lines.size(), RequestLog::kLineLimit + 1);
+  EXPECT_EQ(*lines.back().asDictionary()->stringFor("message"), "5 further lines are in the system log only");
+}
+
+TEST(HttpMessage, IsReadBackByTheClient) {
+  ClientReply reply;
+  ASSERT_TRUE(parseReply(wholeMessage(errorAnswer(403, "refused", "No.")), reply));
+  EXPECT_EQ(reply.status, 403);
+  EXPECT_EQ(reply.body, "{\"error\":\"refused\",\"message\":\"No.\"}\n");
+}
+
+TEST(UnixHttpClient, RefusesWhatIsNoWholeAnswer) {
+  const std::string whole = "HTTP/1.1 200 OK\r\nA: b\r\nContent-Length: 2\r\n\r\n{}";
+  ClientReply reply;
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    EXPECT_FALSE(parseReply(whole.substr(0, length), reply)) << length;
+  }
+  EXPECT_TRUE(parseReply(whole, reply));
+  EXPECT_FALSE(parseReply("HTTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\n", reply));
+  EXPECT_FALSE(parseReply("HTTP/1.1 xyz OK\r\nContent-Length: 0\r\n\r\n", reply));
+  EXPECT_FALSE(parseReply("HTTP/1.1 200 OK\r\nContent-Length: x\r\n\r\n", reply));
+  EXPECT_FALSE(parseReply("HTTP/1.1 200 OK\r\nX: 1\r\n\r\n", reply));
+}
+
+TEST(CtlArguments, TakesOptionsAnywhereUntilTwoDashes) {
+  bool json = false;
+  const auto parsed =
+      parseCtlArguments({"a", "--json", "--socket=/s", "-", "--plugin", "p", "--", "--help"}, json);
+  ASSERT_TRUE(parsed.ok());
+  EXPECT_TRUE(json && parsed.value().json);
+  EXPECT_FALSE(parsed.value().help);
+  EXPECT_EQ(parsed.value().socketPath, "/s");
+  EXPECT_EQ(parsed.value().plugin, "p");
+  EXPECT_THAT(parsed.value().words, testing::ElementsAre("a", "-", "--help"));
+}
+
+}  // namespace
+}  // namespace tessard
