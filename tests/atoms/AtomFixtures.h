@@ -29,10 +29,10 @@ inline const std::string kAccessTool =
 
 /// What stands between the tags of the root elements of the four component files.
 struct Components {
-  std::string c2s;
-  std::string s2s;
-  std::string sm;
-  std::string router;
+  std::string c2s{};
+  std::string s2s{};
+  std::string sm{};
+  std::string router{};
 };
 
 inline std::string whole(const std::string& level, const std::string& message) {
@@ -109,7 +109,8 @@ class JabberTest : public testing::Test {
     return texts;
   }
 
-  std::vector<std::pair<std::string, std::string>> attributesAt(std::string_view path, std::size_t index = 0) {
+  std::vector<std::pair<std::string, std::string>> attributesAt(std::string_view path,
+                                                                std::size_t index = 0) {
     const auto matches = owner.master->getNodesForPath_withAttributes(path, std::nullopt);
     if (!matches || matches->size() <= index) return {{"no", "such element"}};
     return (*matches)[index].node.attributes();

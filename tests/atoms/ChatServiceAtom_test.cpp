@@ -100,10 +100,10 @@ TEST_F(ChatServiceAtomTest, AnswersTheLastIPv4AddressOfAHost) {
   platform.network.addresses["chat.example.com"] = {"10.0.0.1", "fe80::1", "10.0.0.2"};
   EXPECT_EQ(atom.currentIPv4AddressForHost("chat.example.com"), "10.0.0.2");
   EXPECT_THAT(platform.network.lookups, ElementsAre(FakeNetwork::Lookup{"chat.example.com", 5.0}));
-  EXPECT_THAT(platform.log.messages(kLogDebug),
-              ElementsAre("Scanning for IPv4 address for host: chat.example.com ",
-                          "...checking address: 10.0.0.1 ", "...checking address: fe80::1 ",
-                          "...checking address: 10.0.0.2 "));
+  EXPECT_THAT(
+      platform.log.messages(kLogDebug),
+      ElementsAre("Scanning for IPv4 address for host: chat.example.com ", "...checking address: 10.0.0.1 ",
+                  "...checking address: fe80::1 ", "...checking address: 10.0.0.2 "));
   EXPECT_THAT(platform.log.lines(), IsEmpty());
 }
 

@@ -139,11 +139,12 @@ TEST_F(ProcessState, ByPidFileLooksAtTheLowByteOfTheAnswerAlone) {
     int answer = 0;
     int get_service_state_from_pid_file(std::string_view /*path*/) override { return answer; }
   } processes;
-  Platform other{platform.files,  platform.tasks, platform.services, processes,        platform.hostNames,
-                 platform.network, platform.clock, platform.random,   platform.unicode, platform.bundles,
-                 platform.log};
+  Platform other{platform.files,     platform.tasks,   platform.services, processes,
+                 platform.hostNames, platform.network, platform.clock,    platform.random,
+                 platform.unicode,   platform.bundles, platform.log};
   Atom asking{other};
-  for (const auto& [answer, expected] : {std::pair{0, 0}, {1, 1}, {-1, 1}, {255, 1}, {0x100, 0}, {0x101, 1}}) {
+  for (const auto& [answer, expected] :
+       {std::pair{0, 0}, {1, 1}, {-1, 1}, {255, 1}, {0x100, 0}, {0x101, 1}}) {
     processes.answer = answer;
     EXPECT_EQ(asking.getProcessStateForPidFile("/run/x.pid"), expected) << answer;
   }
@@ -162,8 +163,9 @@ TEST_F(ProcessState, ByNameTellsWhenItCannotBeTold) {
   platform.processes.countErrors["router"] = EACCES;
   EXPECT_EQ(atom.getProcessStateForName("router"), -1);
   EXPECT_EQ(errno, EACCES);
-  EXPECT_THAT(platform.log.lines(), ElementsAre("tessard_notification[E]: Unable to determine state of jabberd "
-                                                "process \"router\" (error 13)"));
+  EXPECT_THAT(platform.log.lines(),
+              ElementsAre("tessard_notification[E]: Unable to determine state of jabberd "
+                          "process \"router\" (error 13)"));
 }
 
 TEST_F(ProcessState, FlagsGainTheMaskOfARunningProcess) {
