@@ -82,8 +82,8 @@ class XmlNode {
   void setAttribute(std::string_view name, std::string_view value) const;
   void removeAttribute(std::string_view name) const;
 
-  /// Takes the node out of its tree, and the line that it stood on when nothing else stands there. No effect
-  /// on a node without a parent.
+  /// Takes the node out of its tree, and the line that it stood on, or the blanks beside it where something
+  /// else stands on that line; next to real text, nothing but the node. No effect on a node without a parent.
   void detach() const;
 
   /// Adds a node as this element's last child, detaching it from wherever it is (the root of another document

@@ -113,6 +113,7 @@ void appendOnOwnLine(XmlTree& tree, XmlNodeData& parent, XmlNodeData* last, XmlN
     linkAfter(parent, last, makeWhite(tree, lineEnd + outer));
   } else if (lastLineEnd(tail->bytes()) == kNowhere) {
     tail->own = std::make_unique<std::string>(lineEnd + outer);
+    tail->added = false;
   }
   XmlNodeData& before = makeWhite(tree, lineEnd + *indentation);
   linkAfter(parent, last, before);
@@ -147,28 +148,35 @@ void mergeIntoFirst(XmlNodeData& first, XmlNodeData& second) {
   first.white = white;
 }
 
+/// Takes away what belongs to a node between two white spaces: its line when it is alone there, else the
+/// blanks on one side of it.
+void removeWhiteAround(XmlNodeData& node) {
+  XmlNodeData& before = *node.previous;
+  XmlNodeData& after = *node.next;
+  const std::size_t kept = lastLineEnd(before.bytes());
+  if (kept == kNowhere || kept == 0) {
+    const bool alone = kept == kNowhere || beginsWithLineEnd(after.bytes());
+    unlink(alone ? before : after);
+  } else if (!beginsWithLineEnd(after.bytes())) {
+    unlink(after);
+  } else if (before.own) {
+    before.own->resize(kept);
+  } else {
+    before.rawLength = static_cast<std::uint32_t>(kept);
+  }
+}
+
 }  // namespace
 
 void removeWithLayout(XmlNodeData& node) {
   XmlNodeData& parent = *node.parent;
-  XmlNodeData* before = node.previous;
-  XmlNodeData* const after = node.next;
   const bool layout = parent.kind == Kind::element && parent.realTexts == 0 && node.kind != Kind::text;
   // The node may be the last example of how deep a level is.
   XmlDocumentNode* const document = documentOf(node);
   if (document && document->hasLayout) indentationUnitOf(*document);
-  if (layout && indentationOf(node) && isText(after) && beginsWithLineEnd(after->bytes())) {
-    const std::size_t kept = lastLineEnd(before->bytes());
-    if (kept == 0) {
-      XmlNodeData* const emptied = before;
-      before = before->previous;
-      unlink(*emptied);
-    } else if (before->own) {
-      before->own->resize(kept);
-    } else {
-      before->rawLength = static_cast<std::uint32_t>(kept);
-    }
-  }
+  if (layout && isText(node.previous) && isText(node.next)) removeWhiteAround(node);
+  XmlNodeData* const before = node.previous;
+  XmlNodeData* const after = node.next;
   unlink(node);
   if (isText(before) && isText(after)) mergeIntoFirst(*before, *after);
   if (!parent.firstChild) parent.emptied = true;
