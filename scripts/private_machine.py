@@ -286,6 +286,13 @@ class PrivateMachine:
     def popen(self, *arguments, user=0, **options):
         return subprocess.Popen(self.command([str(each) for each in arguments], user), **options)
 
+    def system_log(self):
+        """The system log, with everything in it that was logged before the call."""
+        mark = f"mark {time.monotonic_ns()}"
+        self.run("logger", "--", mark)
+        wait_until(lambda: mark in self.read("/var/log/system.log"), "the system log", still_possible=self.alive)
+        return self.read("/var/log/system.log")
+
     # --- services -------------------------------------------------------------------------------------------
 
     def define_service(self, name, run_script):

@@ -69,8 +69,7 @@ class Jabberd:
         return all(process.poll() is None for process in self.processes.values())
 
     def log(self):
-        return [line for line in self.machine.read("/var/log/system.log").splitlines()
-                if "jabberd_notification/" in line]
+        return [line for line in self.machine.system_log().splitlines() if "jabberd_notification/" in line]
 
     def wait_for_port(self, port):
         wait_until(lambda: port in self.listening_ports(), f"port {port}", still_possible=self.running)

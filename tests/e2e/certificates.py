@@ -1,0 +1,20 @@
+"""Certificates that openssl makes inside a machine."""
+
+from private_machine import CONFIGURATION
+
+KEY_FILE = f"{CONFIGURATION}/server.pem"
+CA_FILE = f"{CONFIGURATION}/ca.pem"
+
+
+def make_certificate(machine, domains, passphrase=None):
+    """One file with a key and its self-signed certificate, readable by jabberd, and one with the certificate
+    alone. With a pass phrase the key is encrypted, and the pass phrase kept where it is looked for."""
+    names = ",".join(f"DNS:{domain}" for domain in domains)
+    sealing = ["-noenc"] if passphrase is None else ["-passout", "stdin"]
+    machine.run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", *sealing,
+                "-days", "30", "-subj", f"/CN={domains[0]}", "-addext", f"subjectAltName={names}",
+                "-keyout", KEY_FILE, "-out", CA_FILE, input=passphrase or "")
+    machine.run("sh", "-c", f"cat {CA_FILE} >>{KEY_FILE}; chown 0:84 {KEY_FILE} {CA_FILE}; "
+                            f"chmod 0640 {KEY_FILE} {CA_FILE}")
+    if passphrase is not None:
+        machine.write(f"{KEY_FILE}.passphrase", passphrase + "\n", 0o600)

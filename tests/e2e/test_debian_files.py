@@ -1,0 +1,76 @@
+"""Debian's own jabberd files, edited through the daemon, still suit the real components."""
+
+import re
+from pathlib import Path
+
+from certificates import CA_FILE, KEY_FILE, make_certificate
+from jabberd import Jabberd
+from private_machine import CONFIGURATION
+
+DOMAINS = ["a.example.test", "b.example.test"]
+
+# What ties Debian's files to Debian's own instance.
+ADAPTATIONS = [
+    (r"/var/run/jabberd2/", "/var/run/jabberd_notification/"),
+    (r"<log type='file'>", "<log type='syslog'>"),
+    (r"<ident>jabberd/", "<ident>jabberd_notification/"),
+    (r"/etc/jabberd2/router-users.xml", f"{CONFIGURATION}/router-users.xml"),
+    (r"/var/lib/jabberd2/sqlite.db", "/private/var/jabberd/sqlite/jabberd2_notification.db"),
+    (r"<driver>db</driver>", "<driver>sqlite</driver>"),
+    (r"<module>db</module>", "<module>sqlite</module>"),
+]
+
+
+def put_debians_files(service):
+    password = service.router_password()
+    for kind in ("router", "sm", "c2s", "s2s"):
+        text = Path(f"/etc/jabberd2/{kind}.xml").read_text(encoding="utf-8")
+        for pattern, replacement in ADAPTATIONS:
+            text = re.sub(pattern, replacement, text)
+        text = re.sub(r"<(pass|secret)>secret<", lambda found: f"<{found.group(1)}>{password}<", text)
+        service.machine.write(f"{CONFIGURATION}/{kind}.xml", text, 0o600, (84, 0))
+
+
+def without_changed_parts(text):
+    """What no setting touches: every line but those with a component's live or switched-off values."""
+    keys = ("id|pidfile|pemfile|cachain|private_key_password|port|ssl-port|plain|digest-md5|cram-md5|gssapi|dbname|"
+            "require_tls|enable_whitelist|whitelist_domain|message_logging_[a-z_]+|filter_muc_messages_from|"
+            "velto_notification_component_addr")
+    return [line for line in text.splitlines() if line.strip() and not re.search(rf"<({keys})[ />]", line)]
+
+
+def test_debians_files_are_edited_key_by_key_and_then_run(service):
+    put_debians_files(service)
+    before = {name: text.decode() for name, text in service.configuration_files().items()}
+    make_certificate(service.machine, DOMAINS)
+    answer = service.post({"command": "writeSettings", "configuration": {
+        "hostsCommaDelimitedString": ",".join(DOMAINS), "sslKeyFile": KEY_FILE, "sslCAFile": CA_FILE,
+        "authLevel": "STANDARD", "jabberdClientPortTLS": 5218, "jabberdClientPortSSL": 5219,
+        "jabberdS2SPort": 5270, "enableXMPP": True, "requireSecureS2S": True, "s2sRestrictDomains": True,
+        "s2sAllowedDomains": ["friend.example.test"],
+        "jabberdDatabasePath": "/private/var/jabberd/sqlite/jabberd2_notification.db",
+        "enableSavedChats": True, "savedChatsLocation": "/Library/Server/archive", "savedChatsArchiveInterval": 30,
+    }})
+    assert answer["writeStatus"] == 0
+
+    assert service.values("c2s.local.id") == DOMAINS
+    assert service.values("c2s.local.port") == ["5218"]
+    assert service.values("c2s.local.ssl-port") == ["5219"]
+    assert service.values("c2s.local.pemfile") == service.values("s2s.local.pemfile") == [KEY_FILE]
+    assert service.values("c2s.local.cachain") == service.values("s2s.local.cachain") == [CA_FILE]
+    assert service.values("s2s.local.port") == ["5268"]
+    assert service.values("s2s.security.require_tls") == service.values("s2s.security.enable_whitelist") == ["1"]
+    assert service.values("s2s.security.whitelist_domain") == ["friend.example.test"]
+    # Directly below the root, an element is changed where there is one, and none is made.
+    assert service.values("router.message_logging_enabled") == []
+    assert service.values("sm.velto_notification_component_addr") == []
+    for name in ("router.xml", "sm.xml", "c2s.xml", "s2s.xml"):
+        after = service.machine.read(f"{CONFIGURATION}/{name}")
+        assert without_changed_parts(after) == without_changed_parts(before[name])
+
+    with Jabberd(service.machine) as jabberd:
+        for domain in DOMAINS:
+            assert "<starttls" in jabberd.wait_for_domain(domain)
+        for port in (5218, 5219, 5268):
+            jabberd.wait_for_port(port)
+        assert jabberd.running()
