@@ -64,10 +64,20 @@ void catchSignals(int stopEvent) {
   sigaction(SIGHUP, &action, nullptr);
 }
 
+// The service's account and root's group, to which files are given.
+constexpr uid_t kServiceUser = 84;
+constexpr gid_t kRootGroup = 0;
+
+// An ordinary user can give files to nobody else: on that user's scratch root its own ids stand for those.
+OwnerMap ownersForThisUser() {
+  if (geteuid() == 0) return {};
+  return {{{kServiceUser, geteuid()}}, {{kRootGroup, getegid()}}};
+}
+
 // The real parts of everything outside.
 struct RealPlatform {
   explicit RealPlatform(const HostConfiguration& configuration)
-      : files(configuration.root),
+      : files(configuration.root, ownersForThisUser()),
         tasks(configuration.root, configuration.programsDirectory),
         processes(files),
         hostNames(files),
@@ -105,12 +115,11 @@ class Daemon {
     catchSignals(stopEvent.get());
     auto lock = RootLock::take(real_.files, configuration_.root);
     if (!lock) return refuse(lock.error().code() == EBUSY ? EX_TEMPFAIL : EX_OSERR, lock.error());
-    const auto adminGroup = groupNamed(configuration_.adminGroup);
+    const auto adminGroup = geteuid() == 0 ? groupNamed(configuration_.adminGroup) : std::nullopt;
     auto socket = ListeningSocket::open(configuration_, real_.files, adminGroup);
     if (!socket) return refuse(socket.error().code() == EADDRINUSE ? EX_TEMPFAIL : EX_OSERR, socket.error());
     if (!adminGroup) {
-      hostLog_.notice(
-          fill("There is no group \"%@\"; only root may send requests.", {configuration_.adminGroup}));
+      tellWhoMayConnect();
     }
     loadPlugins();
     return serve(PeerCheck(adminGroup), stopEvent.get(), socket.value());
@@ -121,6 +130,13 @@ class Daemon {
     hostLog_.error(fill("Not started: %@.", {reason.description()}));
     slot_.stop();
     return status;
+  }
+
+  void tellWhoMayConnect() {
+    hostLog_.notice(
+        geteuid() == 0
+            ? fill("There is no group \"%@\"; only root may send requests.", {configuration_.adminGroup})
+            : fill("Not run by root; only root and user %u may send requests.", {geteuid()}));
   }
 
   void loadPlugins() {

@@ -219,7 +219,7 @@ int HttpServer::dispatch(MHD_Connection* connection, Exchange& exchange) {
   table_.enter(connection, Phase::working);
   RoutedRequest routed;
   try {
-    routed = router_.route(exchange.request);
+    routed = router_.route(std::move(exchange.request));
   } catch (const std::exception& problem) {
     routed.answer = errorAnswer(500, "internal", fill("The daemon failed: %@.", {problem.what()}));
   }

@@ -78,13 +78,13 @@ void RequestExecutor::writeSetupMarker() {
   if (files.exists(kSetupMarker)) return;
   const std::string directory = directoryOf(kSetupMarker);
   if (!files.exists(directory)) {
-    const auto made = files.createDirectory(directory, {0, 0, 0755}, true);
+    const auto made = files.createDirectory(directory, {std::nullopt, std::nullopt, 0755}, true);
     if (!made && made.error().code() != EEXIST) {
       logError_source(fill("cannot make %@: %@", {directory, made.error().description()}), "");
       return;
     }
   }
-  auto written = files.createFile(kSetupMarker, "", {0, 0, 0644});
+  auto written = files.createFile(kSetupMarker, "", {std::nullopt, std::nullopt, 0644});
   if (written) written = files.syncDirectory(directory);
   if (!written) {
     logError_source(fill("cannot write %@: %@", {kSetupMarker, written.error().description()}), "");

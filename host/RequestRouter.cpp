@@ -1,5 +1,7 @@
 #include "host/RequestRouter.h"
 
+#include <utility>
+
 #include "common/Format.h"
 #include "host/JsonCodec.h"
 #include "host/Version.h"
@@ -70,19 +72,19 @@ HttpAnswer methodNotAllowed(std::string_view allowed) {
 
 // A request's body, parsed, or the answer that says why it could not be.
 struct RequestRouter::Body {
-  static Body of(const HttpRequest& request, bool mayBeEmpty) {
-    if (request.body.empty() && mayBeEmpty) return {};
-    if (!request.contentType) {
+  static Body of(const std::string& text, const std::optional<std::string>& contentType, bool mayBeEmpty) {
+    if (text.empty() && mayBeEmpty) return {};
+    if (!contentType) {
       return {errorAnswer(415, "unsupported-media-type", "The Content-Type of the body is not given.")};
     }
-    const auto type = MediaType::fromContentType(*request.contentType);
+    const auto type = MediaType::fromContentType(*contentType);
     if (!type) {
       return {errorAnswer(415, "unsupported-media-type",
                           fill("The Content-Type must be application/json, application/xml, text/xml or "
                                "application/x-plist in UTF-8, not \"%@\".",
-                               {*request.contentType}))};
+                               {*contentType}))};
     }
-    auto value = type->parse(request.body);
+    auto value = type->parse(text);
     if (!value) {
       return {errorAnswer(400, "malformed-body",
                           fill("The body cannot be read: %@.", {value.error().description()}))};
@@ -97,7 +99,7 @@ struct RequestRouter::Body {
   Dictionary content{};
 };
 
-RoutedRequest RequestRouter::route(const HttpRequest& request) const {
+RoutedRequest RequestRouter::route(HttpRequest request) const {
   const bool isPlugin = request.path.starts_with(kPluginsPath);
   const bool isEvent = request.path == kIdlePath || request.path == kNetworkChangePath;
   if (!isPlugin && !isEvent && request.path != kHealthPath) {
@@ -111,10 +113,10 @@ RoutedRequest RequestRouter::route(const HttpRequest& request) const {
                                                                         : methodNotAllowed("GET, HEAD"));
   }
   if (request.method != "POST") return answered(methodNotAllowed("POST"));
-  return isPlugin ? routePlugin(request) : routeEvent(request);
+  return isPlugin ? routePlugin(std::move(request)) : routeEvent(std::move(request));
 }
 
-RoutedRequest RequestRouter::routePlugin(const HttpRequest& request) const {
+RoutedRequest RequestRouter::routePlugin(HttpRequest request) const {
   const std::string name = request.path.substr(kPluginsPath.size());
   if (const auto problem = plugins_.problems.find(name); problem != plugins_.problems.end()) {
     return answered(errorAnswer(500, "plugin-not-loaded",
@@ -124,7 +126,7 @@ RoutedRequest RequestRouter::routePlugin(const HttpRequest& request) const {
   if (plugin == plugins_.handlers.end()) {
     return answered(errorAnswer(404, "unknown-plugin", fill("There is no plug-in \"%@\".", {name})));
   }
-  Body body = Body::of(request, false);
+  Body body = Body::of(std::exchange(request.body, {}), request.contentType, false);
   if (body.refusal) return answered(std::move(*body.refusal));
   const std::string* found = body.content.stringFor("command");
   if (!found) {
@@ -132,16 +134,18 @@ RoutedRequest RequestRouter::routePlugin(const HttpRequest& request) const {
   }
   const std::string command = *found;
   PluginRequestHandler& handler = *plugin->second;
-  return {std::nullopt, command, [this, &handler, command, request, body = std::move(body)] {
+  return {std::nullopt, command,
+          [this, &handler, command, request = std::move(request), body = std::move(body)] {
             return answerTo(request, body.type, command, executor_.execute(handler, command, body.content));
           }};
 }
 
-RoutedRequest RequestRouter::routeEvent(const HttpRequest& request) const {
-  Body body = Body::of(request, request.path == kIdlePath);
+RoutedRequest RequestRouter::routeEvent(HttpRequest request) const {
+  Body body = Body::of(std::exchange(request.body, {}), request.contentType, request.path == kIdlePath);
   if (body.refusal) return answered(std::move(*body.refusal));
-  return {std::nullopt, lastPathComponent(request.path),
-          [this, request, body = std::move(body)] { return runEvent(request, body); }};
+  const std::string name = lastPathComponent(request.path);
+  return {std::nullopt, name,
+          [this, request = std::move(request), body = std::move(body)] { return runEvent(request, body); }};
 }
 
 HttpAnswer RequestRouter::runEvent(const HttpRequest& request, const Body& body) const {

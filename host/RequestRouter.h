@@ -25,7 +25,7 @@ struct RoutedRequest {
 ///   POST /v1/events/network-change   a dictionary, see `NetworkChangeContext::fromEvent`
 ///   GET  /v1/health                  what the daemon is doing; answered at once
 /// Events answer {"plugins": [names]}. With "?with=log" the answer is {"answer": ..., "log": [...]}.
-/// Errors are those of `errorAnswer`, with the ids that docs/host.md lists.
+/// Errors are those of `errorAnswer`, with the ids that docs/requests.md lists.
 class RequestRouter {
  public:
   /// All is borrowed; `plugins` is not changed any more.
@@ -33,7 +33,7 @@ class RequestRouter {
       : plugins_(plugins), executor_(executor), slot_(slot) {}
 
   /// May be called on any thread; `work` runs on the slot's. May throw.
-  RoutedRequest route(const HttpRequest& request) const;
+  RoutedRequest route(HttpRequest request) const;
 
   /// The answer to a job that the slot refused.
   static HttpAnswer refusal(WorkSlot::Refusal reason);
@@ -42,8 +42,8 @@ class RequestRouter {
   struct Body;
 
   HttpAnswer health(const HttpRequest& request) const;
-  RoutedRequest routePlugin(const HttpRequest& request) const;
-  RoutedRequest routeEvent(const HttpRequest& request) const;
+  RoutedRequest routePlugin(HttpRequest request) const;
+  RoutedRequest routeEvent(HttpRequest request) const;
   HttpAnswer runEvent(const HttpRequest& request, const Body& body) const;
 
   const Plugins& plugins_;

@@ -27,6 +27,12 @@ def waitUntil(condition, what):
         time.sleep(0.01)
 
 
+def asUser(user, groups=()):
+    """The words before a command that is to run as another user."""
+    chosen = f"--groups={','.join(map(str, groups))}" if groups else "--clear-groups"
+    return ["setpriv", f"--reuid={user}", f"--regid={user}", chosen]
+
+
 class Connection(http.client.HTTPConnection):
     def __init__(self, path):
         super().__init__("localhost", timeout=PATIENCE)
@@ -99,20 +105,21 @@ class Answer:
 
 
 class Daemon:
-    def __init__(self, root, *options, environment=None, sockets=None, user=None):
+    def __init__(self, root, *options, user=None):
         self.root = pathlib.Path(root)
         self.socket = self.root / "run/tessardd/tessardd.sock"
         self.notification = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.notification.bind("")  # an abstract name that the kernel chooses
         self.notification.settimeout(PATIENCE)
         name = "@" + self.notification.getsockname()[1:].decode()
+        prefix = [] if user is None else asUser(user)
         self.process = subprocess.Popen(
-            [buildDirectory() / "bin/tessardd", "--root", str(root), *options],
+            [*prefix, buildDirectory() / "bin/tessardd", "--root", str(root), *options],
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
             text=True,
-            env={**os.environ, "NOTIFY_SOCKET": name, **(environment or {})},
+            env={**os.environ, "NOTIFY_SOCKET": name},
         )
 
     def awaitReady(self):
@@ -162,18 +169,14 @@ class Daemon:
     def health(self):
         return self.send("GET", "/v1/health").json
 
-    def tool(self, *words, environment=None, input=None, user=None, groups=()):
-        prefix = []
-        if user is not None:
-            chosen = f"--groups={','.join(map(str, groups))}" if groups else "--clear-groups"
-            prefix = ["setpriv", f"--reuid={user}", f"--regid={user}", chosen]
+    def tool(self, *words, input=None, user=None, groups=()):
+        prefix = [] if user is None else asUser(user, groups)
         return subprocess.run(
             [*prefix, buildDirectory() / "bin/tessardctl", "--socket", self.socket, *words],
             input=input,
             stdin=subprocess.DEVNULL if input is None else None,
             capture_output=True,
             text=True,
-            env={**os.environ, **(environment or {})},
             timeout=PATIENCE,
         )
 

@@ -1,6 +1,5 @@
 """Starting, stopping, configuration and bundles."""
 
-import fcntl
 import json
 import os
 import pathlib
@@ -14,8 +13,10 @@ import sys
 import pytest
 
 from hosttools import (
+    NOBODY,
     PATIENCE,
     Answer,
+    Connection,
     Daemon,
     RunningRequest,
     buildDirectory,
@@ -171,8 +172,6 @@ os.execv(sys.argv[1], sys.argv[1:])
             text=True,
         )
     try:
-        from hosttools import Connection
-
         connection = Connection(path)
         connection.request("GET", "/v1/health")
         assert Answer(connection.getresponse()).json["status"] == "ok"
@@ -358,3 +357,20 @@ def test_started_programs_would_inherit_no_descriptor(daemon):
         if int(name) > 2:
             flags = pathlib.Path(f"/proc/{daemon.process.pid}/fdinfo/{name}").read_text()
             assert int(flags.split("flags:")[1].split()[0], 8) & os.O_CLOEXEC, name
+
+
+def test_an_ordinary_user_can_serve_a_root_of_its_own(root):
+    for part in [root, *root.rglob("*")]:
+        os.chown(part, NOBODY, NOBODY)
+    daemon = Daemon(root, "--admin-group", "games", user=NOBODY)
+    try:
+        daemon.awaitReady()
+        status = os.stat(daemon.socket)
+        assert (status.st_mode & 0o777, status.st_uid) == (0o600, NOBODY)
+        assert daemon.tool("setup", user=NOBODY).returncode == 0
+        assert daemon.tool("state", user=1).returncode == 77
+        daemon.assertServes()
+    finally:
+        status, text = daemon.end()
+    assert status == 0
+    assert f"only root and user {NOBODY} may send requests" in text
