@@ -30,6 +30,7 @@ _PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 _CAPABILITIES = (
     "chown dac_override dac_read_search fowner fsetid kill setgid setuid setpcap net_bind_service sys_chroot"
 ).split()
+_BOUNDING = "-all," + ",".join("+" + each for each in _CAPABILITIES)
 
 _PASSWD = """\
 root:x:0:0:root:/root:/bin/sh
@@ -126,9 +127,16 @@ class PrivateMachine:
     # --- life -----------------------------------------------------------------------------------------------
 
     def start(self):
+        mask = os.umask(0o022)
+        try:
+            self._start()
+        finally:
+            os.umask(mask)
+
+    def _start(self):
         remove_abandoned()
         self.directory = Path(tempfile.mkdtemp(prefix=_PREFIX))
-        self._cleanup.callback(shutil.rmtree, self.directory, ignore_errors=True)
+        self._cleanup.callback(_remove, self.directory)
         lock = self._cleanup.enter_context(open(self.directory / "lock", "w", encoding="ascii"))
         fcntl.flock(lock, fcntl.LOCK_EX)
         self._lay_out_root()
@@ -162,8 +170,8 @@ class PrivateMachine:
 
     def _lay_out_root(self):
         root = self.root
-        for name in ("dev", "proc", "host/usr", "etc/alternatives", "etc/ssl", "etc/security", "etc/default", "usr", "run/service", "run/machine",
-                     "var/log", "var/db", "var/lib", "var/tmp", "tmp", "root", "Library/Preferences",
+        for name in ("dev", "proc", "host/usr", "usr", "etc/alternatives", "etc/ssl", "etc/security", "etc/default",
+                     "run/service", "run/machine", "var/log", "var/db", "var/lib", "var/tmp", "tmp", "root", "Library/Preferences",
                      "Library/Logs/Migration", "Library/Server", "private"):
             (root / name).mkdir(parents=True, exist_ok=True)
         for path in (root, *root.iterdir()):
@@ -181,7 +189,8 @@ class PrivateMachine:
 
     def _lay_out_usr(self):
         """Fills the directories that hold entries of our own beside Debian's."""
-        usr = self.directory / "usr"
+        usr = _usr_of(self.directory)
+        usr.mkdir(mode=0o755)
         self._binds = []
         for entry in sorted(Path("/usr").iterdir()):
             place = usr / entry.name
@@ -206,7 +215,7 @@ class PrivateMachine:
     def _show(self, source, name):
         if not source.exists():
             return
-        place = self.directory / "usr" / name
+        place = _usr_of(self.directory) / name
         if place.is_symlink():
             place.unlink()
         if source.is_dir():
@@ -237,7 +246,7 @@ class PrivateMachine:
                    "--die-with-parent", "--hostname", self.host_name, "--cap-drop", "ALL"]
         for capability in _CAPABILITIES:
             command += ["--cap-add", "CAP_" + capability.upper()]
-        command += ["--bind", str(self.root), "/", "--ro-bind", str(self.directory / "usr"), "/usr",
+        command += ["--bind", str(self.root), "/", "--ro-bind", str(_usr_of(self.directory)), "/usr",
                     "--ro-bind", "/usr", "/host/usr"]
         for source, place in self._binds:
             command += ["--ro-bind", str(source), place]
@@ -245,7 +254,8 @@ class PrivateMachine:
             command += ["--ro-bind-try", f"/etc/{name}", f"/etc/{name}"]
         command += ["--proc", "/proc", "--dev", "/dev", "--chdir", "/", "--clearenv", "--setenv", "PATH", _PATH,
                     "--setenv", "LANG", "C.UTF-8", "--json-status-fd", str(writer), "--",
-                    "s6-svscan", "/run/service"]
+                    # bwrap leaves the set that a program could gain powers from as it was.
+                    "setpriv", "--bounding-set", _BOUNDING, "s6-svscan", "/run/service"]
         log = self._cleanup.enter_context(open(self.directory / "boot.log", "wb"))
         # A session of its own: Ctrl-C is for us, who then end the machine in good order.
         self._bwrap = subprocess.Popen(command, pass_fds=(writer,), stdin=subprocess.DEVNULL, stdout=log,
@@ -332,11 +342,21 @@ def command_inside(pid, arguments, user=0, group=None, groups=()):
     """The command line that runs a program in the machine whose first process is `pid`."""
     group = user if group is None else group
     membership = ["--groups", ",".join(map(str, groups))] if groups else ["--clear-groups"]
-    bounding = "-all," + ",".join("+" + each for each in _CAPABILITIES)
     return ["nsenter", "--target", str(pid), "--mount", "--uts", "--ipc", "--net", "--pid",
             "env", "-i", f"PATH={_PATH}", "LANG=C.UTF-8", "HOME=/root",
-            "setpriv", "--no-new-privs", "--bounding-set", bounding, f"--reuid={user}", f"--regid={group}",
+            "setpriv", "--no-new-privs", "--bounding-set", _BOUNDING, f"--reuid={user}", f"--regid={group}",
             *membership, "--", *arguments]
+
+
+def _usr_of(directory):
+    """Where a machine's /usr is laid out: some thousand links, so in memory where that can be."""
+    memory = Path("/dev/shm")
+    return memory / directory.name if os.access(memory, os.W_OK) else directory / "usr"
+
+
+def _remove(directory):
+    shutil.rmtree(_usr_of(directory), ignore_errors=True)
+    shutil.rmtree(directory, ignore_errors=True)
 
 
 def _machines():
@@ -356,14 +376,14 @@ def remove_abandoned():
     """Removes what machines left behind whose owner was killed; the kernel ended their processes."""
     for directory in _machines():
         if directory.stat().st_uid == os.geteuid() and _is_abandoned(directory):
-            shutil.rmtree(directory, ignore_errors=True)
+            _remove(directory)
 
 
 def running_machines():
-    """First process and directory of every machine that runs now."""
+    """First process and directory of every machine that runs now, the youngest last."""
     found = []
     for directory in _machines():
         pid_file = directory / "pid"
         if pid_file.exists() and not _is_abandoned(directory):
             found.append((int(pid_file.read_text()), directory))
-    return found
+    return sorted(found, key=lambda machine: (machine[1] / "pid").stat().st_mtime)
