@@ -1,0 +1,124 @@
+"""The notification plug-in itself, as an installed host runs it."""
+
+import json
+import plistlib
+import shutil
+import sqlite3
+
+import pytest
+
+from hosttools import buildDirectory
+
+BUNDLE = buildDirectory() / "bundles/tessard_notification.bundle"
+SOURCE = __file__.rpartition("/tests/")[0]
+
+pytestmark = pytest.mark.skipif(not BUNDLE.exists(), reason="the plug-in's bundle is not built")
+
+
+@pytest.fixture
+def pluginRoot(root):
+    """A scratch root as it is after installing, before first-time setup."""
+    target = root / "usr/share/tessardd/bundles/tessard_notification.bundle"
+    shutil.rmtree(target)
+    shutil.copytree(BUNDLE, target)
+    (root / "etc").mkdir()
+    (root / "etc/hostname").write_text("push.example.com\n")
+    (root / "etc/hosts").write_text("127.0.0.1 push.example.com push\n")
+    for directory in ["private", "run", "var/jabberd"]:
+        (root / directory).mkdir(parents=True)
+    (root / "private/etc").symlink_to("../etc")
+    (root / "private/var").symlink_to("../var")
+    (root / "var/run").symlink_to("../run")
+    shutil.copytree(f"{SOURCE}/share/templates", root / "etc/jabberd_notification")
+    database = root / "var/jabberd"
+    (database / "db-setup.sqlite").write_text("CREATE TABLE active (owner TEXT);\n")
+    return root
+
+
+@pytest.fixture
+def plugin(pluginRoot, makeDaemon):
+    return makeDaemon("--idle-seconds", "0")
+
+
+def ask(daemon, command, **entries):
+    return daemon.post({"command": command, **entries}).json
+
+
+def test_it_is_loaded_and_nothing_runs(plugin):
+    assert plugin.health()["plugins"] == ["notification"]
+    assert ask(plugin, "getState") == {"state": "STOPPED"}
+
+
+def test_before_setup_details_are_refused_with_a_warning(plugin):
+    done = plugin.tool("state", "--details")
+    assert (done.returncode, done.stdout) == (0, "state: STOPPED\n")
+    assert done.stderr.startswith("warning: detailed service status not available")
+
+
+@pytest.mark.parametrize(
+    "command",
+    ["getState", "setState", "readSettings", "writeSettings", "initialSetup"],
+)
+def test_its_commands_are_known(plugin, command):
+    answer = plugin.post({"command": command})
+    assert answer.status == 200
+    assert isinstance(answer.json, dict)
+
+
+def test_operations_that_are_no_commands_are_not_reached(plugin):
+    for command in ["doIdleAtCount", "getStateWithRequest", "dealloc", "init", ""]:
+        assert plugin.post({"command": command}).error == "unknown-command"
+
+
+def test_an_unknown_state_is_an_error_of_the_plugin_after_setup(plugin):
+    assert plugin.tool("setup").returncode == 0
+    done = plugin.tool("request", "setState", '{"state": "start"}')
+    assert done.returncode == 65
+    assert "INVALID_ARG_ERR" in done.stderr
+
+
+def test_setup_makes_the_service_data_and_the_hosts_marker(plugin, pluginRoot):
+    done = plugin.tool("setup")
+    assert done.returncode == 0, done.stderr
+    assert (pluginRoot / "var/db/.VeltoSetupDone").exists()
+    preferences = pluginRoot / "Library/Preferences/com.velto.tessard_notification.plist"
+    assert plistlib.loads(preferences.read_bytes())["initialized"] is True
+    file = pluginRoot / "private/var/jabberd/sqlite/jabberd2_notification.db"
+    with sqlite3.connect(file) as database:
+        assert database.execute("SELECT name FROM sqlite_master").fetchall() == [("active",)]
+
+
+def test_settings_are_the_same_in_both_forms(plugin):
+    plugin.tool("setup")
+    asJson = ask(plugin, "readSettings")
+    assert asJson["readStatus"] == 0
+    assert asJson["configuration"]
+    asXml = plugin.post(plistlib.dumps({"command": "readSettings"}), Content_Type="text/xml").plist
+    assert asXml == asJson
+
+
+def test_a_setting_is_written_and_outlives_the_daemon(plugin, makeDaemon):
+    plugin.tool("setup")
+    before = json.loads(plugin.tool("settings", "get", "--json").stdout)
+    key = "jabberdDatabasePath"
+    done = plugin.tool("settings", "set", f"{key}={before[key]}x")
+    assert done.returncode == 0, done.stderr
+    assert plugin.tool("settings", "get", key).stdout == f"{key}={before[key]}x\n"
+    assert plugin.end()[0] == 0
+    again = makeDaemon("--idle-seconds", "0")
+    after = json.loads(again.tool("settings", "get", "--json").stdout)
+    assert after == {**before, key: before[key] + "x"}
+
+
+def test_a_start_without_a_service_manager_tells_that_nothing_runs(plugin):
+    plugin.tool("setup")
+    done = plugin.tool("stop")
+    assert (done.returncode, done.stdout) == (0, "state: STOPPED\n")
+
+
+def test_events_are_taken(plugin):
+    plugin.tool("setup")
+    assert plugin.post({}, path="/v1/events/idle").json == {"plugins": ["notification"]}
+    change = {"hasHostChanged": True, "oldHost": "push.example.com", "newHost": "new.example.com"}
+    answer = plugin.post(change, path="/v1/events/network-change")
+    assert answer.json == {"plugins": ["notification"]}
