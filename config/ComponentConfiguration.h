@@ -86,10 +86,11 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   bool loadDocument();
 
   /// Writes the changed tree through "%@.tmp", keeps the previous file as "%@.bak", and gives the new one the
-  /// services' owner and permissions. True also when there was nothing to save. False without a document,
-  /// when the tree cannot be written as XML, when the temporary file cannot be written (error line) and when
-  /// the files cannot change names or no file is there to be replaced (the new content then waits in the
-  /// temporary file); the file is as it was and the tree stays dirty.
+  /// services' owner and permissions. True also when there was nothing to save. False, with the tree still
+  /// marked as changed: without a document, when the tree cannot be written as XML, when the temporary file
+  /// cannot be written (error line), and when the files cannot change names or there is none to be replaced
+  /// (the new content then waits in the temporary file). The file is then as it was; only when the disk also
+  /// refuses to change the names back is it the previous version that waits there (error line).
   bool saveDocument();
 
   /// False with an error line when there is no file at the path, with a debug line when there is no path.

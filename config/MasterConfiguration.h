@@ -111,9 +111,11 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   // --- Saving ---
 
   /// Writes the changed list through "%@.tmp" and keeps the previous file as "%@.bak", both with the
-  /// services' owner and permissions. True also when there was nothing to save. False when the temporary file
-  /// cannot be written (error line), when the files cannot change names, and when no file is there to be
-  /// replaced; the file is as it was and the list stays changed.
+  /// services' owner and permissions. True also when there was nothing to save. False, with the list still
+  /// marked as changed: when the temporary file cannot be written (error line), and when the files cannot
+  /// change names or there is none to be replaced (the new content then waits in the temporary file). The
+  /// file is then as it was; only when the disk also refuses to change the names back is it the previous
+  /// version that waits there (error line).
   bool saveMasterConfiguration();
   /// Saves every changed component, with an error line for each that fails, then the master file, whose
   /// result it gives.
