@@ -124,40 +124,47 @@ Result<RootLock> RootLock::take(FileSystem& files, const std::string& root) {
 
 Result<ListeningSocket> ListeningSocket::open(const HostConfiguration& configuration, FileSystem& files,
                                               std::optional<gid_t> adminGroup) {
-  ListeningSocket result;
   const int handed = sd_listen_fds(1);
   if (handed > 1) return SystemError(EINVAL, "systemd handed over more than one socket");
-  if (handed == 1) {
-    result.socket_ = FileDescriptor(SD_LISTEN_FDS_START);
-    if (sd_is_socket_unix(result.descriptor(), SOCK_STREAM, 1, nullptr, 0) <= 0) {
-      return SystemError(EINVAL, "systemd handed over something else than a listening Unix stream socket");
-    }
-    const int flags = fcntl(result.descriptor(), F_GETFL);
-    if (fcntl(result.descriptor(), F_SETFL, flags | O_NONBLOCK) != 0) return SystemError::last();
-    return result;
-  }
+  if (handed == 1) return handedOver();
   const std::string& path = configuration.socketPath;
   auto directory = openDirectory(files, configuration.root, directoryOf(path));
   if (!directory) return directory.error();
+  return makeOwn(std::move(directory).value(), path, adminGroup);
+}
+
+Result<ListeningSocket> ListeningSocket::handedOver() {
+  ListeningSocket result;
+  result.socket_ = FileDescriptor(SD_LISTEN_FDS_START);
+  if (sd_is_socket_unix(result.descriptor(), SOCK_STREAM, 1, nullptr, 0) <= 0) {
+    return SystemError(EINVAL, "systemd handed over something else than a listening Unix stream socket");
+  }
+  const int flags = fcntl(result.descriptor(), F_GETFL);
+  if (fcntl(result.descriptor(), F_SETFL, flags | O_NONBLOCK) != 0) return SystemError::last();
+  return result;
+}
+
+Result<ListeningSocket> ListeningSocket::makeOwn(FileDescriptor directory, const std::string& path,
+                                                 std::optional<gid_t> adminGroup) {
+  ListeningSocket result;
   const std::string name = lastPathComponent(path);
-  auto address = addressIn(directory.value(), name);
+  const auto address = addressIn(directory, name);
   if (!address) return failed("cannot use the socket name %@: %@", path, address.error());
-  if (auto cleared = clearName(directory.value(), name, address.value(), path); !cleared)
-    return cleared.error();
+  if (auto cleared = clearName(directory, name, address.value(), path); !cleared) return cleared.error();
   auto made = newSocket();
   if (!made) return failed("cannot make the socket %@: %@", path, made.error());
   if (auto bound = bindPrivately(made.value(), address.value()); !bound) {
     return failed("cannot make the socket %@: %@", path, bound.error());
   }
   result.socket_ = std::move(made).value();
-  result.directory_ = std::move(directory).value();
+  result.directory_ = std::move(directory);
   result.name_ = name;
   struct stat own {};
   const int at = result.directory_.get();
   if (fstatat(at, name.c_str(), &own, AT_SYMLINK_NOFOLLOW) == 0) result.inode_ = own.st_ino;
-  if (adminGroup &&
-      (fchownat(at, name.c_str(), static_cast<uid_t>(-1), *adminGroup, AT_SYMLINK_NOFOLLOW) != 0 ||
-       fchmodat(at, name.c_str(), 0660, 0) != 0)) {
+  constexpr auto kSameOwner = static_cast<uid_t>(-1);
+  if (adminGroup && (fchownat(at, name.c_str(), kSameOwner, *adminGroup, AT_SYMLINK_NOFOLLOW) != 0 ||
+                     fchmodat(at, name.c_str(), 0660, 0) != 0)) {
     return failed("cannot give the socket %@ to its group: %@", path, SystemError::last());
   }
   if (listen(result.descriptor(), kBacklog) != 0) {

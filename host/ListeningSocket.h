@@ -47,6 +47,9 @@ class ListeningSocket {
 
  private:
   ListeningSocket() = default;
+  static Result<ListeningSocket> handedOver();
+  static Result<ListeningSocket> makeOwn(FileDescriptor directory, const std::string& path,
+                                         std::optional<gid_t> adminGroup);
 
   FileDescriptor socket_;
   FileDescriptor directory_;  ///< of our own socket

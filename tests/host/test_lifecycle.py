@@ -150,8 +150,23 @@ def test_the_socket_is_for_root_alone_without_the_group(makeDaemon):
     assert 'There is no group "no-such-group"; only root may send requests.' in text
 
 
-def test_a_socket_that_the_service_manager_hands_over_is_used(root, makeDaemon):
-    # The shell becomes the daemon, so that LISTEN_PID can name it.
+def startedWith(root, handed, announced):
+    """A daemon that finds a socket where a service manager leaves it, and the number of sockets announced."""
+    script = f"""
+import os, sys
+os.dup2({handed.fileno()}, 3)
+os.environ.update(LISTEN_FDS="{announced}", LISTEN_PID=str(os.getpid()))
+os.execv(sys.argv[1], sys.argv[1:])
+"""
+    return subprocess.Popen(
+        [sys.executable, "-c", script, buildDirectory() / "bin/tessardd", "--root", root],
+        pass_fds=[handed.fileno()],
+        stderr=subprocess.PIPE,
+        text=True,
+    )
+
+
+def test_a_socket_that_the_service_manager_hands_over_is_used(root):
     directory = root / "elsewhere"
     directory.mkdir()
     path = directory / "handed.sock"
@@ -159,18 +174,7 @@ def test_a_socket_that_the_service_manager_hands_over_is_used(root, makeDaemon):
         with shortName(path) as name:
             listener.bind(name)
         listener.listen()
-        script = f"""
-import os, sys
-os.dup2({listener.fileno()}, 3)
-os.environ.update(LISTEN_FDS="1", LISTEN_PID=str(os.getpid()))
-os.execv(sys.argv[1], sys.argv[1:])
-"""
-        process = subprocess.Popen(
-            [sys.executable, "-c", script, buildDirectory() / "bin/tessardd", "--root", root],
-            pass_fds=[3, listener.fileno()] if listener.fileno() != 3 else [3],
-            stderr=subprocess.PIPE,
-            text=True,
-        )
+        process = startedWith(root, listener, 1)
     try:
         connection = Connection(path)
         connection.request("GET", "/v1/health")
@@ -182,6 +186,22 @@ os.execv(sys.argv[1], sys.argv[1:])
     assert "serves the socket of the service manager" in text
     assert path.exists()
     assert not (root / "run/tessardd/tessardd.sock").exists()
+
+
+@pytest.mark.parametrize(
+    "kind, announced, problem",
+    [
+        (socket.SOCK_DGRAM, 1, "something else than a listening Unix stream socket"),
+        (socket.SOCK_STREAM, 1, "something else than a listening Unix stream socket"),
+        (socket.SOCK_STREAM, 2, "more than one socket"),
+    ],
+)
+def test_what_the_service_manager_hands_over_must_be_one_listening_socket(root, kind, announced, problem):
+    with socket.socket(socket.AF_UNIX, kind) as handed:
+        process = startedWith(root, handed, announced)
+    _, text = process.communicate(timeout=PATIENCE)
+    assert process.returncode == 71
+    assert problem in text
 
 
 def test_idle_work_is_done_when_nothing_happens(makeDaemon):
