@@ -77,7 +77,7 @@ def run_unit(build, scratch):
 def run_python(kind, build, scratch, expression):
     report = Path(scratch, f"{kind}.xml")
     command = [sys.executable, "-m", "pytest", "-q", "--tb=short", "-p", "no:cacheprovider",
-               f"--junitxml={report}", "-o", "junit_family=xunit2", str(PROJECT / "tests" / kind)]
+               f"--junitxml={report}", f"--basetemp={scratch}/{kind}", "-o", "junit_family=xunit2", str(PROJECT / "tests" / kind)]
     if expression:
         command += ["-k", expression]
     status = subprocess.run(command, cwd=PROJECT, check=False,

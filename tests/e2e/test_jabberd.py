@@ -3,6 +3,7 @@
 import json
 import re
 import sqlite3
+import subprocess
 
 import pytest
 
@@ -157,8 +158,12 @@ def test_users_of_two_domains_log_in_and_talk(service):
         assert heard.stdout == "good morning\n"
 
 
+def details(service):
+    return json.loads(service.tool("--json", "state", "--details").stdout)
+
+
 def state_of_jabberd(service):
-    return json.loads(service.tool("--json", "state", "--details").stdout)["jabberdState"]
+    return details(service)["jabberdState"]
 
 
 def test_a_running_instance_counts_as_a_running_service(service):
@@ -168,3 +173,22 @@ def test_a_running_instance_counts_as_a_running_service(service):
         assert state_of_jabberd(service) == "RUNNING"
     wait_until(lambda: state_of_jabberd(service) == "STOPPED",
                "the stopped state")
+
+
+# Clients that stay connected until standard input ends.
+_CLIENTS = """
+import socket, sys
+links = [socket.create_connection(("127.0.0.1", 5218)) for _ in range(int(sys.argv[1]))]
+sys.stdin.read()
+"""
+
+
+def test_connected_clients_are_counted(service):
+    with Jabberd(service.machine) as jabberd:
+        jabberd.wait_for_domain(ONE[0])
+        clients = service.machine.popen("python3", "-c", _CLIENTS, 3, stdin=subprocess.PIPE)
+        try:
+            wait_until(lambda: details(service)["currentConnections"] == "3", "three connections")
+        finally:
+            clients.communicate(timeout=30)
+        wait_until(lambda: details(service)["currentConnections"] == "0", "no connection")
