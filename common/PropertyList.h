@@ -11,7 +11,7 @@
 
 namespace tessard {
 
-inline constexpr std::size_t kPropertyListSizeLimit = 1024 * 1024;
+inline constexpr std::size_t kPropertyListSizeLimit = std::size_t{1024} * 1024;
 inline constexpr std::size_t kPropertyListDepthLimit = 64;
 
 /// Parses an XML or binary property list. Fails, with a sentence that names the reason, on anything

@@ -26,7 +26,7 @@ enum XmlErrorCode : int {
 };
 
 inline constexpr std::size_t kXmlDepthLimit = 256;
-inline constexpr std::size_t kXmlSizeLimit = 256 * 1024 * 1024;
+inline constexpr std::size_t kXmlSizeLimit = std::size_t{256} * 1024 * 1024;
 
 /// A node of an XML tree: a handle, cheap to copy, that compares equal to every other handle of the same
 /// node. An empty handle stands for "no such node"; operations on it give empty, absent or false and change
