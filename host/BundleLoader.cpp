@@ -87,7 +87,7 @@ Plugins BundleLoader::loadAll(const std::string& directory) {
   if (!names) return plugins;
   for (const std::string& fileName : names.value()) {
     if (!fileName.ends_with(kBundleSuffix) || fileName.size() == kBundleSuffix.size()) continue;
-    auto handler = load(directory + "/" + fileName);
+    auto handler = load(fill("%@/%@", {directory, fileName}));
     if (handler) {
       plugins.handlers[pluginNameOf(fileName)] = std::move(handler).value();
     } else {

@@ -19,7 +19,7 @@ struct MHD_Connection;
 
 namespace tessard {
 
-inline constexpr std::size_t kBodyLimit = 1024 * 1024;
+inline constexpr std::size_t kBodyLimit = std::size_t{1024} * 1024;
 
 struct HttpLimits {
   std::chrono::seconds request{30};  ///< to send one request, or to take one answer

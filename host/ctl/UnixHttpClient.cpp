@@ -23,7 +23,7 @@ namespace tessard {
 
 namespace {
 
-constexpr std::size_t kReplyLimit = 64 * 1024 * 1024;
+constexpr std::size_t kReplyLimit = std::size_t{64} * 1024 * 1024;
 constexpr int kSecondInMilliseconds = 1000;
 
 std::string userName() {

@@ -12,7 +12,8 @@ from hosttools import buildDirectory
 BUNDLE = buildDirectory() / "bundles/tessard_notification.bundle"
 SOURCE = __file__.rpartition("/tests/")[0]
 
-pytestmark = pytest.mark.skipif(not BUNDLE.exists(), reason="the plug-in's bundle is not built")
+pytestmark = pytest.mark.skipif(
+    not (BUNDLE / "Contents/Linux/tessard_notification.so").exists(), reason="the plug-in's bundle is not built")
 
 
 @pytest.fixture
