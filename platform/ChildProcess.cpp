@@ -270,7 +270,7 @@ class Running {
                                    {error_.source.get(), POLLIN, 0}}};
     const int timeout = killed_ ? -1 : millisecondsUntil(deadline_);
     if (::poll(waiting.data(), waiting.size(), timeout) <= 0) return false;
-    constexpr std::size_t kAtOnce = 1024 * 1024;
+    constexpr std::size_t kAtOnce = 1'048'576;
     if (waiting[1].revents) feed();
     if (waiting[2].revents) output_.drain(kAtOnce);
     if (waiting[3].revents) error_.drain(kAtOnce);
@@ -304,6 +304,10 @@ TaskResult notStarted(const ChildProcess& child, const SystemError& error) {
   return {kNotStarted, "", child.program + ": " + error.description()};
 }
 
+TaskResult statusUnknown(const ChildProcess& child, const SystemError& error) {
+  return {kNotStarted, "", child.program + ": its status is not known: " + error.description()};
+}
+
 }  // namespace
 
 TaskResult run(const ChildProcess& child) {
@@ -322,6 +326,8 @@ TaskResult run(const ChildProcess& child) {
   FileDescriptor pidDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
   if (!pidDescriptor) {
     const SystemError error = SystemError::last();
+    // It has ended and was waited for by the system; its id may be another's by now.
+    if (error.code() == ESRCH) return statusUnknown(child, SystemError(ECHILD));
     ::kill(-pid, SIGKILL);
     ::waitpid(pid, nullptr, 0);
     return notStarted(child, error);
@@ -339,8 +345,7 @@ TaskResult run(const ChildProcess& child) {
   } else if (status) {
     result.status = status.value();
   } else {
-    result.status = kNotStarted;
-    result.errorText = child.program + ": its status is not known: " + status.error().description();
+    return statusUnknown(child, status.error());
   }
   return result;
 }

@@ -10,7 +10,7 @@ namespace tessard {
 namespace {
 
 // Tables of blocked names, a common use of the file, reach some megabytes.
-constexpr std::size_t kHostsSizeLimit = 16 * 1024 * 1024;
+constexpr std::size_t kHostsSizeLimit = std::size_t{16} * 1024 * 1024;
 constexpr std::string_view kBlanks = " \t\r\f\v";
 
 char lowered(char c) {

@@ -14,7 +14,7 @@ namespace tessard {
 
 namespace {
 
-constexpr std::size_t kHostNameFileLimit = 64 * 1024;
+constexpr std::size_t kHostNameFileLimit = 65536;
 constexpr std::string_view kBlanks = " \t\r\f\v";
 
 bool isUsableName(std::string_view name) {

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t kPidFileLimit = 64;
 // Longer than any file that is read here as a whole; of a command line the beginning is enough.
-constexpr std::size_t kProcFileLimit = 1024 * 1024;
+constexpr std::size_t kProcFileLimit = 1'048'576;
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { ::closedir(directory); }

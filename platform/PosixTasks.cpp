@@ -78,11 +78,9 @@ Result<std::vector<std::string>> PosixTasks::argumentsFor(const std::string& pro
     if (argument.content.find('\0') != std::string::npos) {
       return SystemError(EINVAL, program + ": an argument holds a NUL byte");
     }
-    if (argument.kind == TaskArgument::Kind::text) {
-      texts.push_back(argument.content);
-    } else if (!argument.content.starts_with('/')) {
-      return notAbsolute(argument.content);
-    } else if (prefix_.empty()) {
+    const bool isPath = argument.kind == TaskArgument::Kind::path;
+    if (isPath && !argument.content.starts_with('/')) return notAbsolute(argument.content);
+    if (!isPath || prefix_.empty()) {
       texts.push_back(argument.content);
     } else {
       texts.push_back(prefix_ + std::filesystem::path(argument.content).lexically_normal().string());

@@ -24,7 +24,7 @@ namespace tessard {
 /// must treat SIGCHLD and what a call leaves running stands at `ChildProcess`. Any thread may call.
 class PosixTasks : public Tasks {
  public:
-  static constexpr std::size_t kCaptureLimit = 16 * 1024 * 1024;
+  static constexpr std::size_t kCaptureLimit = std::size_t{16} * 1024 * 1024;
 
   explicit PosixTasks(std::string systemRoot, std::string programsDirectory = "/usr/libexec/tessardd",
                       double timeLimitSeconds = 60);

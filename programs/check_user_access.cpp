@@ -26,7 +26,7 @@ namespace {
 enum Answer : int { kYes = 0, kNo = 1, kCannotTell = 2 };
 
 constexpr gid_t kNobodysGroup = 65534;
-constexpr std::size_t kLongestAccountRecord = 1024 * 1024;
+constexpr std::size_t kLongestAccountRecord = 1'048'576;
 
 constexpr const char* kUsage = "usage: check_user_access UID PATH\n";
 constexpr const char* kHelp =

@@ -393,10 +393,13 @@ TEST(PosixTasks, AStatusThatWasTakenByTheSystemIsReportedAsUnknown) {
   ignoring.sa_handler = SIG_IGN;
   ::sigaction(SIGCHLD, &ignoring, &before);
   PosixTasks tasks("/");
-  const TaskResult result = tasks.launch_task("/bin/true", {});
+  const TaskResult quick = tasks.launch_task("/bin/true", {});
+  const TaskResult slower = tasks.launch_task_with_input("/bin/cat", {}, std::string(1'000'000, 'x'));
   ::sigaction(SIGCHLD, &before, nullptr);
-  EXPECT_EQ(result.status, 127);
-  EXPECT_THAT(result.errorText, HasSubstr("No child processes"));
+  EXPECT_EQ(quick.status, 127);
+  EXPECT_EQ(quick.errorText, "/bin/true: its status is not known: No child processes");
+  EXPECT_EQ(slower.status, 127);
+  EXPECT_EQ(slower.errorText, "/bin/cat: its status is not known: No child processes");
 }
 
 TEST(PosixTasks, RunningOutOfDescriptorsIsAFailureToStart) {
