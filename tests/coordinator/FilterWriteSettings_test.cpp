@@ -42,25 +42,13 @@ TEST_F(FilterWriteSettings, AListWhoseHostsAreAllDroppedIsStoredEmpty) {
 TEST_F(FilterWriteSettings, HostsKeepLettersMarksAndDigitsOfEveryScript) {
   // Capital U with diaeresis, Greek capital delta, a combining acute accent, an Arabic-Indic digit, a Chinese
   // character.
-  EXPECT_EQ(filteredHosts({"B\xc3\x9c"
-                           "CHER",
-                           "\xce\x94", "e\xcc\x81", "\xd9\xa3", "\xe4\xb8\xad"}),
-            Value(Array{"b\xc3\xbc"
-                        "cher",
-                        "\xce\xb4", "e\xcc\x81", "\xd9\xa3", "\xe4\xb8\xad"}));
+  EXPECT_EQ(filteredHosts({"B\u00dcCHER", "\u0394", "e\u0301", "\u0663", "\u4e2d"}),
+            Value(Array{"b\u00fccher", "\u03b4", "e\u0301", "\u0663", "\u4e2d"}));
 }
 
 TEST_F(FilterWriteSettings, HostsLoseSignsOfEveryScript) {
   // An en dash, an ideographic full stop, a no-break space, an emoji, a byte that is no text.
-  EXPECT_EQ(filteredHosts({"a\xe2\x80\x93"
-                           "b",
-                           "c\xe3\x80\x82"
-                           "d",
-                           "e\xc2\xa0"
-                           "f",
-                           "\xf0\x9f\x98\x80",
-                           "g\xff"
-                           "h"}),
+  EXPECT_EQ(filteredHosts({"a\u2013b", "c\u3002d", "e\u00a0f", "\U0001f600", "g\xffh"}),
             Value(Array{"ab", "cd", "ef", "gh"}));
 }
 

@@ -5,10 +5,8 @@
 namespace tessard {
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 const std::string kNotAvailable =
     "tessard_notification[W]: detailed service status not available until network configuration completed";
