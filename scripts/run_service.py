@@ -120,7 +120,8 @@ def main():
 
     def interrupted(*_):
         raise KeyboardInterrupt
-    for number in (signal.SIGTERM, signal.SIGHUP):
+    # SIGINT too: Python leaves it ignored where a shell has started this in the background.
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupted)
     try:
         with PrivateMachine(chosen.build) as machine:
