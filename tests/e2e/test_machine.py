@@ -102,17 +102,21 @@ def test_running_fails_plainly_when_something_is_missing(tmp_path):
 def test_ctrl_c_ends_a_running_service_in_good_order():
     shown = subprocess.Popen([*RUN, BUILD], text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                              start_new_session=True)
-    for line in shown.stdout:
-        found = re.search(r"Its files are in (\S+)/root meanwhile", line)
-        if found:
-            break
-    directory = Path(found.group(1))
-    assert traces_of(directory)
-    entered = subprocess.run([sys.executable, str(PROJECT / "scripts/enter_machine.py"), "tessardctl", "state"],
-                             capture_output=True, text=True, check=False, timeout=60)
-    assert (entered.returncode, entered.stdout) == (0, "state: STOPPED\n")
-    # As a terminal does it: everything in the foreground gets the signal.
-    os.killpg(shown.pid, signal.SIGINT)
-    shown.communicate(timeout=30)
+    try:
+        for line in shown.stdout:
+            found = re.search(r"Its files are in (\S+)/root meanwhile", line)
+            if found:
+                break
+        directory = Path(found.group(1))
+        assert traces_of(directory)
+        entered = subprocess.run([sys.executable, str(PROJECT / "scripts/enter_machine.py"), "tessardctl", "state"],
+                                 capture_output=True, text=True, check=False, timeout=60)
+        assert (entered.returncode, entered.stdout) == (0, "state: STOPPED\n")
+        # As a terminal does it: everything in the foreground gets the signal.
+        os.killpg(shown.pid, signal.SIGINT)
+        shown.communicate(timeout=30)
+    finally:
+        shown.kill()
+        shown.communicate()
     assert shown.returncode == 0
     assert traces_of(directory) == []
