@@ -96,10 +96,12 @@ NetworkChangeContext NetworkChangeContext::fromEvent(const Dictionary& fields) {
   if (const Dictionary* info = fields.dictionaryFor("changeInfo")) context.changeInfo_ = *info;
   context.hasHostChanged_ = flagFor(fields, "hasHostChanged");
   context.hasAddrChanged_ = flagFor(fields, "hasAddrChanged");
-  context.hasValidNetworkConfiguration_ = flagFor(fields, "hasValidNetworkConfiguration");
   context.isNewAddressSelfAssigned_ = flagFor(fields, "isNewAddressSelfAssigned");
   context.oldHost_ = textFor(fields, "oldHost");
   context.newHost_ = textFor(fields, "newHost");
+  // The new name becomes part of configuration files and of their names.
+  context.hasValidNetworkConfiguration_ =
+      flagFor(fields, "hasValidNetworkConfiguration") && (!context.newHost_ || isHostName(*context.newHost_));
   return context;
 }
 

@@ -20,7 +20,8 @@ class NetworkChangeContext {
 
   /// A context from the fields of a network-change event: "changeInfo" (dictionary), "hasHostChanged",
   /// "hasAddrChanged", "hasValidNetworkConfiguration", "isNewAddressSelfAssigned" (booleans), "oldHost",
-  /// "newHost" (strings). Missing booleans are false.
+  /// "newHost" (strings). Missing booleans are false. A new host that is no host name makes the configuration
+  /// invalid.
   static NetworkChangeContext fromEvent(const Dictionary& fields);
 
   /// What is wrong with the arguments of a "changeip" request, as a sentence; absent when they are well

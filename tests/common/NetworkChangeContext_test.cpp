@@ -151,6 +151,17 @@ TEST(NetworkChangeEvent, EachFlagStandsForItself) {
       NetworkChangeContext::fromEvent({{"isNewAddressSelfAssigned", true}}).isNewAddressSelfAssigned());
 }
 
+TEST(NetworkChangeEvent, ANewHostThatIsNoHostNameMakesTheConfigurationInvalid) {
+  for (const char* host : {"../../etc/cron.d/x", "a b", "", "-a.example.test", "a..b"}) {
+    const auto context =
+        NetworkChangeContext::fromEvent({{"hasValidNetworkConfiguration", true}, {"newHost", host}});
+    EXPECT_FALSE(context.hasValidNetworkConfiguration()) << host;
+  }
+  const auto context = NetworkChangeContext::fromEvent(
+      {{"hasValidNetworkConfiguration", true}, {"newHost", "a.example.test"}});
+  EXPECT_TRUE(context.hasValidNetworkConfiguration());
+}
+
 TEST(NetworkChangeEvent, WhatIsMissingIsFalseEmptyOrAbsent) {
   const auto context = NetworkChangeContext::fromEvent({});
   EXPECT_TRUE(context.changeInfo().empty());
