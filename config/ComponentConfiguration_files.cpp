@@ -52,7 +52,7 @@ void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(FileTime now) {
       "");
   logError_source(fill("Load failure configuration file: %@", {configPath_}), "");
   // The code alone does not tell a person where to look.
-  logInfo_source(fill("Reason of the load failure: %@", {parsed.error().description()}), "");
+  logWarning_source(fill("Reason of the load failure: %@", {parsed.error().description()}), "");
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentFileExists() const {

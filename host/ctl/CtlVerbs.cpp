@@ -56,11 +56,13 @@ class Call {
   bool showLog(const Dictionary& wrapped) const;
   int printEntries(const Dictionary& answer) const;
   int printSettings(const Dictionary& answer, const Words& keys) const;
+  int tellHowWritten(const Dictionary& sent, const Dictionary& current) const;
   Result<Dictionary> settingsFromFile(const std::string& path) const;
 
   const CtlArguments& arguments_;
   const CtlOutput& output_;
   UnixHttpClient client_;
+  bool errorLogged_ = false;  ///< by the request that was sent last
 };
 
 int exitCodeFor(int status, const std::string& id) {
@@ -197,8 +199,8 @@ int Call::setSettings(const Words& words) {
     const int exitCode = settings.error().code() == 0 ? EX_DATAERR : EX_NOINPUT;
     return output_.failure("unusable-file", fill("Cannot use %@: %@.", {*arguments_.file, reason}), exitCode);
   }
-  Dictionary request = {{"command", "writeSettings"}, {"configuration", std::move(settings).value()}};
-  return send(std::move(request), [this](const Dictionary& answer) {
+  const Dictionary& sent = settings.value();
+  return send({{"command", "writeSettings"}, {"configuration", sent}}, [&](const Dictionary& answer) {
     if (output_.json()) output_.document(answer);
     const Dictionary* current = answer.dictionaryFor("configuration");
     const Value* status = answer.find("writeStatus");
@@ -215,9 +217,32 @@ int Call::setSettings(const Words& words) {
       output_.message("error", "The settings could not be written; the system log may say why.");
       return EX_SOFTWARE;
     }
-    output_.note("The settings are written. They take effect with the next restart (tessardctl restart).");
-    return EX_OK;
+    return tellHowWritten(sent, *current);
   });
+}
+
+// The service keeps unknown settings without using them, and takes an unknown word for one that it knows; its
+// answer does not say so, but the settings as they then read do.
+int Call::tellHowWritten(const Dictionary& sent, const Dictionary& current) const {
+  if (errorLogged_) {
+    output_.note(
+        "What the errors name may not be written; the rest takes effect with the next restart (tessardctl "
+        "restart).");
+    return EX_SOFTWARE;
+  }
+  output_.note("The settings are written. They take effect with the next restart (tessardctl restart).");
+  if (sent.contains("changeip")) return EX_OK;
+  int exitCode = EX_OK;
+  for (const auto& [key, value] : sent) {
+    const Value* reads = current.find(key);
+    if (!reads) {
+      output_.message("error", fill("There is no setting \"%@\"; it has no effect.", {key}));
+      exitCode = EX_DATAERR;
+    } else if (value.asString() && reads->asString() && !value.asString()->empty() && !(*reads == value)) {
+      output_.message("warning", fill("\"%@\" reads \"%@\" now.", {key, *reads}));
+    }
+  }
+  return exitCode;
 }
 
 int Call::request() {
@@ -281,11 +306,11 @@ int Call::send(Dictionary request, const Finish& finish) {
   const auto wrapped = exchange("POST", "/v1/plugins/" + arguments_.plugin + "?with=log",
                                 serializeJson(std::move(request)), exitCode);
   if (!wrapped) return exitCode;
-  const bool errorLogged = showLog(*wrapped);
+  errorLogged_ = showLog(*wrapped);
   const Dictionary* answer = wrapped->dictionaryFor("answer");
   if (!answer) return output_.failure("malformed-answer", "The daemon's answer cannot be read.", EX_PROTOCOL);
   exitCode = answer->contains("error") ? pluginFailure(*answer) : finish(*answer);
-  return exitCode == EX_OK && errorLogged ? EX_SOFTWARE : exitCode;
+  return exitCode == EX_OK && errorLogged_ ? EX_SOFTWARE : exitCode;
 }
 
 int Call::hostFailure(int status, const Dictionary& answer) const {

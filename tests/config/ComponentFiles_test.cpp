@@ -45,7 +45,7 @@ TEST(LoadingAComponent, AMalformedFileIsReportedAndLeavesNoDocument) {
   EXPECT_EQ(lines[0], "tessard_notification[E]: Failed to load component configuration sm.xml (error " +
                           std::to_string(code) + ")");
   EXPECT_EQ(lines[1], "tessard_notification[E]: Load failure configuration file: " + kSm);
-  EXPECT_TRUE(lines[2].starts_with("tessard_notification[I]: Reason of the load failure: "));
+  EXPECT_TRUE(lines[2].starts_with("tessard_notification[W]: Reason of the load failure: "));
 }
 
 TEST(LoadingAComponent, AFileThatCannotBeReadIsReportedWithItsErrorNumber) {

@@ -34,7 +34,7 @@ def repeat(service, words):
     """The write once more. The one that was cut off may have removed session managers that the master file still
     lists; the daemon then says so, and carries on."""
     result = service.set(*words, check=False)
-    assert "The settings are written." in result.stderr
+    assert "effect with the next restart" in result.stderr
     errors = [line for line in result.stderr.splitlines() if line.startswith("error: ")]
     assert all(re.fullmatch(r"error: failed to load: configuration file not found: \".*/sm_.*\.xml\"", line)
                for line in errors), errors

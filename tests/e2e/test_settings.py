@@ -1,10 +1,11 @@
 """Settings through the daemon: both forms of answers, refusals, and who may ask."""
 
 import plistlib
+import re
 
 import pytest
 
-from private_machine import ADMIN_GROUP
+from private_machine import ADMIN_GROUP, CONFIGURATION
 from service import JSON, PLIST, PREFERENCES
 
 
@@ -67,6 +68,28 @@ def test_a_value_of_the_wrong_kind_changes_nothing(service, words):
     before = service.configuration_files()
     assert service.set(*words, check=False).returncode != 0
     assert service.configuration_files() == before
+
+
+def test_a_setting_that_does_not_exist_is_told_though_the_others_are_written(service):
+    result = service.set("authLevl=KERBEROS", "authLevel=KERBEROS", check=False)
+    assert result.returncode == 65
+    assert 'error: There is no setting "authLevl"; it has no effect.\n' in result.stderr
+    assert service.settings()["authLevel"] == "KERBEROS"
+
+
+def test_a_word_that_the_service_takes_for_another_is_told(service):
+    result = service.set("authLevel=standard")
+    assert result.stderr.endswith('warning: "authLevel" reads "ANYMETHOD" now.\n')
+    assert service.set("authLevel=STANDARD").stderr.count("\n") == 1
+
+
+def test_a_file_that_cannot_be_read_is_told_with_its_line_and_no_success_is_claimed(service):
+    path = service.machine.outside(f"{CONFIGURATION}/s2s.xml")
+    path.write_text(path.read_text().replace("</s2s>", ""))
+    result = service.set("requireSecureS2S=true", check=False)
+    assert result.returncode == 70
+    assert re.search(r"warning: Reason of the load failure: .*line \d+", result.stderr)
+    assert "The settings are written." not in result.stderr
 
 
 def test_administrators_are_served_and_others_refused(service):
