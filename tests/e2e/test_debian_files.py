@@ -3,11 +3,23 @@
 import re
 from pathlib import Path
 
+import pytest
 from certificates import CA_FILE, KEY_FILE, make_certificate
 from jabberd import Jabberd
 from private_machine import CONFIGURATION
 
-DOMAINS = ["a.example.test", "b.example.test"]
+# What is written. Where two keys meet in one place the later one wins: "enableXMPP" sets the port for other servers.
+SETTINGS = {
+    "sslKeyFile": KEY_FILE, "sslCAFile": CA_FILE, "authLevel": "STANDARD",
+    "jabberdClientPortTLS": 5218, "jabberdClientPortSSL": 5219, "jabberdS2SPort": 5270, "enableXMPP": True,
+    "requireSecureS2S": True, "s2sRestrictDomains": True, "s2sAllowedDomains": ["friend.example.test"],
+    "jabberdDatabasePath": "/private/var/jabberd/sqlite/jabberd2_notification.db",
+    "enableSavedChats": True, "savedChatsLocation": "/Library/Server/archive", "savedChatsArchiveInterval": 30,
+}
+# What reads back differently: the port that won, and what Debian's router has no element for directly below its root,
+# where none is ever made.
+READ_BACK = {**SETTINGS, "jabberdS2SPort": 5268, "savedChatsArchiveInterval": 0}
+del READ_BACK["enableSavedChats"], READ_BACK["savedChatsLocation"]
 
 # What ties Debian's files to Debian's own instance.
 ADAPTATIONS = [
@@ -39,21 +51,22 @@ def without_changed_parts(text):
     return [line for line in text.splitlines() if line.strip() and not re.search(rf"<({keys})[ />]", line)]
 
 
-def test_debians_files_are_edited_key_by_key_and_then_run(service):
+@pytest.mark.parametrize("domains", [["a.example.test"], ["a.example.test", "b.example.test", "c.example.test"]],
+                         ids=["one domain", "three domains"])
+def test_debians_files_are_edited_key_by_key_and_then_run(service, domains):
     put_debians_files(service)
     before = {name: text.decode() for name, text in service.configuration_files().items()}
-    make_certificate(service.machine, DOMAINS)
-    answer = service.post({"command": "writeSettings", "configuration": {
-        "hostsCommaDelimitedString": ",".join(DOMAINS), "sslKeyFile": KEY_FILE, "sslCAFile": CA_FILE,
-        "authLevel": "STANDARD", "jabberdClientPortTLS": 5218, "jabberdClientPortSSL": 5219,
-        "jabberdS2SPort": 5270, "enableXMPP": True, "requireSecureS2S": True, "s2sRestrictDomains": True,
-        "s2sAllowedDomains": ["friend.example.test"],
-        "jabberdDatabasePath": "/private/var/jabberd/sqlite/jabberd2_notification.db",
-        "enableSavedChats": True, "savedChatsLocation": "/Library/Server/archive", "savedChatsArchiveInterval": 30,
-    }})
+    make_certificate(service.machine, domains)
+    answer = service.post({"command": "writeSettings",
+                           "configuration": {"hostsCommaDelimitedString": ",".join(domains), **SETTINGS}})
     assert answer["writeStatus"] == 0
 
-    assert service.values("c2s.local.id") == DOMAINS
+    settings = service.post({"command": "readSettings"})["configuration"]
+    assert {key: settings[key] for key in READ_BACK} == READ_BACK
+    assert settings["hosts"] == domains
+    assert settings["hostsCommaDelimitedString"] == ",".join(domains)
+    assert "enableSavedChats" not in settings and "savedChatsLocation" not in settings
+    assert service.values("c2s.local.id") == domains
     assert service.values("c2s.local.port") == ["5218"]
     assert service.values("c2s.local.ssl-port") == ["5219"]
     assert service.values("c2s.local.pemfile") == service.values("s2s.local.pemfile") == [KEY_FILE]
@@ -69,7 +82,7 @@ def test_debians_files_are_edited_key_by_key_and_then_run(service):
         assert without_changed_parts(after) == without_changed_parts(before[name])
 
     with Jabberd(service.machine) as jabberd:
-        for domain in DOMAINS:
+        for domain in domains:
             assert "<starttls" in jabberd.wait_for_domain(domain)
         for port in (5218, 5219, 5268):
             jabberd.wait_for_port(port)
