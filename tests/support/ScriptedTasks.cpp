@@ -26,7 +26,7 @@ int ScriptedTasks::ZtRunTask(std::string_view program, const std::vector<TaskArg
   return run({"ZtRunTask", std::string(program), arguments, ""}).status;
 }
 
-TaskResult ScriptedTasks::run(Call call) {
+TaskResult ScriptedTasks::run(const Call& call) {
   calls.push_back(call);
   const auto found = behaviours_.find(call.program);
   if (found == behaviours_.end()) return {127, "", "cannot start " + call.program};

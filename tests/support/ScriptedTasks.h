@@ -34,7 +34,7 @@ class ScriptedTasks : public Tasks {
   int ZtRunTask(std::string_view program, const std::vector<TaskArgument>& arguments) override;
 
  private:
-  TaskResult run(Call call);
+  TaskResult run(const Call& call);
 
   std::map<std::string, std::function<TaskResult(const Call&)>, std::less<>> behaviours_;
 };
