@@ -210,7 +210,7 @@ int Call::setSettings(const Words& words) {
     }
     if (status && status->integerValue() == kSavedChatsDirectoryUnusable) {
       output_.message("error",
-                      "Nothing was written; the directory for saved chats could not be made usable.");
+                      "The settings are refused: the directory for saved chats could not be made usable.");
       return EX_CANTCREAT;
     }
     if (!status || status->integerValue() != kWriteSucceeded) {
