@@ -48,6 +48,7 @@ class CheckUserAccess : public testing::Test {
 
   TaskResult run(const std::vector<std::string>& arguments) {
     std::vector<TaskArgument> texts;
+    texts.reserve(arguments.size());
     for (const std::string& argument : arguments) texts.push_back(TaskArgument::text(argument));
     return tasks.launch_task(tool, texts);
   }
@@ -56,6 +57,7 @@ class CheckUserAccess : public testing::Test {
   TaskResult behind(std::string_view program, std::vector<std::string> arguments, const std::string& user) {
     arguments.insert(arguments.end(), {tool, user, directory});
     std::vector<TaskArgument> texts;
+    texts.reserve(arguments.size());
     for (const std::string& argument : arguments) texts.push_back(TaskArgument::text(argument));
     return tasks.launch_task(program, texts);
   }
