@@ -17,7 +17,7 @@ namespace tessard {
 struct FileTime {
   std::int64_t seconds = 0;
   std::int64_t nanoseconds = 0;
-  auto operator<=>(const FileTime&) const = default;
+  auto operator<=>(const FileTime&) const = default;  // NOLINT(modernize-use-nullptr): a literal 0 of its own
 };
 
 struct FileAttributes {
