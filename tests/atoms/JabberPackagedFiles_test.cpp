@@ -9,7 +9,6 @@ namespace {
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Not;
 using testing::Pair;
 

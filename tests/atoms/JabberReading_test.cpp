@@ -1,3 +1,4 @@
+#include "common/Format.h"
 #include "tests/atoms/AtomFixtures.h"
 
 namespace tessard {
@@ -5,6 +6,14 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+std::string element(std::string_view name, std::string_view text) {
+  return fill("<%@>%@</%@>", {name, text, name});
+}
+
+std::string switchedOff(std::string_view markup) {
+  return fill("<!--%@-->", {markup});
+}
 
 /// The keys of the settings dictionary, one after the other.
 class JabberReading : public JabberTest {
@@ -163,13 +172,12 @@ TEST_F(JabberReading, ReadsWhetherServersMustEncrypt) {
 TEST_F(JabberReading, ReadsOddSwitchesAsOffAndMissingOnesNotAtAll) {
   const std::pair<const char*, const char*> switches[] = {{"requireSecureS2S", "require_tls"},
                                                           {"s2sRestrictDomains", "enable_whitelist"}};
-  for (const auto& [key, element] : switches) {
-    const std::string name = element;
-    const std::string live = "<" + name + ">1</" + name + ">";
-    EXPECT_EQ(readSecurity("<!--" + live + "-->", key), Value(false)) << "switched off";
-    EXPECT_EQ(readSecurity("<" + name + "/>", key), Value(false)) << "empty";
-    EXPECT_EQ(readSecurity("<" + name + ">true</" + name + ">", key), Value(false)) << "a word";
-    EXPECT_EQ(readSecurity(live + "<" + name + ">0</" + name + ">", key), Value(true)) << "doubled";
+  for (const auto& [key, name] : switches) {
+    const std::string live = element(name, "1");
+    EXPECT_EQ(readSecurity(switchedOff(live), key), Value(false)) << "switched off";
+    EXPECT_EQ(readSecurity(element(name, ""), key), Value(false)) << "empty";
+    EXPECT_EQ(readSecurity(element(name, "true"), key), Value(false)) << "a word";
+    EXPECT_EQ(readSecurity(live + element(name, "0"), key), Value(true)) << "doubled";
     EXPECT_EQ(readSecurity("", key), std::nullopt) << "missing";
   }
 }
@@ -251,16 +259,16 @@ TEST_F(JabberReading, ReadsTheDatabasePathOfTheFirstStorageThatHasOne) {
 }
 
 TEST_F(JabberReading, ReadsThePortsOfClients) {
-  const std::pair<const char*, std::string> ports[] = {{"jabberdClientPortTLS", "port"},
+  const std::pair<const char*, const char*> ports[] = {{"jabberdClientPortTLS", "port"},
                                                        {"jabberdClientPortSSL", "ssl-port"}};
   for (const auto& [key, name] : ports) {
-    const std::string live = "<" + name + ">5218</" + name + ">";
+    const std::string live = element(name, "5218");
     EXPECT_EQ(readC2sLocal(live, key), Value(5218)) << name;
-    EXPECT_EQ(readC2sLocal("<" + name + ">\n  5218 tcp</" + name + ">", key), Value(5218)) << name;
-    EXPECT_EQ(readC2sLocal("<!--" + live + "-->", key), Value(0)) << name;
-    EXPECT_EQ(readC2sLocal("<" + name + "/>", key), Value(0)) << name;
+    EXPECT_EQ(readC2sLocal(element(name, "\n  5218 tcp"), key), Value(5218)) << name;
+    EXPECT_EQ(readC2sLocal(switchedOff(live), key), Value(0)) << name;
+    EXPECT_EQ(readC2sLocal(element(name, ""), key), Value(0)) << name;
     EXPECT_EQ(readC2sLocal("", key), Value(0)) << name;
-    EXPECT_EQ(readC2sLocal("<" + name + ">1</" + name + ">" + live, key), Value(1)) << name;
+    EXPECT_EQ(readC2sLocal(element(name, "1") + live, key), Value(1)) << name;
   }
 }
 
@@ -275,13 +283,14 @@ constexpr const char* kMechanismElements[] = {"<plain/>",      "<cram-md5/>", "<
 
 /// A c2s file in which exactly the mechanisms of the set are live; the others are switched off.
 std::string authregOf(unsigned set) {
-  const auto element = [&](std::size_t bit) {
-    const std::string text = kMechanismElements[bit];
-    return (set & (1U << bit)) != 0 ? text : "<!--" + text + "-->";
+  const auto one = [&](std::size_t bit) {
+    const char* const text = kMechanismElements[bit];
+    return (set & (1U << bit)) != 0 ? std::string(text) : switchedOff(text);
   };
-  return "<authreg><mechanisms><traditional>" + element(0) + element(1) + "</traditional><sasl>" +
-         element(2) + element(3) + element(4) + "</sasl></mechanisms><ssl-mechanisms><sasl>" + element(5) +
-         "</sasl><traditional>" + element(6) + "</traditional></ssl-mechanisms></authreg>";
+  return fill(
+      "<authreg><mechanisms><traditional>%@%@</traditional><sasl>%@%@%@</sasl></mechanisms>"
+      "<ssl-mechanisms><sasl>%@</sasl><traditional>%@</traditional></ssl-mechanisms></authreg>",
+      {one(0), one(1), one(2), one(3), one(4), one(5), one(6)});
 }
 
 TEST_F(JabberReading, NamesTheAuthenticationLevelOfTwoExactSetsOnly) {

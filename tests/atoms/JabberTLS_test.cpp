@@ -5,7 +5,6 @@ namespace {
 
 using testing::AllOf;
 using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
