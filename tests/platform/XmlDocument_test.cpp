@@ -40,7 +40,7 @@ XmlNode elementNamed(const XmlNode& below, std::string_view name) {
   for (const XmlNode& child : below.children()) {
     if (!child.isElement()) continue;
     if (child.name() == name) return child;
-    if (const XmlNode found = elementNamed(child, name)) return found;
+    if (XmlNode found = elementNamed(child, name)) return found;
   }
   return {};
 }
