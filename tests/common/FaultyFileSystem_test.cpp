@@ -31,40 +31,40 @@ class FaultyFileSystemTest : public testing::Test {
 
   // Every operation once, each of which succeeds on files that are well.
   std::vector<int> callEverything() {
-    root.remove("/work");
-    root.makeDirectory("/work");
+    root.remove("/area");
+    root.makeDirectory("/area");
     std::vector<int> codes;
-    codes.push_back(codeOf(files.createFile("/work/a", "content", {84, 80, 0640})));
-    codes.push_back(codeOf(files.copyFile("/work/a", "/work/b")));
-    codes.push_back(codeOf(files.exchange("/work/a", "/work/b")));
-    codes.push_back(codeOf(files.rename("/work/b", "/work/c")));
-    codes.push_back(codeOf(files.remove("/work/c")));
-    codes.push_back(codeOf(files.createDirectory("/work/d", {84, std::nullopt, 0750}, false)));
-    codes.push_back(codeOf(files.setOwnership("/work/d", {std::nullopt, 80, std::nullopt})));
-    codes.push_back(codeOf(files.syncDirectory("/work")));
-    codes.push_back(codeOf(files.readFile("/work/a", 100)));
-    codes.push_back(codeOf(files.attributes("/work/a")));
-    codes.push_back(codeOf(files.listDirectory("/work")));
-    codes.push_back(files.exists("/work/a") ? 0 : ENOENT);
+    codes.push_back(codeOf(files.createFile("/area/a", "content", {84, 80, 0640})));
+    codes.push_back(codeOf(files.copyFile("/area/a", "/area/b")));
+    codes.push_back(codeOf(files.exchange("/area/a", "/area/b")));
+    codes.push_back(codeOf(files.rename("/area/b", "/area/c")));
+    codes.push_back(codeOf(files.remove("/area/c")));
+    codes.push_back(codeOf(files.createDirectory("/area/d", {84, std::nullopt, 0750}, false)));
+    codes.push_back(codeOf(files.setOwnership("/area/d", {std::nullopt, 80, std::nullopt})));
+    codes.push_back(codeOf(files.syncDirectory("/area")));
+    codes.push_back(codeOf(files.readFile("/area/a", 100)));
+    codes.push_back(codeOf(files.attributes("/area/a")));
+    codes.push_back(codeOf(files.listDirectory("/area")));
+    codes.push_back(files.exists("/area/a") ? 0 : ENOENT);
     return codes;
   }
 };
 
 TEST_F(FaultyFileSystemTest, PassesEverythingOnWhileNothingIsToFail) {
   EXPECT_THAT(callEverything(), testing::Each(0));
-  EXPECT_THAT(root.list("/work"), ElementsAre("a", "d"));
-  EXPECT_EQ(files.readFile("/work/a", 100).value(), "content");
-  EXPECT_EQ(files.attributes("/work/a").value().size, 7U);
-  EXPECT_THAT(files.listDirectory("/work").value(), ElementsAre("a", "d"));
+  EXPECT_THAT(root.list("/area"), ElementsAre("a", "d"));
+  EXPECT_EQ(files.readFile("/area/a", 100).value(), "content");
+  EXPECT_EQ(files.attributes("/area/a").value().size, 7U);
+  EXPECT_THAT(files.listDirectory("/area").value(), ElementsAre("a", "d"));
 }
 
 TEST_F(FaultyFileSystemTest, RecordsEveryCall) {
   callEverything();
   EXPECT_THAT(files.journal(),
-              ElementsAre("createFile /work/a", "copyFile /work/a /work/b", "exchange /work/a /work/b",
-                          "rename /work/b /work/c", "remove /work/c", "createDirectory /work/d",
-                          "setOwnership /work/d", "syncDirectory /work", "readFile /work/a",
-                          "attributes /work/a", "listDirectory /work", "exists /work/a"));
+              ElementsAre("createFile /area/a", "copyFile /area/a /area/b", "exchange /area/a /area/b",
+                          "rename /area/b /area/c", "remove /area/c", "createDirectory /area/d",
+                          "setOwnership /area/d", "syncDirectory /area", "readFile /area/a",
+                          "attributes /area/a", "listDirectory /area", "exists /area/a"));
   EXPECT_THAT(files.changes(), SizeIs(8));
   const auto made = files.calls("createFile");
   ASSERT_THAT(made, SizeIs(1));
