@@ -3,7 +3,6 @@
 namespace tessard {
 namespace {
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 TEST(SettingAValue, ALiveElementGetsTheTextInPlaceOfAllItsContent) {

@@ -7,7 +7,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::MatchesRegex;
 using testing::SizeIs;
 
 const std::string kTemporary = kSm + ".tmp";

@@ -41,7 +41,9 @@ inline std::string outline(const XmlNode& node) {
     return text.find_first_not_of(" \t\r\n") == std::string::npos ? "" : text;
   }
   std::string line = "<" + std::string(node.name());
-  for (const auto& [name, value] : node.attributes()) line += " " + name + "=" + value;
+  for (const auto& [name, value] : node.attributes()) {
+    line.append(" ").append(name).append("=").append(value);
+  }
   line += ">";
   for (const XmlNode& child : node.children()) line += outline(child);
   return line + "</" + std::string(node.name()) + ">";

@@ -7,7 +7,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 /// A loaded master with two components; loading has marked it as changed.
 struct LoadedMaster : OneMaster {

@@ -10,7 +10,6 @@ namespace tessard {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 /// Where the jabberd2 package keeps the files that its components start from.
 const std::string kPackaged = "/etc/jabberd2/";
