@@ -10,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <memory>
 
 #include "common/Format.h"
 #include "common/Platform.h"
@@ -20,6 +21,7 @@
 #include "host/PeerCheck.h"
 #include "host/RequestExecutor.h"
 #include "host/RequestRouter.h"
+#include "host/ServiceManagers.h"
 #include "host/Version.h"
 #include "host/WorkSlot.h"
 #include "platform/DirectoryBundles.h"
@@ -27,7 +29,6 @@
 #include "platform/LinuxHostNames.h"
 #include "platform/LinuxProcesses.h"
 #include "platform/OfflineNetwork.h"
-#include "platform/OfflineServiceManager.h"
 #include "platform/PosixFileSystem.h"
 #include "platform/PosixTasks.h"
 #include "platform/SystemClock.h"
@@ -74,11 +75,16 @@ OwnerMap ownersForThisUser() {
   return {{{kServiceUser, geteuid()}}, {{kRootGroup, getegid()}}};
 }
 
+// How long a change of a unit may take before the wait for the service's own state goes on.
+constexpr double kUnitPatienceSeconds = 10;
+
 // The real parts of everything outside.
 struct RealPlatform {
   explicit RealPlatform(const HostConfiguration& configuration)
       : files(configuration.root, ownersForThisUser()),
         tasks(configuration.root, configuration.programsDirectory),
+        unitTasks(configuration.root, configuration.programsDirectory, kUnitPatienceSeconds),
+        services(chooseServiceManager(configuration, files, tasks, unitTasks, clock, log)),
         processes(files),
         hostNames(files),
         network(files),
@@ -88,16 +94,17 @@ struct RealPlatform {
   Log log{syslog};
   PosixFileSystem files;
   PosixTasks tasks;
-  OfflineServiceManager services;
+  PosixTasks unitTasks;
+  SystemClock clock;
+  std::unique_ptr<ServiceManager> services;
   LinuxProcesses processes;
   LinuxHostNames hostNames;
   OfflineNetwork network;
-  SystemClock clock;
   SystemRandom random;
   UnistringUnicode unicode;
   DirectoryBundles bundles;
-  Platform platform{files, tasks,  services, processes, hostNames, network,
-                    clock, random, unicode,  bundles,   log};
+  Platform platform{files, tasks,  *services, processes, hostNames, network,
+                    clock, random, unicode,   bundles,   log};
 };
 
 class Daemon {

@@ -18,7 +18,7 @@ namespace {
 using TextMember = std::string HostConfiguration::*;
 using NumberMember = std::uint32_t HostConfiguration::*;
 
-enum class Content { absolutePath, name, number };
+enum class Content { absolutePath, name, number, serviceManager };
 
 struct Setting {
   std::string_view key;
@@ -31,13 +31,15 @@ struct Setting {
 
 constexpr std::uint32_t kDaySeconds = 86'400;
 
-const std::array<Setting, 10> kSettings = {{
+const std::array<Setting, 12> kSettings = {{
     {"root", Content::absolutePath, &HostConfiguration::root, 0, 0, false},
     {"config", Content::absolutePath, &HostConfiguration::configurationFile, 0, 0, false},
     {"socket", Content::absolutePath, &HostConfiguration::socketPath},
     {"admin-group", Content::name, &HostConfiguration::adminGroup},
     {"bundles", Content::absolutePath, &HostConfiguration::bundlesDirectory},
     {"programs", Content::absolutePath, &HostConfiguration::programsDirectory},
+    {"service-manager", Content::serviceManager, &HostConfiguration::serviceManager},
+    {"s6-scan-directory", Content::absolutePath, &HostConfiguration::s6ScanDirectory},
     {"idle-seconds", Content::number, &HostConfiguration::idleSeconds, 0, kDaySeconds},
     {"request-seconds", Content::number, &HostConfiguration::requestSeconds, 1, kDaySeconds},
     {"queue-seconds", Content::number, &HostConfiguration::queueSeconds, 0, kDaySeconds},
@@ -67,6 +69,9 @@ std::optional<std::string> apply(HostConfiguration& configuration, const Setting
   if (value.empty()) return fill("\"%@\" needs a value", {setting.key});
   if (setting.content == Content::absolutePath && value.front() != '/') {
     return fill("\"%@\" must be an absolute path, not \"%@\"", {setting.key, value});
+  }
+  if (setting.content == Content::serviceManager && value != "systemd" && value != "s6" && value != "none") {
+    return fill("\"%@\" must be systemd, s6 or none, not \"%@\"", {setting.key, value});
   }
   configuration.*std::get<TextMember>(setting.member) = value;
   return std::nullopt;
@@ -194,6 +199,10 @@ std::string daemonHelp() {
          "  --bundles DIR          plug-in bundles (default /usr/share/tessardd/bundles)\n"
          "  --programs DIR         programs that come with the daemon, a path of the machine itself\n"
          "                         (default /usr/libexec/tessardd)\n"
+         "  --service-manager NAME what starts and stops the services: systemd, s6 or none (default systemd\n"
+         "                         where it runs and the root is /, none otherwise)\n"
+         "  --s6-scan-directory DIR\n"
+         "                         directory that s6-svscan watches (default /run/service)\n"
          "  --idle-seconds N       time without requests until idle work, 0 for never (default 60)\n"
          "  --request-seconds N    time for a client to send a request or take an answer (default 30)\n"
          "  --queue-seconds N      time that a request may wait for another one to end (default 120)\n"

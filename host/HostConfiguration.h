@@ -18,6 +18,9 @@ struct HostConfiguration {
   std::string bundlesDirectory = "/usr/share/tessardd/bundles";
   /// A path of the machine: programs are run where they are installed.
   std::string programsDirectory = "/usr/libexec/tessardd";
+  /// "systemd", "s6" or "none"; empty for what the machine has (see `chooseServiceManager`).
+  std::string serviceManager;
+  std::string s6ScanDirectory = "/run/service";
   std::uint32_t idleSeconds = 60;     ///< without a request until the plug-ins' idle work; 0: never
   std::uint32_t requestSeconds = 30;  ///< for a client to send one request, or to take one answer
   std::uint32_t queueSeconds = 120;   ///< that a request may wait for the work slot

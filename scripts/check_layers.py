@@ -17,7 +17,7 @@ ALLOWED = {
     "platform": {"common"},
     "bundle": {"handler", "coordinator", "atoms", "config", "common", "platform"},
     "host": {"platform", "common"},
-    "programs": {"platform", "common"},
+    "programs": {"platform", "config", "common"},
 }
 INNER = ("common", "config", "atoms", "coordinator", "handler")
 # Headers of libc that the inner folders use; the standard library's have no dot in their names.

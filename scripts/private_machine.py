@@ -53,6 +53,8 @@ nogroup:x:65534:
 """
 _NSSWITCH = "passwd: files\ngroup: files\nshadow: files\nhosts: files\n"
 
+# Its services start when they are told to.
+_DAEMON_CONFIGURATION = "service-manager = s6\ns6-scan-directory = /run/service\n"
 _DAEMON_RUN = """\
 #!/bin/sh
 exec tessardd >>/var/log/tessardd.log 2>&1
@@ -142,6 +144,8 @@ class PrivateMachine:
         self._lay_out_root()
         self._lay_out_usr()
         self._write_accounts_and_names()
+        self.write("/etc/tessardd/tessardd.conf", _DAEMON_CONFIGURATION)
+        self._lay_out_services()
         self.define_service("syslog", _SYSLOG_RUN)
         self._boot()
 
@@ -224,6 +228,15 @@ class PrivateMachine:
             place.parent.mkdir(parents=True, exist_ok=True)
             place.touch()
         self._binds.append((source, f"/usr/{name}"))
+
+    def _lay_out_services(self):
+        """The services of an installation with s6, disabled as they are at first."""
+        for source in sorted((PROJECT / "share/s6").iterdir()):
+            place = self.outside(f"/run/service/{source.name}")
+            shutil.copytree(source, place)
+            (place / "down").touch()
+            for path in (place, *place.iterdir()):
+                os.chown(path, 0, 0)
 
     def _write_accounts_and_names(self):
         short = self.host_name.split(".", maxsplit=1)[0]

@@ -1,0 +1,23 @@
+#include "host/ServiceManagers.h"
+
+#include <systemd/sd-daemon.h>
+
+#include "platform/OfflineServiceManager.h"
+#include "platform/S6ServiceManager.h"
+#include "platform/SystemdServiceManager.h"
+
+namespace tessard {
+
+std::unique_ptr<ServiceManager> chooseServiceManager(const HostConfiguration& configuration,
+                                                     FileSystem& files, Tasks& tasks, Tasks& patientTasks,
+                                                     Clock& clock, Log& log) {
+  std::string name = configuration.serviceManager;
+  if (name.empty()) name = configuration.root == "/" && sd_booted() > 0 ? "systemd" : "none";
+  if (name == "systemd") return std::make_unique<SystemdServiceManager>(patientTasks, log);
+  if (name == "s6") {
+    return std::make_unique<S6ServiceManager>(files, tasks, clock, log, configuration.s6ScanDirectory);
+  }
+  return std::make_unique<OfflineServiceManager>();
+}
+
+}  // namespace tessard
