@@ -12,9 +12,8 @@ namespace {
 // How long a unit may take to become ready, or to end.
 constexpr const char* kPatienceMilliseconds = "10000";
 
-// Exit statuses of the waiting s6 programs.
+// Exit status of an s6 program that has waited in vain.
 constexpr int kTimedOut = 99;
-constexpr int kFailedForGood = 102;
 
 constexpr int kSupervisionPolls = 100;
 constexpr std::uint32_t kSupervisionPollMicroseconds = 50000;
@@ -23,7 +22,7 @@ std::string reasonFor(const TaskResult& result, bool enable) {
   if (result.status == kTimedOut) {
     return enable ? "it did not say within 10 seconds that it is ready" : "it did not end within 10 seconds";
   }
-  if (result.status == kFailedForGood) return "it failed and stays down";
+  if (result.errorText.find("failed permanently") != std::string::npos) return "it failed and stays down";
   std::string said = result.errorText.substr(0, result.errorText.find('\n'));
   return said.empty() ? fill("s6-svc ended with status %d", {result.status}) : said;
 }

@@ -11,9 +11,14 @@
 #include "host/HttpMessage.h"
 #include "host/PeerCheck.h"
 #include "host/RequestLog.h"
+#include "host/ServiceManagers.h"
 #include "host/ctl/CtlArguments.h"
 #include "host/ctl/UnixHttpClient.h"
 #include "platform/FileDescriptor.h"
+#include "platform/OfflineServiceManager.h"
+#include "platform/S6ServiceManager.h"
+#include "platform/SystemdServiceManager.h"
+#include "tests/support/TestPlatform.h"
 
 namespace tessard {
 namespace {
@@ -36,6 +41,8 @@ TEST(HostConfiguration, KnowsEverySettingOfTheHelp) {
                                               "admin-group=wheel\n"
                                               "bundles = /b\n"
                                               "programs = /p\n"
+                                              "service-manager = s6\n"
+                                              "s6-scan-directory = /s\n"
                                               "idle-seconds = 0\n"
                                               "request-seconds = 2\n"
                                               "queue-seconds = 3\n"
@@ -46,10 +53,57 @@ TEST(HostConfiguration, KnowsEverySettingOfTheHelp) {
   EXPECT_EQ(configuration.adminGroup, "wheel");
   EXPECT_EQ(configuration.bundlesDirectory, "/b");
   EXPECT_EQ(configuration.programsDirectory, "/p");
+  EXPECT_EQ(configuration.serviceManager, "s6");
+  EXPECT_EQ(configuration.s6ScanDirectory, "/s");
   EXPECT_EQ(configuration.idleSeconds, 0U);
   EXPECT_EQ(configuration.requestSeconds, 2U);
   EXPECT_EQ(configuration.queueSeconds, 3U);
   EXPECT_EQ(configuration.maximumConnections, 4U);
+}
+
+TEST(HostConfiguration, TakesThreeServiceManagersAndNoOther) {
+  HostConfiguration configuration;
+  for (const std::string name : {"systemd", "s6", "none"}) {
+    ASSERT_TRUE(applyConfigurationText(configuration, "service-manager = " + name, "x.conf"));
+    EXPECT_EQ(configuration.serviceManager, name);
+  }
+  for (const std::string name : {"runit", "S6"}) {
+    const auto applied = applyConfigurationText(configuration, "service-manager = " + name, "x.conf");
+    ASSERT_FALSE(applied.ok());
+    EXPECT_EQ(applied.error().description(),
+              "x.conf, line 1: \"service-manager\" must be systemd, s6 or none, not \"" + name + "\"");
+  }
+  EXPECT_FALSE(applyConfigurationText(configuration, "service-manager =", "x.conf"));
+  EXPECT_FALSE(applyConfigurationText(configuration, "s6-scan-directory = run", "x.conf"));
+}
+
+class ServiceManagerChoice : public testing::Test {
+ protected:
+  TestPlatform test;
+  HostConfiguration configuration;
+
+  template <class Manager>
+  bool isChosen() {
+    const auto manager =
+        chooseServiceManager(configuration, test.files, test.tasks, test.tasks, test.clock, test.log);
+    return dynamic_cast<Manager*>(manager.get()) != nullptr;
+  }
+};
+
+TEST_F(ServiceManagerChoice, FollowsTheConfiguration) {
+  configuration.serviceManager = "systemd";
+  EXPECT_TRUE(isChosen<SystemdServiceManager>());
+  configuration.serviceManager = "s6";
+  EXPECT_TRUE(isChosen<S6ServiceManager>());
+  configuration.serviceManager = "none";
+  EXPECT_TRUE(isChosen<OfflineServiceManager>());
+}
+
+TEST_F(ServiceManagerChoice, IsSystemdByItselfOnlyWhereItRunsAndOnTheMachinesRoot) {
+  configuration.root = "/srv/scratch";
+  EXPECT_TRUE(isChosen<OfflineServiceManager>());
+  configuration.root = "/";
+  EXPECT_EQ(isChosen<SystemdServiceManager>(), access("/run/systemd/system", F_OK) == 0);
 }
 
 TEST(PeerCheck, LetsRootTheDaemonsOwnUserAndMembersIn) {
