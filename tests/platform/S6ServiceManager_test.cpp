@@ -110,7 +110,8 @@ TEST_F(S6ServiceManagerTest, AStartOfARunningUnitSucceedsAndLeavesItsProcess) {
 }
 
 TEST_F(S6ServiceManagerTest, AStopDisablesTheUnitAndReturnsWhenItHasEnded) {
-  define(kLabel, "#!/bin/sh\ntrap 'kill $!; sleep 0.3; exit 0' TERM\necho $$ >pid\necho >&3\nsleep 1000 & wait\n",
+  define(kLabel,
+         "#!/bin/sh\ntrap 'kill $!; sleep 0.3; exit 0' TERM\necho $$ >pid\necho >&3\nsleep 1000 & wait\n",
          "#!/bin/sh\n: >finished\n");
   scan();
   ASSERT_TRUE(services.SetLaunchDaemonServiceState(kLabel, true));
