@@ -3,6 +3,7 @@ Every command that is shown is run as shown, inside. Usage: run_service.py BUILD
 
 import argparse
 import difflib
+import json
 import re
 import shlex
 import signal
@@ -109,7 +110,8 @@ def demonstrate(machine):
     show.run("tessardctl", "start", expected=(NOT_AS_WANTED,))
     show.run("ps", "-u", "84", "-o", "pid,user,args")
     show.run("tessardctl", "state", "--details")
-    if '"jabberdState": "RUNNING"' not in machine.run("tessardctl", "--json", "state", "--details").stdout:
+    details = json.loads(machine.run("tessardctl", "--json", "state", "--details").stdout)
+    if details["jabberdState"] != "RUNNING":
         raise MachineError("jabberd does not run")
 
 

@@ -90,6 +90,7 @@ def test_running_once_shows_what_settings_change_and_no_password():
     assert "+    <id>a.example.test</id>" in shown.stdout
     assert "+++ /private/etc/jabberd_notification/sm_b.example.test.xml" in shown.stdout
     assert "hosts=[a.example.test, b.example.test]" in shown.stdout
+    assert "jabberdState: RUNNING" in shown.stdout
     assert set(re.findall(r"<(?:pass|secret)>(.*)</", shown.stdout)) <= {"********"}
 
 
