@@ -160,7 +160,8 @@ class Daemon {
   }
 
   int serve(const PeerCheck& peers, int stopEvent, ListeningSocket& socket) {
-    const RequestRouter router(plugins_, executor_, slot_);
+    const ServiceReports services(configuration_.root);
+    const RequestRouter router(plugins_, executor_, slot_, services);
     const HttpLimits limits{std::chrono::seconds(configuration_.requestSeconds),
                             std::chrono::seconds(configuration_.queueSeconds),
                             configuration_.maximumConnections};

@@ -14,6 +14,7 @@ constexpr std::string_view kPluginsPath = "/v1/plugins/";
 constexpr std::string_view kIdlePath = "/v1/events/idle";
 constexpr std::string_view kNetworkChangePath = "/v1/events/network-change";
 constexpr std::string_view kHealthPath = "/v1/health";
+constexpr std::string_view kServicesPath = "/v1/services";
 
 RoutedRequest answered(HttpAnswer answer) {
   return {std::move(answer)};
@@ -102,16 +103,14 @@ struct RequestRouter::Body {
 RoutedRequest RequestRouter::route(HttpRequest request) const {
   const bool isPlugin = request.path.starts_with(kPluginsPath);
   const bool isEvent = request.path == kIdlePath || request.path == kNetworkChangePath;
-  if (!isPlugin && !isEvent && request.path != kHealthPath) {
+  const bool isRead = request.path == kHealthPath || request.path == kServicesPath;
+  if (!isPlugin && !isEvent && !isRead) {
     return answered(errorAnswer(404, "not-found", fill("There is nothing at \"%@\".", {request.path})));
   }
   if (request.with && *request.with != "log") {
     return answered(errorAnswer(400, "bad-query", "The query argument \"with\" can only be \"log\"."));
   }
-  if (!isPlugin && !isEvent) {
-    return answered(request.method == "GET" || request.method == "HEAD" ? health(request)
-                                                                        : methodNotAllowed("GET, HEAD"));
-  }
+  if (isRead) return answered(routeRead(request));
   if (request.method != "POST") return answered(methodNotAllowed("POST"));
   return isPlugin ? routePlugin(std::move(request)) : routeEvent(std::move(request));
 }
@@ -169,7 +168,13 @@ HttpAnswer RequestRouter::runEvent(const HttpRequest& request, const Body& body)
   return answerTo(request, body.type, {{"plugins", std::move(reached)}}, std::move(log));
 }
 
-HttpAnswer RequestRouter::health(const HttpRequest& request) const {
+HttpAnswer RequestRouter::routeRead(const HttpRequest& request) const {
+  if (request.method != "GET" && request.method != "HEAD") return methodNotAllowed("GET, HEAD");
+  return serialized(MediaType::forAnswer(request.accept, MediaType::json()),
+                    request.path == kHealthPath ? health() : Dictionary{{"services", services_.all()}});
+}
+
+Dictionary RequestRouter::health() const {
   const WorkSlot::Status status = slot_.status();
   Dictionary answer = {{"status", "ok"}, {"version", kVersion}};
   if (status.running) {
@@ -182,7 +187,7 @@ HttpAnswer RequestRouter::health(const HttpRequest& request) const {
   Dictionary problems;
   for (const auto& [name, problem] : plugins_.problems) problems.set(name, problem);
   if (!problems.empty()) answer.set("notLoaded", std::move(problems));
-  return serialized(MediaType::forAnswer(request.accept, MediaType::json()), std::move(answer));
+  return answer;
 }
 
 HttpAnswer RequestRouter::refusal(WorkSlot::Refusal reason) {

@@ -8,6 +8,7 @@
 #include "host/HttpMessage.h"
 #include "host/MediaType.h"
 #include "host/RequestExecutor.h"
+#include "host/ServiceReports.h"
 #include "host/WorkSlot.h"
 
 namespace tessard {
@@ -24,13 +25,15 @@ struct RoutedRequest {
 ///   POST /v1/events/idle             an empty body, or a dictionary with "count"
 ///   POST /v1/events/network-change   a dictionary, see `NetworkChangeContext::fromEvent`
 ///   GET  /v1/health                  what the daemon is doing; answered at once
+///   GET  /v1/services                {"services": how each is doing}, see `ServiceReports`; answered at once
 /// Events answer {"plugins": [names]}. With "?with=log" the answer is {"answer": ..., "log": [...]}.
 /// Errors are those of `errorAnswer`, with the ids that docs/requests.md lists.
 class RequestRouter {
  public:
   /// All is borrowed; `plugins` is not changed any more.
-  RequestRouter(const Plugins& plugins, RequestExecutor& executor, const WorkSlot& slot)
-      : plugins_(plugins), executor_(executor), slot_(slot) {}
+  RequestRouter(const Plugins& plugins, RequestExecutor& executor, const WorkSlot& slot,
+                const ServiceReports& services)
+      : plugins_(plugins), executor_(executor), slot_(slot), services_(services) {}
 
   /// May be called on any thread; `work` runs on the slot's. May throw.
   RoutedRequest route(HttpRequest request) const;
@@ -41,7 +44,8 @@ class RequestRouter {
  private:
   struct Body;
 
-  HttpAnswer health(const HttpRequest& request) const;
+  HttpAnswer routeRead(const HttpRequest& request) const;
+  Dictionary health() const;
   RoutedRequest routePlugin(HttpRequest request) const;
   RoutedRequest routeEvent(HttpRequest request) const;
   HttpAnswer runEvent(const HttpRequest& request, const Body& body) const;
@@ -49,6 +53,7 @@ class RequestRouter {
   const Plugins& plugins_;
   RequestExecutor& executor_;
   const WorkSlot& slot_;
+  const ServiceReports& services_;
 };
 
 }  // namespace tessard

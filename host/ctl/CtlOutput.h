@@ -13,6 +13,7 @@ class CtlOutput {
   explicit CtlOutput(bool json);
 
   bool json() const { return json_; }
+  bool terminal() const { return terminal_; }  ///< whether a person sees standard error as it is written
 
   void line(const std::string& text) const;
   void document(const Dictionary& answer) const;

@@ -14,6 +14,7 @@
 #include "common/PropertyList.h"
 #include "common/ServiceTypes.h"
 #include "host/JsonCodec.h"
+#include "host/ctl/ServiceWatch.h"
 #include "host/ctl/SettingsArguments.h"
 #include "host/ctl/UnixHttpClient.h"
 
@@ -29,7 +30,8 @@ class Call {
   Call(const CtlArguments& arguments, const CtlOutput& output)
       : arguments_(arguments),
         output_(output),
-        client_(arguments.socketPath, [this](int seconds) { output_.progress(seconds); }) {}
+        client_(arguments.socketPath, [this](int seconds) { showWaiting(seconds); }),
+        watch_(arguments.socketPath, output) {}
 
   int run();
 
@@ -37,6 +39,7 @@ class Call {
   /// What is left to do with an answer that holds no error.
   using Finish = std::function<int(const Dictionary& answer)>;
 
+  void showWaiting(int seconds);
   int state();
   int changeState(const std::string& state, const std::string& expected);
   int settings();
@@ -62,7 +65,9 @@ class Call {
   const CtlArguments& arguments_;
   const CtlOutput& output_;
   UnixHttpClient client_;
-  bool errorLogged_ = false;  ///< by the request that was sent last
+  ServiceWatch watch_;
+  bool changesState_ = false;  ///< so that the parts' progress is of interest
+  bool errorLogged_ = false;   ///< by the request that was sent last
 };
 
 int exitCodeFor(int status, const std::string& id) {
@@ -119,13 +124,23 @@ int Call::run() {
   return found->second();
 }
 
+void Call::showWaiting(int seconds) {
+  if (changesState_) watch_.showProgress();
+  output_.progress(seconds);
+}
+
 int Call::state() {
   Dictionary request = {{"command", "getState"}};
   if (arguments_.details) request.set("variant", "withDetails");
-  return send(std::move(request), [this](const Dictionary& answer) { return printEntries(answer); });
+  return send(std::move(request), [this](const Dictionary& answer) {
+    const int exitCode = printEntries(answer);
+    if (arguments_.details && !output_.json()) watch_.showParts();
+    return exitCode;
+  });
 }
 
 int Call::changeState(const std::string& state, const std::string& expected) {
+  changesState_ = true;
   return send({{"command", "setState"}, {"state", state}}, [&](const Dictionary& answer) {
     const int exitCode = printEntries(answer);
     // The answer is the state as it then is, also when the change failed.
@@ -133,6 +148,7 @@ int Call::changeState(const std::string& state, const std::string& expected) {
     if (reached == expected) return exitCode;
     output_.message("error", fill("The service was to be %@ and is %@; the system log may say why.",
                                   {expected, reached}));
+    if (expected == "RUNNING") watch_.explain();
     return EX_UNAVAILABLE;
   });
 }

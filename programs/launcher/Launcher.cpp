@@ -50,6 +50,7 @@ int Launcher::run() {
         return endAll(kLauncherStopped);
       case Event::partEnded:
         say_("The other components are stopped, so that all can be started again.");
+        status_.become("restarting");
         return endAll(kLauncherLostPart);
       default:
         break;
@@ -59,33 +60,42 @@ int Launcher::run() {
 
 // Nothing, or the status to end with.
 std::optional<int> Launcher::prepare() {
+  status_.become("starting");
   auto plan = readInstancePlan(files_, options_.masterFile);
-  if (!plan) {
-    say_(fill("Nothing is started: %@.", {plan.error().description()}));
-    return kLauncherBadFiles;
-  }
+  if (!plan) return refuse(plan.error().description(), kLauncherBadFiles);
   components_ = std::move(plan).value();
+  status_.setComponents(components_);
   if (const auto made = makeRunDirectory(files_); !made) {
-    say_(fill("Nothing is started: %@.", {made.error().description()}));
-    return kLauncherSystemRefused;
+    return refuse(made.error().description(), kLauncherSystemRefused);
   }
-  if (!clearDeadRun()) return kLauncherStartFailed;
+  if (const auto living = clearDeadRun()) {
+    return refuse(fill("the process that \"%@\" names still runs", {*living}), kLauncherStartFailed);
+  }
   return std::nullopt;
 }
 
-bool Launcher::clearDeadRun() {
+int Launcher::refuse(const std::string& reason, int status) {
+  blame(fill("Nothing is started: %@.", {reason}));
+  status_.become("failed");
+  return status;
+}
+
+void Launcher::blame(const std::string& sentence) {
+  say_(sentence);
+  status_.blame(sentence);
+}
+
+// The pid file of a component that does not go away, or nothing.
+std::optional<std::string> Launcher::clearDeadRun() {
   const Time end = steady_clock::now() + kPatienceWithDeadRun;
   for (const std::string& pidFile : pidFilesOf(files_, components_)) {
     while (namesLiveComponent(processes_, pidFile)) {
-      if (steady_clock::now() > end) {
-        say_(fill("Nothing is started: the process that \"%@\" names still runs.", {pidFile}));
-        return false;
-      }
+      if (steady_clock::now() > end) return pidFile;
       ::usleep(static_cast<useconds_t>(std::chrono::microseconds(kPollInterval).count()));
     }
     if (files_.remove(pidFile)) say_(fill("\"%@\" was left by a dead run and is removed.", {pidFile}));
   }
-  return true;
+  return std::nullopt;
 }
 
 // Nothing when the instance is ready, or the status to end with after a start that was not to be.
@@ -108,19 +118,23 @@ Launcher::Event Launcher::start(Kind first, Kind last) {
     if (component.kind < first || component.kind > last) continue;
     const auto started = startComponent(component);
     if (!started) {
-      say_(fill("The component %@ cannot be started: %@.",
-                {describe(component), started.error().description()}));
+      blame(fill("The component %@ cannot be started: %@.",
+                 {describe(component), started.error().description()}));
       return Event::partEnded;
     }
     running_.emplace(started.value(), &component);
+    status_.begun(component, started.value());
   }
+  status_.publish();
   return Event::none;
 }
 
 Launcher::Event Launcher::waitFor(const std::function<bool()>& condition, Time end) {
   while (true) {
     if (const Event event = nextEvent(kPollInterval); event != Event::none) return event;
-    if (condition()) {
+    const bool holds = condition();
+    status_.publish();
+    if (holds) {
       // What held meanwhile may be the last word of a component that has ended.
       return nextEvent(milliseconds(0));
     }
@@ -146,7 +160,8 @@ bool Launcher::reapParts() {
     const auto found = running_.find(pid);
     if (found == running_.end()) continue;
     if (!stopping_) {
-      say_(fill("The component %@ has ended %@.", {describe(*found->second), howItEnded(status)}));
+      blame(fill("The component %@ has ended %@.", {describe(*found->second), howItEnded(status)}));
+      status_.ended(*found->second);
     }
     running_.erase(found);
     any = true;
@@ -155,9 +170,16 @@ bool Launcher::reapParts() {
 }
 
 bool Launcher::allListen() {
-  return std::ranges::all_of(components_, [](const Component& component) {
-    return component.port == 0 || portIsOpen(component.address, component.port);
-  });
+  bool all = true;
+  for (const Component& component : components_) {
+    if (component.port == 0) continue;
+    if (portIsOpen(component.address, component.port)) {
+      status_.ready(component);
+    } else {
+      all = false;
+    }
+  }
+  return all;
 }
 
 // Every session manager has come to the router: c2s, asked as clients ask, offers its domains.
@@ -170,6 +192,7 @@ bool Launcher::allServe() {
     for (const std::string& domain : component.domains) {
       if (!isServed(*client, domain)) return false;
     }
+    status_.ready(component);
   }
   return true;
 }
@@ -196,14 +219,15 @@ int Launcher::failedStart(Event event) {
     say_("The instance is asked to stop before it was ready.");
     return endAll(kLauncherStopped);
   }
-  say_(event == Event::late ? fill("The start has failed: the instance is not ready after %u seconds.",
-                                   {options_.startSeconds})
-                            : "The start has failed: the other components are stopped.");
+  blame(event == Event::late ? fill("The start has failed: the instance is not ready after %u seconds.",
+                                    {options_.startSeconds})
+                             : "The start has failed: the other components are stopped.");
   return endAll(kLauncherStartFailed);
 }
 
 int Launcher::endAll(int status) {
   stopping_ = true;
+  if (status == kLauncherStopped) status_.become("stopping");
   ::sd_notify(0, "STOPPING=1");
   signalAll(SIGTERM);
   const Time end = steady_clock::now() + kPatienceAfterTerm;
@@ -217,6 +241,8 @@ int Launcher::endAll(int status) {
   signalAll(SIGKILL);
   while (!running_.empty()) nextEvent(seconds(1));
   removePidFiles();
+  if (status == kLauncherStopped) status_.withdraw();
+  if (status == kLauncherStartFailed) status_.become("failed");
   say_("The instance has stopped.");
   return status;
 }
@@ -235,6 +261,7 @@ void Launcher::removePidFiles() {
 
 void Launcher::tellReady() {
   say_(fill("The instance is ready: %lu components.", {running_.size()}));
+  status_.become("running");
   ::sd_notify(0, "READY=1");
   if (options_.notifyDescriptor < 0) return;
   if (::write(options_.notifyDescriptor, "\n", 1) != 1) {

@@ -12,6 +12,7 @@
 #include "platform/LinuxProcesses.h"
 #include "platform/PosixFileSystem.h"
 #include "programs/launcher/InstancePlan.h"
+#include "programs/launcher/InstanceStatus.h"
 #include "programs/launcher/LauncherOptions.h"
 
 namespace tessard {
@@ -43,7 +44,9 @@ class Launcher {
   enum class Event { none, stopWanted, partEnded, late };
 
   std::optional<int> prepare();
-  bool clearDeadRun();
+  int refuse(const std::string& reason, int status);
+  void blame(const std::string& sentence);
+  std::optional<std::string> clearDeadRun();
   std::optional<int> bringUp();
   Event start(Component::Kind first, Component::Kind last);
   Event waitFor(const std::function<bool()>& condition, Time end);
@@ -62,6 +65,7 @@ class Launcher {
   const Say say_;
   PosixFileSystem files_{"/"};
   LinuxProcesses processes_{files_};
+  InstanceStatus status_{files_};
   std::vector<Component> components_;
   std::map<pid_t, const Component*> running_;
   std::map<std::string, bool> served_;

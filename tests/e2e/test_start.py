@@ -92,10 +92,14 @@ def test_a_start_makes_every_component_listen_and_a_stop_ends_them_all(two_domai
     assert (seen["jabberdState"], seen["state"]) == ("RUNNING", "STOPPED")
     assert not machine.outside(f"{SERVICE_DIRECTORY}/down").exists()
     assert launcher_says(machine) == ["The instance is ready: 5 components."]
+    shown = two_domains.tool("state", "--details").stdout
+    for part in ("router", "sm (sm.xml)", "sm (sm_b.example.test.xml)", "s2s", "c2s"):
+        assert f"jabberd_notification/{part}: ready\n" in shown
 
     stopped = two_domains.tool("stop")
     assert_nothing_runs(machine)
     assert stopped.stdout == "state: STOPPED\n"
+    assert "jabberd_notification/" not in two_domains.tool("state", "--details").stdout
     assert state_of_jabberd(two_domains) == "STOPPED"
     assert machine.outside(f"{SERVICE_DIRECTORY}/down").exists()
 
@@ -185,6 +189,11 @@ def test_a_session_manager_that_cannot_run_makes_the_whole_start_fail(service):
     assert failed.returncode == NOT_AS_WANTED
     assert f'"{LABEL}" could not be started: it failed and stays down' in failed.stderr
     assert "some jabberd processes failed to start" in failed.stderr
+    told = failed.stderr[failed.stderr.index("jabberd_notification (failed): "):].splitlines()
+    assert re.match(r"jabberd_notification \(failed\): The component sm \(sm\.xml\) has ended with exit status \d+\.", told[0])
+    assert "  sm (sm.xml): ended" in told
+    # What it said last itself.
+    assert any(line.startswith("    ") and "jabberd_notification/sm[" in line for line in told)
     assert_nothing_runs(machine)
     assert state_of_jabberd(service) == "STOPPED"
     said = launcher_says(machine)
