@@ -18,6 +18,7 @@
 #include "host/HostLog.h"
 #include "host/HttpServer.h"
 #include "host/ListeningSocket.h"
+#include "host/Networks.h"
 #include "host/PeerCheck.h"
 #include "host/RequestExecutor.h"
 #include "host/RequestRouter.h"
@@ -28,7 +29,6 @@
 #include "platform/FileDescriptor.h"
 #include "platform/LinuxHostNames.h"
 #include "platform/LinuxProcesses.h"
-#include "platform/OfflineNetwork.h"
 #include "platform/PosixFileSystem.h"
 #include "platform/PosixTasks.h"
 #include "platform/SystemClock.h"
@@ -87,7 +87,7 @@ struct RealPlatform {
         services(chooseServiceManager(configuration, files, tasks, unitTasks, clock, log)),
         processes(files),
         hostNames(files),
-        network(files),
+        network(chooseNetwork(configuration, files, log)),
         bundles(files) {}
 
   SystemSyslog syslog;
@@ -99,11 +99,11 @@ struct RealPlatform {
   std::unique_ptr<ServiceManager> services;
   LinuxProcesses processes;
   LinuxHostNames hostNames;
-  OfflineNetwork network;
+  std::unique_ptr<Network> network;
   SystemRandom random;
   UnistringUnicode unicode;
   DirectoryBundles bundles;
-  Platform platform{files, tasks,  *services, processes, hostNames, network,
+  Platform platform{files, tasks,  *services, processes, hostNames, *network,
                     clock, random, unicode,   bundles,   log};
 };
 

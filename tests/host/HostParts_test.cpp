@@ -9,15 +9,18 @@
 #include "host/ConnectionTable.h"
 #include "host/HostConfiguration.h"
 #include "host/HttpMessage.h"
+#include "host/Networks.h"
 #include "host/PeerCheck.h"
 #include "host/RequestLog.h"
 #include "host/ServiceManagers.h"
 #include "host/ctl/CtlArguments.h"
 #include "host/ctl/UnixHttpClient.h"
 #include "platform/FileDescriptor.h"
+#include "platform/OfflineNetwork.h"
 #include "platform/OfflineServiceManager.h"
 #include "platform/S6ServiceManager.h"
 #include "platform/SystemdServiceManager.h"
+#include "platform/network/LinuxNetwork.h"
 #include "tests/support/TestPlatform.h"
 
 namespace tessard {
@@ -104,6 +107,16 @@ TEST_F(ServiceManagerChoice, IsSystemdByItselfOnlyWhereItRunsAndOnTheMachinesRoo
   EXPECT_TRUE(isChosen<OfflineServiceManager>());
   configuration.root = "/";
   EXPECT_EQ(isChosen<SystemdServiceManager>(), access("/run/systemd/system", F_OK) == 0);
+}
+
+TEST(NetworkChoice, OnlyADaemonOnTheMachinesRootAsksTheMachinesNetwork) {
+  TestPlatform test;
+  HostConfiguration configuration;
+  const auto machines = chooseNetwork(configuration, test.files, test.log);
+  EXPECT_TRUE(dynamic_cast<LinuxNetwork*>(machines.get()));
+  configuration.root = "/srv/scratch";
+  const auto scratch = chooseNetwork(configuration, test.files, test.log);
+  EXPECT_TRUE(dynamic_cast<OfflineNetwork*>(scratch.get()));
 }
 
 TEST(PeerCheck, LetsRootTheDaemonsOwnUserAndMembersIn) {
