@@ -8,7 +8,7 @@
 
 #include "common/Format.h"
 #include "common/PluginEntry.h"
-#include "host/RootDirectory.h"
+#include "platform/RootDirectory.h"
 
 namespace tessard {
 

@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "common/Format.h"
-#include "host/RootDirectory.h"
+#include "platform/RootDirectory.h"
 
 namespace tessard {
 

@@ -1,4 +1,4 @@
-#include "host/RootDirectory.h"
+#include "platform/RootDirectory.h"
 
 #include <fcntl.h>
 #include <linux/openat2.h>
