@@ -1,10 +1,9 @@
 #include "common/NetworkChangeContext.h"
 
-#include <arpa/inet.h>
-
 #include <array>
 #include <string_view>
 
+#include "common/Addresses.h"
 #include "common/Format.h"
 #include "common/HostNames.h"
 
@@ -13,23 +12,6 @@ namespace tessard {
 namespace {
 
 constexpr std::array<std::string_view, 4> kChangeIPKeys = {"oldHost", "newHost", "oldAddress", "newAddress"};
-
-bool isAddress(const std::string& text) {
-  // inet_pton reads up to a NUL byte, which a text may hold.
-  if (text.find('\0') != std::string::npos) return false;
-  std::array<unsigned char, sizeof(in6_addr)> buffer{};
-  return inet_pton(AF_INET, text.c_str(), buffer.data()) == 1 ||
-         inet_pton(AF_INET6, text.c_str(), buffer.data()) == 1;
-}
-
-// 169.254/16 and fe80::/10: addresses that a machine gives itself when nobody else gave it one.
-bool isSelfAssigned(const std::string& text) {
-  in_addr v4{};
-  if (inet_pton(AF_INET, text.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 16) == 0xa9fe;
-  in6_addr v6{};
-  return inet_pton(AF_INET6, text.c_str(), &v6) == 1 && v6.s6_addr[0] == 0xfe &&
-         (v6.s6_addr[1] & 0xc0) == 0x80;
-}
 
 std::optional<std::string> textFor(const Dictionary& fields, std::string_view key) {
   const std::string* text = fields.stringFor(key);
@@ -86,7 +68,7 @@ NetworkChangeContext NetworkChangeContext::networkChangeContextWithChangeIPReque
   context.hasHostChanged_ = differ(context.oldHost_, context.newHost_);
   const auto newAddress = textFor(*fields, "newAddress");
   context.hasAddrChanged_ = differ(textFor(*fields, "oldAddress"), newAddress);
-  context.isNewAddressSelfAssigned_ = newAddress && isSelfAssigned(*newAddress);
+  context.isNewAddressSelfAssigned_ = newAddress && isSelfAssignedAddress(*newAddress);
   context.hasValidNetworkConfiguration_ = !problemWithChangeIPRequest(arguments);
   return context;
 }
