@@ -18,6 +18,7 @@
 #include "host/HostLog.h"
 #include "host/HttpServer.h"
 #include "host/ListeningSocket.h"
+#include "host/NetworkMonitor.h"
 #include "host/Networks.h"
 #include "host/PeerCheck.h"
 #include "host/RequestExecutor.h"
@@ -114,7 +115,10 @@ class Daemon {
         real_(configuration),
         hostLog_(real_.syslog),
         executor_(real_.platform),
-        slot_(std::chrono::seconds(configuration.idleSeconds), [this](int count) { doIdleWork(count); }) {}
+        slot_(std::chrono::seconds(configuration.idleSeconds), [this](int count) { doIdleWork(count); }),
+        monitor_(configuration.root, std::chrono::seconds(configuration.networkQuietSeconds), real_.hostNames,
+                 real_.files, slot_, hostLog_,
+                 [this](const NetworkChangeContext& context) { return tellNetworkChange(context); }) {}
 
   int run() {
     const FileDescriptor stopEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -129,6 +133,7 @@ class Daemon {
       tellWhoMayConnect();
     }
     loadPlugins();
+    watchNetwork();
     return serve(PeerCheck(adminGroup), stopEvent.get(), socket.value());
   }
 
@@ -159,6 +164,14 @@ class Daemon {
     }
   }
 
+  void watchNetwork() {
+    if (configuration_.networkQuietSeconds == 0) return;
+    if (const auto started = monitor_.start(); !started) {
+      hostLog_.error(fill("Changes of the host's name and addresses are not noticed: %@.",
+                          {started.error().description()}));
+    }
+  }
+
   int serve(const PeerCheck& peers, int stopEvent, ListeningSocket& socket) {
     const ServiceReports services(configuration_.root);
     const RequestRouter router(plugins_, executor_, slot_, services);
@@ -179,6 +192,7 @@ class Daemon {
     hostLog_.notice("Stopping after the request that is running.");
     socket.close();
     slot_.stop();
+    monitor_.stop();
     server.stop();
     hostLog_.notice("Stopped.");
     return EX_OK;
@@ -188,12 +202,22 @@ class Daemon {
     for (const auto& [name, handler] : plugins_.handlers) executor_.idle(*handler, count);
   }
 
+  bool tellNetworkChange(const NetworkChangeContext& context) {
+    bool taken = !plugins_.handlers.empty();
+    for (const auto& [name, handler] : plugins_.handlers) {
+      const auto outcome = executor_.networkChanged(*handler, context);
+      taken = taken && outcome.kind == ExecutionOutcome::Kind::answered;
+    }
+    return taken;
+  }
+
   const HostConfiguration configuration_;
   RealPlatform real_;
   HostLog hostLog_;
   RequestExecutor executor_;
   Plugins plugins_;
   WorkSlot slot_;
+  NetworkMonitor monitor_;
 };
 
 }  // namespace

@@ -31,7 +31,7 @@ struct Setting {
 
 constexpr std::uint32_t kDaySeconds = 86'400;
 
-const std::array<Setting, 12> kSettings = {{
+const std::array<Setting, 13> kSettings = {{
     {"root", Content::absolutePath, &HostConfiguration::root, 0, 0, false},
     {"config", Content::absolutePath, &HostConfiguration::configurationFile, 0, 0, false},
     {"socket", Content::absolutePath, &HostConfiguration::socketPath},
@@ -44,6 +44,7 @@ const std::array<Setting, 12> kSettings = {{
     {"request-seconds", Content::number, &HostConfiguration::requestSeconds, 1, kDaySeconds},
     {"queue-seconds", Content::number, &HostConfiguration::queueSeconds, 0, kDaySeconds},
     {"connections", Content::number, &HostConfiguration::maximumConnections, 1, 512},
+    {"network-quiet-seconds", Content::number, &HostConfiguration::networkQuietSeconds, 0, kDaySeconds},
 }};
 
 const Setting* settingFor(std::string_view key) {
@@ -207,6 +208,10 @@ std::string daemonHelp() {
          "  --request-seconds N    time for a client to send a request or take an answer (default 30)\n"
          "  --queue-seconds N      time that a request may wait for another one to end (default 120)\n"
          "  --connections N        connections at a time (default 64)\n"
+         "  --network-quiet-seconds N\n"
+         "                         the plug-ins are told of changes of the host's name and addresses once "
+         "there\n"
+         "                         were none for this time, 0 for never (default 2)\n"
          "  --help, --version\n"
          "\n"
          "The configuration file has lines such as \"idle-seconds = 60\" with the names of the options\n"

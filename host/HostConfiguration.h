@@ -25,6 +25,8 @@ struct HostConfiguration {
   std::uint32_t requestSeconds = 30;  ///< for a client to send one request, or to take one answer
   std::uint32_t queueSeconds = 120;   ///< that a request may wait for the work slot
   std::uint32_t maximumConnections = 64;
+  /// Without further changes of the host's name or addresses until they are handed on; 0: not watched.
+  std::uint32_t networkQuietSeconds = 2;
 };
 
 /// What the command line asks for besides running the daemon.

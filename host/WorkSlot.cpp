@@ -24,10 +24,11 @@ void WorkSlot::submit(Job job) {
   job.refuse(Refusal::stopping);
 }
 
-bool WorkSlot::callAndWait(const std::function<void()>& work) {
+bool WorkSlot::callAndWait(const std::function<void()>& work, const std::string& label) {
   std::promise<bool> done;
   auto result = done.get_future();
   Job job;
+  job.label = label;
   job.run = [&] {
     try {
       work();

@@ -50,8 +50,8 @@ class WorkSlot {
   void submit(Job job);
 
   /// Runs something on the worker and waits for it. False when the slot is stopped. The work may throw; the
-  /// exception arrives here.
-  bool callAndWait(const std::function<void()>& work);
+  /// exception arrives here. `label` is for `status`.
+  bool callAndWait(const std::function<void()>& work, const std::string& label = {});
 
   /// Refuses the waiting jobs whose deadline has passed.
   void refuseLateJobs(Moment now);

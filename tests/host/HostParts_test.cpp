@@ -49,7 +49,8 @@ TEST(HostConfiguration, KnowsEverySettingOfTheHelp) {
                                               "idle-seconds = 0\n"
                                               "request-seconds = 2\n"
                                               "queue-seconds = 3\n"
-                                              "connections = 4",
+                                              "connections = 4\n"
+                                              "network-quiet-seconds = 5",
                                               "x.conf");
   ASSERT_TRUE(applied.ok()) << applied.error().description();
   EXPECT_EQ(configuration.socketPath, "/a = b");
@@ -62,6 +63,7 @@ TEST(HostConfiguration, KnowsEverySettingOfTheHelp) {
   EXPECT_EQ(configuration.requestSeconds, 2U);
   EXPECT_EQ(configuration.queueSeconds, 3U);
   EXPECT_EQ(configuration.maximumConnections, 4U);
+  EXPECT_EQ(configuration.networkQuietSeconds, 5U);
 }
 
 TEST(HostConfiguration, TakesThreeServiceManagersAndNoOther) {
