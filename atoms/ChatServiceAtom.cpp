@@ -15,7 +15,9 @@ class NoOwner : public ServiceOwner {
  public:
   NOTIFICATION_PLUGIN_MasterConfiguration* masterConfig() override { return nullptr; }
   std::optional<std::string> currentHostDomain() override { return std::nullopt; }
-  std::vector<std::string> getDomainsForService(std::string_view /*name*/) override { return {}; }
+  std::optional<std::vector<std::string>> getDomainsForService(std::string_view /*name*/) override {
+    return std::nullopt;
+  }
   std::optional<Dictionary> loadPreferences() override { return std::nullopt; }
   bool savePreferences(const Dictionary& /*preferences*/) override { return false; }
   std::optional<Value> getPreferenceValueForKey(std::string_view /*key*/) override { return std::nullopt; }

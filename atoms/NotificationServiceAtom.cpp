@@ -10,4 +10,13 @@ NOTIFICATION_PLUGIN_NotificationServiceAtom::notificationServiceAtom(Platform& p
   return atom;
 }
 
+NOTIFICATION_PLUGIN_NotificationServiceAtom::~NOTIFICATION_PLUGIN_NotificationServiceAtom() {
+  dealloc();
+}
+
+void NOTIFICATION_PLUGIN_NotificationServiceAtom::dealloc() {
+  hostCache_.reset();
+  settingsDictLock_.reset();
+}
+
 }  // namespace tessard

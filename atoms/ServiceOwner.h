@@ -22,8 +22,9 @@ class ServiceOwner {
   /// The host's name, asked anew on every call; absent when it cannot be determined.
   virtual std::optional<std::string> currentHostDomain() = 0;
 
-  /// The domains of all services of that name; empty when there are none.
-  virtual std::vector<std::string> getDomainsForService(std::string_view name) = 0;
+  /// The domains of all services of that name, empty when they serve none; absent when there is nobody to
+  /// tell.
+  virtual std::optional<std::vector<std::string>> getDomainsForService(std::string_view name) = 0;
 
   /// The plug-in's preferences, read afresh; seeded with the defaults when there is no file yet. Absent when
   /// no host name can be determined for the defaults or the file cannot be read.

@@ -187,7 +187,7 @@ std::vector<std::string> NOTIFICATION_PLUGIN_ChatServiceWrangler::getConnectedUs
   return all;
 }
 
-std::vector<std::string> NOTIFICATION_PLUGIN_ChatServiceWrangler::getDomainsForService(
+std::optional<std::vector<std::string>> NOTIFICATION_PLUGIN_ChatServiceWrangler::getDomainsForService(
     std::string_view name) {
   std::vector<std::string> all;
   for (auto* atom : serviceAtomsForName(name)) {

@@ -70,7 +70,8 @@ class NOTIFICATION_PLUGIN_ChatServiceWrangler : public Object, public ServiceOwn
   /// One dictionary of counters per atom of the name; an atom that gives none is left out.
   Array getConnectedUsersForService(std::string_view name);
   std::vector<std::string> getConnectedUserNamesForService(std::string_view name);
-  std::vector<std::string> getDomainsForService(std::string_view name) override;
+  /// Never absent here.
+  std::optional<std::vector<std::string>> getDomainsForService(std::string_view name) override;
 
   bool doIdleTasks();
 

@@ -53,7 +53,7 @@ void NOTIFICATION_PLUGIN_ChatServiceWrangler::replaceChangedDomain(const Network
     logDebug_source("Network change resulted in no domain changes.  No action taken.", "");
     return;
   }
-  std::vector<std::string> domains = getDomainsForService("jabberd");
+  std::vector<std::string> domains = getDomainsForService("jabberd").value_or(std::vector<std::string>{});
   bool replaced = false;
   for (std::string& domain : domains) {
     if (!context.newHost() || domain != context.oldHost()) continue;

@@ -1,3 +1,4 @@
+#include "atoms/NotificationPaths.h"
 #include "common/Format.h"
 #include "common/PropertyList.h"
 #include "common/Text.h"
@@ -5,24 +6,6 @@
 #include "coordinator/ChatServiceWrangler.h"
 
 namespace tessard {
-
-namespace {
-
-constexpr const char* kPreferencesPath = "/Library/Preferences/com.velto.tessard_notification.plist";
-
-// Settings of the services, among them passwords of databases, are merged into the preferences.
-constexpr FileOwnership kPreferencesOwnership = {std::nullopt, std::nullopt, 0600};
-constexpr FileOwnership kDirectoryOwnership = {std::nullopt, std::nullopt, 0755};
-
-Result<void> writePreferences(FileSystem& files, const Dictionary& preferences) {
-  const std::string directory = directoryOf(kPreferencesPath);
-  if (!files.exists(directory)) {
-    if (auto made = files.createDirectory(directory, kDirectoryOwnership, true); !made) return made;
-  }
-  return writePropertyListFile(files, kPreferencesPath, preferences, kPreferencesOwnership);
-}
-
-}  // namespace
 
 std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceWrangler::defaultPreferences() {
   const auto host = currentHostDomain();
@@ -55,7 +38,7 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceWrangler::defaultPrefer
 }
 
 bool NOTIFICATION_PLUGIN_ChatServiceWrangler::preferencesExist() {
-  return platform_.files.exists(kPreferencesPath);
+  return platform_.files.exists(kBundleConfigFilePath);
 }
 
 std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceWrangler::loadPreferences() {
@@ -64,17 +47,18 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceWrangler::loadPreferenc
     if (defaults) savePreferences(*defaults);
     return defaults;
   }
-  auto stored = readPropertyListFile(platform_.files, kPreferencesPath);
+  auto stored = readPropertyListFile(platform_.files, kBundleConfigFilePath);
   return stored ? std::optional(std::move(stored).value()) : std::nullopt;
 }
 
 bool NOTIFICATION_PLUGIN_ChatServiceWrangler::savePreferences(const Dictionary& preferences) {
   // Success is reported whatever becomes of the write; the log tells of a failed one.
-  const auto written = writePreferences(platform_.files, preferences);
+  const auto written =
+      writePropertyListFile(platform_.files, kBundleConfigFilePath, preferences, kBundleConfigOwnership);
   if (!written) {
-    logWarning_source(
-        fill("preferences were not saved: \"%@\" : %@", {kPreferencesPath, written.error().description()}),
-        "");
+    logWarning_source(fill("preferences were not saved: \"%@\" : %@",
+                           {kBundleConfigFilePath, written.error().description()}),
+                      "");
   }
   return true;
 }

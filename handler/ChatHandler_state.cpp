@@ -56,7 +56,8 @@ void NOTIFICATION_PLUGIN_ChatHandler::addDetails(RunningState running, Dictionar
   answer.set("idavollState", runningWord(running.publishSubscribe));
   answer.set("jabberdState", runningWord(running.jabberd));
   answer.set("startedTime", startedTime(running));
-  answer.set("hostsCommaDelimitedString", joinedWith(serviceWrangler_->getDomainsForService("jabberd"), ","));
+  const auto domains = serviceWrangler_->getDomainsForService("jabberd");
+  answer.set("hostsCommaDelimitedString", domains ? joinedWith(*domains, ",") : "");
   answer.set("setStateVersion", 1);
   answer.set("readWriteSettingsVersion", 1);
   answer.set("currentConnections", currentConnections(running));

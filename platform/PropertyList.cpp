@@ -9,23 +9,24 @@ namespace tessard {
 
 namespace {
 
-SystemError tooLarge() {
-  return SystemError(EFBIG,
-                     "the property list is larger than " + std::to_string(kPropertyListSizeLimit) + " bytes");
+constexpr FileOwnership kDirectoryOwnership = {std::nullopt, std::nullopt, 0755};
+
+SystemError largerThan(std::size_t limit) {
+  return SystemError(EFBIG, "the property list is larger than " + std::to_string(limit) + " bytes");
 }
 
 }  // namespace
 
-Result<Value> parsePropertyList(std::string_view bytes) {
-  if (bytes.size() > kPropertyListSizeLimit) return tooLarge();
+Result<Value> parsePropertyList(std::string_view bytes, std::size_t sizeLimit) {
+  if (bytes.size() > sizeLimit) return largerThan(sizeLimit);
   if (bytes.starts_with(kBinaryPropertyListMark)) return parseBinaryPropertyList(bytes);
   return parseXmlPropertyList(bytes);
 }
 
 Result<Dictionary> readPropertyListFile(FileSystem& files, std::string_view path) {
-  const Result<std::string> bytes = files.readFile(path, kPropertyListSizeLimit);
+  const Result<std::string> bytes = files.readFile(path, kPropertyListFileSizeLimit);
   if (!bytes) return bytes.error();
-  Result<Value> value = parsePropertyList(bytes.value());
+  Result<Value> value = parsePropertyList(bytes.value(), kPropertyListFileSizeLimit);
   if (!value) return value.error();
   Dictionary* const dictionary = value.value().asDictionary();
   if (!dictionary) return SystemError(0, "the top level of the property list is no dictionary");
@@ -36,7 +37,11 @@ Result<void> writePropertyListFile(FileSystem& files, std::string_view path, con
                                    const FileOwnership& ownership) {
   const Result<std::string> bytes = serializePropertyList(Value(content));
   if (!bytes) return bytes.error();
-  if (bytes.value().size() > kPropertyListSizeLimit) return tooLarge();
+  if (bytes.value().size() > kPropertyListFileSizeLimit) return largerThan(kPropertyListFileSizeLimit);
+  const std::string directory = directoryOf(path);
+  if (!files.exists(directory)) {
+    if (auto made = files.createDirectory(directory, kDirectoryOwnership, true); !made) return made;
+  }
   return writeAtomically(files, path, bytes.value(), ownership);
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "common/PropertyList.h"
 #include "platform/DirectoryBundles.h"
 #include "platform/PosixTasks.h"
 #include "tests/support/TestPlatform.h"
@@ -29,6 +30,7 @@ class PluginEntry : public testing::Test {
   PosixFileSystem machine;
   DirectoryBundles bundles{machine};
   DirectoryBundle* bundle = nullptr;
+  void* library = nullptr;
   PluginInterfaceVersionFunction version = nullptr;
   PluginCreateFunction create = nullptr;
 
@@ -36,7 +38,7 @@ class PluginEntry : public testing::Test {
     const auto added = bundles.add(TESSARD_BUNDLE);
     ASSERT_TRUE(added.ok()) << added.error().description();
     bundle = added.value();
-    void* library = ::dlopen(bundle->executablePath().c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    library = ::dlopen(bundle->executablePath().c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     ASSERT_NE(library, nullptr) << ::dlerror();
     version =
         reinterpret_cast<PluginInterfaceVersionFunction>(::dlsym(library, kPluginInterfaceVersionSymbol));
@@ -117,7 +119,27 @@ TEST_F(PluginEntry, NoExceptionLeavesTheBundle) {
   EXPECT_TRUE(test.log.has(kLogError, "unable to create the plug-in: unknown exception"));
 }
 
-TEST_F(PluginEntry, NothingButTheTwoEntriesIsExported) {
+TEST_F(PluginEntry, ThePathAndLabelConstantsAreFoundByTheirNames) {
+  const auto text = [this](const char* name) -> std::string {
+    const auto* found = static_cast<const char* const*>(::dlsym(library, name));
+    return found && *found ? *found : "(null)";
+  };
+  EXPECT_EQ(text("kNotificationConfigFilePath"), "/Library/Preferences/com.velto.Beaconry.plist");
+  EXPECT_EQ(text("kNotificationDefaultConfigFilePath"),
+            "/usr/share/tessardd/bundles/tessard_notification.bundle/Contents/Resources/defaultConfig.plist");
+  EXPECT_EQ(text("kBundleConfigFilePath"), "/Library/Preferences/com.velto.tessard_notification.plist");
+  EXPECT_EQ(text("kKorvBridgeLaunchdLabel"), "com.velto.KorvBridge");
+}
+
+TEST_F(PluginEntry, TheDefaultSettingsAreAResource) {
+  const auto path = bundle->pathForResource_ofType("defaultConfig", "plist");
+  ASSERT_TRUE(path);
+  const auto defaults = readPropertyListFile(machine, *path);
+  ASSERT_TRUE(defaults.ok()) << defaults.error().description();
+  EXPECT_TRUE(defaults.value().stringFor("jid"));
+}
+
+TEST_F(PluginEntry, NothingButTheEntriesAndTheConstantsIsExported) {
   PosixTasks tasks("/");
   const TaskResult result = tasks.launch_task(
       "/usr/bin/nm", {TaskArgument::text("-D"), TaskArgument::text("--defined-only"),
@@ -126,7 +148,9 @@ TEST_F(PluginEntry, NothingButTheTwoEntriesIsExported) {
   std::vector<std::string> names;
   std::istringstream lines(result.output);
   for (std::string line; std::getline(lines, line);) names.push_back(line.substr(0, line.find(' ')));
-  EXPECT_THAT(names, UnorderedElementsAre(kPluginInterfaceVersionSymbol, kPluginCreateSymbol));
+  EXPECT_THAT(names, UnorderedElementsAre(kPluginInterfaceVersionSymbol, kPluginCreateSymbol,
+                                          "kNotificationConfigFilePath", "kNotificationDefaultConfigFilePath",
+                                          "kBundleConfigFilePath", "kKorvBridgeLaunchdLabel"));
 }
 
 }  // namespace

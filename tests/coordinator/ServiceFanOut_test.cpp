@@ -198,15 +198,15 @@ TEST_F(FanOut, NamesAndDomainsOfAllServicesOfANameAreJoined) {
   atom(2)->domains = std::vector<std::string>{"other.example.com"};
   atom(3)->domains = std::vector<std::string>{"a.example.com", "b.example.com"};
   EXPECT_THAT(wrangler->getConnectedUserNamesForService("jabberd"), ElementsAre("ann", "bob", "ann"));
-  EXPECT_THAT(wrangler->getDomainsForService("jabberd"),
+  EXPECT_THAT(wrangler->getDomainsForService("jabberd").value(),
               ElementsAre("b.example.com", "a.example.com", "b.example.com"));
 }
 
 TEST_F(FanOut, AnUnknownServiceHasNoUsersAndNoDomains) {
   EXPECT_TRUE(wrangler->getConnectedUsersForService("other").empty());
   EXPECT_THAT(wrangler->getConnectedUserNamesForService("other"), IsEmpty());
-  EXPECT_THAT(wrangler->getDomainsForService("other"), IsEmpty());
-  EXPECT_THAT(wrangler->getDomainsForService("jabberd"), IsEmpty());
+  EXPECT_THAT(wrangler->getDomainsForService("other").value(), IsEmpty());
+  EXPECT_THAT(wrangler->getDomainsForService("jabberd").value(), IsEmpty());
 }
 
 }  // namespace

@@ -489,6 +489,19 @@ TEST_F(PropertyListFile, IsWrittenWholeAndReadBack) {
   EXPECT_EQ(files_.attributes("/list.plist").value().permissions, 0640U);
 }
 
+TEST_F(PropertyListFile, GetsTheDirectoriesAboveItThatAreMissing) {
+  ASSERT_TRUE(writePropertyListFile(files_, "/new/deep/list.plist", {{"k", 7}}, {{}, {}, 0600}).ok());
+  EXPECT_EQ(readPropertyListFile(files_, "/new/deep/list.plist").value(), (Dictionary{{"k", 7}}));
+  EXPECT_EQ(files_.attributes("/new").value().permissions, 0755U);
+  EXPECT_EQ(files_.attributes("/new/deep").value().permissions, 0755U);
+}
+
+TEST_F(PropertyListFile, MayBeLargerThanAListFromOutside) {
+  const Dictionary large{{"k", std::string(2 * kPropertyListSizeLimit, 'x')}};
+  ASSERT_TRUE(writePropertyListFile(files_, "/list.plist", large, {}).ok());
+  EXPECT_EQ(readPropertyListFile(files_, "/list.plist").value(), large);
+}
+
 TEST_F(PropertyListFile, MayBeBinary) {
   const std::string bytes = binaryList({"\xd1\x01\x02", "\x51k", "\x10\x07"});
   ASSERT_TRUE(files_.createFile("/list.plist", bytes, {}).ok());
@@ -505,7 +518,7 @@ TEST_F(PropertyListFile, ThatIsMissingMalformedOrTooLargeIsAnError) {
   EXPECT_EQ(readPropertyListFile(files_, "/none.plist").error().code(), ENOENT);
   ASSERT_TRUE(files_.createFile("/list.plist", "rubbish", {}).ok());
   EXPECT_THAT(readPropertyListFile(files_, "/list.plist").error().description(), HasSubstr("line 1"));
-  ASSERT_TRUE(files_.createFile("/big.plist", std::string(kPropertyListSizeLimit + 1, ' '), {}).ok());
+  ASSERT_TRUE(files_.createFile("/big.plist", std::string(kPropertyListFileSizeLimit + 1, ' '), {}).ok());
   EXPECT_EQ(readPropertyListFile(files_, "/big.plist").error().code(), EFBIG);
 }
 
@@ -513,7 +526,7 @@ TEST_F(PropertyListFile, StaysAsItWasWhenTheContentCannotBeWritten) {
   const Dictionary good{{"k", 7}};
   ASSERT_TRUE(writePropertyListFile(files_, "/list.plist", good, {}).ok());
   EXPECT_FALSE(writePropertyListFile(files_, "/list.plist", {{"k", "\x01"}}, {}).ok());
-  const Dictionary large{{"k", std::string(kPropertyListSizeLimit, 'x')}};
+  const Dictionary large{{"k", std::string(kPropertyListFileSizeLimit, 'x')}};
   EXPECT_EQ(writePropertyListFile(files_, "/list.plist", large, {}).error().code(), EFBIG);
   EXPECT_EQ(readPropertyListFile(files_, "/list.plist").value(), good);
 }

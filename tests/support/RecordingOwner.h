@@ -18,6 +18,9 @@ class RecordingOwner : public ServiceOwner {
   std::unique_ptr<NOTIFICATION_PLUGIN_MasterConfiguration> master;
   std::optional<std::string> hostDomain = "chat.example.com";
   std::optional<Dictionary> preferences = Dictionary{};
+  /// The domains of every service, and the services whose domains were asked for.
+  std::optional<std::vector<std::string>> domains = std::vector<std::string>{};
+  std::vector<std::string> domainsAsked;
   /// Every dictionary that was saved, in order.
   std::vector<Dictionary> saved;
 
@@ -26,7 +29,10 @@ class RecordingOwner : public ServiceOwner {
 
   NOTIFICATION_PLUGIN_MasterConfiguration* masterConfig() override { return master.get(); }
   std::optional<std::string> currentHostDomain() override { return hostDomain; }
-  std::vector<std::string> getDomainsForService(std::string_view /*name*/) override { return {}; }
+  std::optional<std::vector<std::string>> getDomainsForService(std::string_view name) override {
+    domainsAsked.emplace_back(name);
+    return domains;
+  }
   std::optional<Dictionary> loadPreferences() override { return preferences; }
   bool savePreferences(const Dictionary& changed) override {
     saved.push_back(changed);
