@@ -16,7 +16,9 @@ class Processes {
   /// it is unreadable or holds anything else.
   virtual pid_t pid_from_file(std::string_view path) = 0;
 
-  /// Non-zero when the pid file names a live process.
+  /// Non-zero when the pid file names a live process that goes by the file's name: the word that the name
+  /// begins with ("sm" of "sm_one.example.pid") is part of the process's name. Any other process was given
+  /// the number after the one that the file was written for had ended.
   virtual int get_service_state_from_pid_file(std::string_view path) = 0;
 
   /// Counts the running processes of a name into `count`. Negative, with errno set, when it cannot tell.

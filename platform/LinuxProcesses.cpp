@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <limits>
@@ -82,6 +83,11 @@ std::string_view withoutLineEnd(std::string_view text) {
   return text;
 }
 
+std::string firstWordOf(std::string_view text) {
+  const auto isPart = [](char character) { return std::isalnum(static_cast<unsigned char>(character)) != 0; };
+  return {text.begin(), std::ranges::find_if_not(text, isPart)};
+}
+
 }  // namespace
 
 LinuxProcesses::LinuxProcesses(FileSystem& files, std::string procPath)
@@ -94,8 +100,14 @@ pid_t LinuxProcesses::pid_from_file(std::string_view path) {
 }
 
 int LinuxProcesses::get_service_state_from_pid_file(std::string_view path) {
-  const pid_t pid = pid_from_file(path);
-  return pid > 0 && isLive(std::to_string(pid)) ? 1 : 0;
+  const pid_t number = pid_from_file(path);
+  const std::string pid = std::to_string(number);
+  if (number <= 0 || !isLive(pid)) return 0;
+  const std::string word = firstWordOf(lastPathComponent(path));
+  const auto names = namesOf(pid);
+  const bool isItsOwn = std::ranges::any_of(
+      names, [&](const std::string& name) { return name.find(word) != std::string::npos; });
+  return isItsOwn ? 1 : 0;
 }
 
 bool LinuxProcesses::isLive(const std::string& pid) const {
@@ -106,14 +118,17 @@ bool LinuxProcesses::isLive(const std::string& pid) const {
   return fieldOf(*status, "Tgid:") == pid && !state.empty() && state.front() != 'Z' && state.front() != 'X';
 }
 
-bool LinuxProcesses::goesByName(const std::string& pid, std::string_view name) const {
+std::array<std::string, 2> LinuxProcesses::namesOf(const std::string& pid) const {
   const std::string directory = procPath_ + "/" + pid;
-  const auto kernelName = readProcFile(directory + "/comm");
-  if (kernelName && withoutLineEnd(*kernelName) == name) return true;
-  const auto commandLine = readProcFile(directory + "/cmdline");
-  if (!commandLine) return false;
-  const std::string_view program = std::string_view(*commandLine).substr(0, commandLine->find('\0'));
-  return program.substr(program.rfind('/') + 1) == name;
+  const std::string kernelName = readProcFile(directory + "/comm").value_or("");
+  const std::string commandLine = readProcFile(directory + "/cmdline").value_or("");
+  const std::string program = commandLine.substr(0, commandLine.find('\0'));
+  return {std::string(withoutLineEnd(kernelName)), program.substr(program.rfind('/') + 1)};
+}
+
+bool LinuxProcesses::goesByName(const std::string& pid, std::string_view name) const {
+  const auto names = namesOf(pid);
+  return std::ranges::find(names, name) != names.end();
 }
 
 int LinuxProcesses::ec_is_daemon_running(std::string_view name, std::int32_t& count) {

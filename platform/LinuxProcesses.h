@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <string>
 
 #include "common/FileSystem.h"
@@ -27,6 +28,8 @@ class LinuxProcesses : public Processes {
 
  private:
   bool isLive(const std::string& pid) const;
+  /// The kernel's name for it, and the last part of its argument 0; empty what cannot be read.
+  std::array<std::string, 2> namesOf(const std::string& pid) const;
   bool goesByName(const std::string& pid, std::string_view name) const;
 
   FileSystem& files_;

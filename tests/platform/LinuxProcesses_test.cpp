@@ -72,9 +72,10 @@ class LinuxProcessesTest : public testing::Test {
     return processes.pid_from_file("/var/run/x.pid");
   }
 
-  int stateOf(const std::string& content) {
-    test.root.write("/var/run/x.pid", content);
-    return processes.get_service_state_from_pid_file("/var/run/x.pid");
+  // Of a pid file whose name the processes here go by: "test_..." is this one, "sleep" its children.
+  int stateOf(const std::string& content, const std::string& name = "sleep.pid") {
+    test.root.write("/var/run/" + name, content);
+    return processes.get_service_state_from_pid_file("/var/run/" + name);
   }
 
   std::int32_t count(LinuxProcesses& from, std::string_view name) {
@@ -113,10 +114,10 @@ TEST_F(LinuxProcessesTest, AMissingOrUnreadablePidFileNamesNoProcess) {
   EXPECT_EQ(processes.pid_from_file("/var/run/none.pid"), 0);
   test.root.makeDirectory("/var/run/folder.pid");
   EXPECT_EQ(processes.pid_from_file("/var/run/folder.pid"), 0);
-  test.root.write("/var/run/x.pid", std::to_string(::getpid()));
+  test.root.write("/var/run/test.pid", std::to_string(::getpid()));
   test.files.failAll("readFile", EACCES);
-  EXPECT_EQ(processes.pid_from_file("/var/run/x.pid"), 0);
-  EXPECT_EQ(processes.get_service_state_from_pid_file("/var/run/x.pid"), 0);
+  EXPECT_EQ(processes.pid_from_file("/var/run/test.pid"), 0);
+  EXPECT_EQ(processes.get_service_state_from_pid_file("/var/run/test.pid"), 0);
 }
 
 TEST_F(LinuxProcessesTest, ALiveProcessIsRunningAndAZombieIsNot) {
@@ -137,6 +138,21 @@ TEST_F(LinuxProcessesTest, AProcessThatIsGoneIsNotRunning) {
   EXPECT_EQ(stateOf("text"), 0);
 }
 
+TEST_F(LinuxProcessesTest, APidThatIsAnotherProgramsByNowIsNotRunning) {
+  const Child child;
+  const std::string pid = std::to_string(child.pid());
+  EXPECT_EQ(stateOf(pid, "router.pid"), 0);
+  EXPECT_EQ(stateOf(pid, "sleepless.pid"), 0);
+  EXPECT_EQ(stateOf(pid, "sleep_one.example.pid"), 1);
+  EXPECT_EQ(stateOf(pid, "lee.pid"), 1);
+}
+
+TEST_F(LinuxProcessesTest, TheProgramOfAPidFileIsKnownByItsArgumentZeroToo) {
+  const Child child("/bin/sleep", "/usr/libexec/jabberd2-router");
+  EXPECT_EQ(stateOf(std::to_string(child.pid()), "router.pid"), 1);
+  EXPECT_EQ(stateOf(std::to_string(child.pid()), "usr.pid"), 0);
+}
+
 TEST_F(LinuxProcessesTest, TheIdOfAThreadNamesNoProcess) {
   std::atomic<pid_t> thread = 0;
   std::atomic<bool> done = false;
@@ -146,8 +162,8 @@ TEST_F(LinuxProcessesTest, TheIdOfAThreadNamesNoProcess) {
     done.wait(false);
   });
   thread.wait(0);
-  EXPECT_EQ(stateOf(std::to_string(thread)), 0);
-  EXPECT_EQ(stateOf(std::to_string(::getpid())), 1);
+  EXPECT_EQ(stateOf(std::to_string(thread), "test.pid"), 0);
+  EXPECT_EQ(stateOf(std::to_string(::getpid()), "test.pid"), 1);
   done = true;
   done.notify_one();
   other.join();

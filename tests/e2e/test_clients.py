@@ -1,0 +1,105 @@
+"""XMPP clients of the running service, and what is told of it meanwhile."""
+
+import json
+import signal
+import sqlite3
+import subprocess
+
+import pytest
+
+from private_machine import wait_until
+from service import DATABASE
+
+DOMAINS = ["a.example.test", "b.example.test"]
+SERVICE_DIRECTORY = "/run/service/org.jabber.jabberd_notification"
+RUN_DIRECTORY = "/run/jabberd_notification"
+
+# Logs in in the clear, does the one thing that its second argument names, and says what came of it.
+_CLIENT = """
+import sys
+import slixmpp
+jid, action = sys.argv[1:]
+class Client(slixmpp.ClientXMPP):
+    def __init__(self):
+        super().__init__(jid, "secret of " + jid, sasl_mech="PLAIN")
+        self["feature_mechanisms"].unencrypted_plain = True
+        self.add_event_handler("session_start", self.begin)
+        self.add_event_handler("failed_all_auth", lambda _: self.end("refused"))
+    def end(self, text):
+        print(text, flush=True)
+        self.disconnect()
+    async def begin(self, _):
+        self.send_presence()
+        if action == "befriend":
+            await self.update_roster("friend@" + self.boundjid.host, name="A Friend", groups=["Close"])
+            self.end("befriended")
+        else:
+            await self.get_roster()
+            items = self.client_roster
+            self.end(", ".join(f"{each} {items[each]['name']} {items[each]['groups']}" for each in sorted(items)))
+client = Client()
+client.connect(("127.0.0.1", 5218), disable_starttls=True)
+client.process(forever=False)
+"""
+
+
+def client(machine, jid, action):
+    return machine.run("python3", "-c", _CLIENT, jid, action).stdout.strip()
+
+
+def add_user(machine, name, domain):
+    with sqlite3.connect(machine.outside(DATABASE)) as database:
+        database.execute("INSERT INTO authreg (username, realm, password) VALUES (?, ?, ?)",
+                         (name, domain, f"secret of {name}@{domain}"))
+
+
+def details(service):
+    return json.loads(service.tool("--json", "state", "--details").stdout)
+
+
+@pytest.fixture
+def running(service):
+    service.set(f"hostsCommaDelimitedString={','.join(DOMAINS)}", "authLevel=ANYMETHOD")
+    service.tool("start", check=False)
+    return service
+
+
+def test_a_restart_keeps_the_users_of_every_domain_and_their_data(running):
+    machine = running.machine
+    for domain in DOMAINS:
+        add_user(machine, "ann", domain)
+        assert client(machine, f"ann@{domain}", "befriend") == "befriended"
+    running.tool("restart", check=False)
+    for domain in DOMAINS:
+        assert client(machine, f"ann@{domain}", "list") == f"friend@{domain} A Friend ['Close']"
+
+
+def test_the_domains_share_no_users(running):
+    add_user(running.machine, "ann", DOMAINS[0])
+    assert client(running.machine, f"ann@{DOMAINS[1]}", "list") == "refused"
+
+
+def test_what_is_dead_is_never_said_to_run(running):
+    machine = running.machine
+    assert details(running)["jabberdState"] == "RUNNING"
+    machine.run("s6-svc", "-O", SERVICE_DIRECTORY)  # no new run after this one
+    launcher = machine.run("s6-svstat", "-o", "pid", SERVICE_DIRECTORY).stdout.strip()
+    machine.run("kill", f"-{int(signal.SIGKILL)}", launcher)
+    wait_until(lambda: machine.run("pgrep", "-u", "84", "-f", "jabberd2-", check=False).stdout == "", "the end of all")
+    assert list(machine.outside(RUN_DIRECTORY).glob("*.pid"))
+    assert details(running)["jabberdState"] == "STOPPED"
+    assert details(running)["state"] == "STOPPED"
+    assert details(running)["currentConnections"] == "0"
+
+
+def test_a_pid_file_that_names_another_program_does_not_count(service):
+    machine = service.machine
+    other = machine.popen("sleep", "1000", stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+    try:
+        pid = wait_until(lambda: machine.run("pgrep", "-x", "sleep", check=False).stdout.strip(), "the other program")
+        for name in ("router", "sm", "s2s", "c2s"):
+            machine.write(f"{RUN_DIRECTORY}/{name}.pid", pid, owner=(84, 84))
+        assert details(service)["jabberdState"] == "STOPPED"
+    finally:
+        other.kill()
+        other.wait()
