@@ -79,16 +79,20 @@ OwnerMap ownersForThisUser() {
 // How long a change of a unit may take before the wait for the service's own state goes on.
 constexpr double kUnitPatienceSeconds = 10;
 
+// How long a question to a tool of the machine may take.
+constexpr double kQuestionPatienceSeconds = 10;
+
 // The real parts of everything outside.
 struct RealPlatform {
   explicit RealPlatform(const HostConfiguration& configuration)
       : files(configuration.root, ownersForThisUser()),
         tasks(configuration.root, configuration.programsDirectory),
         unitTasks(configuration.root, configuration.programsDirectory, kUnitPatienceSeconds),
+        questionTasks(configuration.root, configuration.programsDirectory, kQuestionPatienceSeconds),
         services(chooseServiceManager(configuration, files, tasks, unitTasks, clock, log)),
         processes(files),
         hostNames(files),
-        network(chooseNetwork(configuration, files, log)),
+        network(chooseNetwork(configuration, files, questionTasks, log)),
         bundles(files) {}
 
   SystemSyslog syslog;
@@ -96,6 +100,7 @@ struct RealPlatform {
   PosixFileSystem files;
   PosixTasks tasks;
   PosixTasks unitTasks;
+  PosixTasks questionTasks;
   SystemClock clock;
   std::unique_ptr<ServiceManager> services;
   LinuxProcesses processes;

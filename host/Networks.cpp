@@ -5,8 +5,9 @@
 
 namespace tessard {
 
-std::unique_ptr<Network> chooseNetwork(const HostConfiguration& configuration, FileSystem& files, Log& log) {
-  if (configuration.root == "/") return std::make_unique<LinuxNetwork>(log);
+std::unique_ptr<Network> chooseNetwork(const HostConfiguration& configuration, FileSystem& files,
+                                       Tasks& tasks, Log& log) {
+  if (configuration.root == "/") return std::make_unique<LinuxNetwork>(tasks, log);
   return std::make_unique<OfflineNetwork>(files);
 }
 

@@ -10,7 +10,8 @@ namespace tessard {
 /// The network of a configuration: the machine's own for the system root "/". A daemon on any other root
 /// asks nothing of the machine's network and sends nothing; hosts are known from that root's table alone.
 ///
-/// All is borrowed and outlives the network.
-std::unique_ptr<Network> chooseNetwork(const HostConfiguration& configuration, FileSystem& files, Log& log);
+/// All is borrowed and outlives the network. `tasks` limit how long the machine's tools may take.
+std::unique_ptr<Network> chooseNetwork(const HostConfiguration& configuration, FileSystem& files,
+                                       Tasks& tasks, Log& log);
 
 }  // namespace tessard

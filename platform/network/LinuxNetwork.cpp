@@ -13,10 +13,8 @@ std::vector<std::string> LinuxNetwork::ZtGetAddressesForHostName(std::string_vie
   return std::move(*addresses);
 }
 
-bool LinuxNetwork::check_if_ports_are_restricted(const std::vector<PortItem>& /*ports*/,
-                                                 Array& restrictions) {
-  restrictions.clear();
-  return false;
+bool LinuxNetwork::check_if_ports_are_restricted(const std::vector<PortItem>& ports, Array& restrictions) {
+  return restrictions_.check(ports, restrictions);
 }
 
 std::unique_ptr<PortMappingSet> LinuxNetwork::ZtCreateSimplePortMappingsSet(std::uint16_t port, int protocol,

@@ -114,10 +114,10 @@ TEST_F(ServiceManagerChoice, IsSystemdByItselfOnlyWhereItRunsAndOnTheMachinesRoo
 TEST(NetworkChoice, OnlyADaemonOnTheMachinesRootAsksTheMachinesNetwork) {
   TestPlatform test;
   HostConfiguration configuration;
-  const auto machines = chooseNetwork(configuration, test.files, test.log);
+  const auto machines = chooseNetwork(configuration, test.files, test.tasks, test.log);
   EXPECT_TRUE(dynamic_cast<LinuxNetwork*>(machines.get()));
   configuration.root = "/srv/scratch";
-  const auto scratch = chooseNetwork(configuration, test.files, test.log);
+  const auto scratch = chooseNetwork(configuration, test.files, test.tasks, test.log);
   EXPECT_TRUE(dynamic_cast<OfflineNetwork*>(scratch.get()));
 }
 

@@ -14,6 +14,7 @@
 #include "tests/support/NetworkNamespace.h"
 #include "tests/support/RecordingLog.h"
 #include "tests/support/ScratchRoot.h"
+#include "tests/support/ScriptedTasks.h"
 
 namespace tessard {
 namespace {
@@ -23,7 +24,8 @@ using testing::IsEmpty;
 
 TEST(LinuxNetwork, AsksTheMachinesResolver) {
   RecordingLog log;
-  LinuxNetwork network(log);
+  ScriptedTasks tasks;
+  LinuxNetwork network(tasks, log);
   EXPECT_THAT(network.ZtGetAddressesForHostName("192.0.2.7", 60), ElementsAre("192.0.2.7"));
   EXPECT_THAT(network.ZtGetAddressesForHostName("", 60), IsEmpty());
   EXPECT_THAT(log.messages(), IsEmpty());
@@ -53,7 +55,8 @@ Finding askASilentNameServer(const ScratchRoot& root) {
   if (bind(server.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return kNotPrepared;
 
   RecordingLog log;
-  LinuxNetwork network(log);
+  ScriptedTasks tasks;
+  LinuxNetwork network(tasks, log);
   const auto begin = std::chrono::steady_clock::now();
   if (!network.ZtGetAddressesForHostName("chat.example.com", 0.5).empty()) return kAnswered;
   if (std::chrono::steady_clock::now() - begin > kLongBeforeTheResolver) return kTooLate;
