@@ -10,8 +10,14 @@ from places import ACCOUNT
 
 _LIBC = ctypes.CDLL(None, use_errno=True)
 _PR_SET_PDEATHSIG = 1
+_PR_SET_NAME = 15
 _PR_SET_NO_NEW_PRIVS = 38
 _ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8", "LC_ALL": "C.UTF-8"}
+
+
+def go_by_name(name):
+    """The kernel's name for this process from now on, at most 15 bytes."""
+    _LIBC.prctl(_PR_SET_NAME, name.encode(), 0, 0, 0)
 
 
 @contextlib.contextmanager

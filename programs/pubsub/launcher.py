@@ -11,7 +11,7 @@ import subprocess
 import time
 
 import cluster
-from account import start_part
+from account import go_by_name, start_part
 from places import BAD_SETTINGS, CLUSTER, DATA, LOCK, LOST_PART, PID_FILE, START_FAILED, STOPPED, SYSTEM_REFUSED
 from status import Status
 
@@ -282,5 +282,7 @@ def _tell_systemd(state):
 
 
 def main(say, wish, notify_descriptor):
+    # A pid file counts when its process goes by its name.
+    go_by_name("Beaconry")
     launcher = Launcher(say, notify_descriptor)
     return launcher.prepare() if wish == "prepare" else launcher.run()

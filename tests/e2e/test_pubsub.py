@@ -23,10 +23,10 @@ KILLS = 5
 
 
 def pubsub_beside_jabberd(service):
-    """Settings and a router that runs; the service was never started."""
+    """The daemon's own settings and a router that runs; the service was never started."""
     made = Pubsub(service)
-    made.write_settings()
     service.set("authLevel=ANYMETHOD")
+    assert service.machine.outside(SETTINGS).stat().st_uid == 84
     made.start_router()
     return made
 
@@ -85,6 +85,7 @@ def test_the_first_start_makes_the_database_and_the_router_has_the_component(new
     # At once: the start returns when the router has accepted the component.
     assert re.search(rf"router\[\d+\]: \[{re.escape(ADDRESS)}\] online", machine.system_log())
     assert machine.read(PID_FILE) == str(new.pid())
+    assert machine.run("cat", f"/proc/{new.pid()}/comm").stdout == "Beaconry\n"
     seen = machine.outside(PID_FILE).stat()
     assert (seen.st_uid, stat.S_IMODE(seen.st_mode)) == (0, 0o644)
     assert {new.pid_of("component"), new.pid_of("PostgreSQL")} <= set(new.parts())
