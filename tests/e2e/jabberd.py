@@ -1,9 +1,12 @@
 """Runs the real jabberd components in a private machine and tells whether they work."""
 
+import contextlib
 import re
+import sqlite3
 import subprocess
 
 from private_machine import CONFIGURATION, wait_until
+from service import DATABASE
 
 _STREAM = ("<stream:stream xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams' "
            "version='1.0' to='%s'>")
@@ -22,6 +25,52 @@ while b"</stream:features>" not in answer and b"</stream:stream>" not in answer:
     answer += piece
 print(answer.decode())
 """
+
+
+# A client that logs in, says so, and stays until its standard input ends. It is given its address and, to log in
+# over TLS, the file of its authorities.
+_LOGIN_CLIENT = """
+import asyncio, sys
+import slixmpp
+jid, *authorities = sys.argv[1:]
+class Client(slixmpp.ClientXMPP):
+    def __init__(self):
+        super().__init__(jid, "secret of " + jid, sasl_mech="PLAIN")
+        if authorities:
+            self.ca_certs = authorities[0]
+        else:
+            self["feature_mechanisms"].unencrypted_plain = True
+        self.add_event_handler("session_start", self.begin)
+        self.add_event_handler("failed_all_auth", lambda _: print("refused", flush=True))
+    async def begin(self, _):
+        self.send_presence()
+        await self.get_roster()
+        print("here as", self.boundjid.bare, flush=True)
+        await asyncio.get_event_loop().run_in_executor(None, sys.stdin.read)
+        self.disconnect()
+client = Client()
+client.connect(("127.0.0.1", 5218), disable_starttls=not authorities)
+client.process(forever=False)
+"""
+
+
+def add_user(machine, name, domain):
+    """Gives jabberd an account whose password is "secret of " and its address."""
+    with sqlite3.connect(machine.outside(DATABASE)) as database:
+        database.execute("INSERT INTO authreg (username, realm, password) VALUES (?, ?, ?)",
+                         (name, domain, f"secret of {name}@{domain}"))
+
+
+@contextlib.contextmanager
+def logged_in(machine, jid, authorities=None):
+    """A real client that has logged in, until the end of the with statement."""
+    client = machine.popen("python3", "-c", _LOGIN_CLIENT, jid, *([authorities] if authorities else []),
+                           stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    try:
+        assert client.stdout.readline() == f"here as {jid}\n"
+        yield client
+    finally:
+        client.communicate(timeout=30)
 
 
 def components_of(master):

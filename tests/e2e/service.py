@@ -40,12 +40,12 @@ class Service:
     def settings(self):
         return json.loads(self.tool("--json", "settings", "get").stdout)
 
-    def post(self, request, sent=JSON, accepted=JSON):
+    def post(self, request, sent=JSON, accepted=JSON, path="/v1/plugins/notification"):
         """Sends a request dictionary in one form and returns the answer, read from the other."""
         body = json.dumps(request).encode() if sent == JSON else plistlib.dumps(request)
         connection = _Connection(self.machine.outside(SOCKET))
         try:
-            connection.request("POST", "/v1/plugins/notification", body,
+            connection.request("POST", path, body,
                                {"Content-Type": sent, "Accept": accepted})
             answer = connection.getresponse()
             text = answer.read()

@@ -3,14 +3,12 @@
 import json
 import re
 import signal
-import sqlite3
 import subprocess
 
 import pytest
 
-from jabberd import Jabberd
+from jabberd import Jabberd, add_user, logged_in
 from private_machine import CONFIGURATION, wait_until
-from service import DATABASE
 
 LABEL = "org.jabber.jabberd_notification"
 SERVICE_DIRECTORY = f"/run/service/{LABEL}"
@@ -302,41 +300,12 @@ def test_the_launcher_explains_itself_and_refuses_what_it_does_not_know(machine)
     assert launch(machine, "--config", "/etc/none.cfg").returncode == BAD_FILES
 
 
-# A client that logs in in the clear, says so, and stays until its standard input ends.
-_CLIENT = """
-import asyncio, sys
-import slixmpp
-class Client(slixmpp.ClientXMPP):
-    def __init__(self, jid):
-        super().__init__(jid, "secret of " + jid, sasl_mech="PLAIN")
-        self["feature_mechanisms"].unencrypted_plain = True
-        self.add_event_handler("session_start", self.begin)
-        self.add_event_handler("failed_all_auth", lambda _: print("refused", flush=True))
-    async def begin(self, _):
-        self.send_presence()
-        await self.get_roster()
-        print("here as", self.boundjid.bare, flush=True)
-        await asyncio.get_event_loop().run_in_executor(None, sys.stdin.read)
-        self.disconnect()
-client = Client(sys.argv[1])
-client.connect(("127.0.0.1", 5218), disable_starttls=True)
-client.process(forever=False)
-"""
-
-
 def test_a_client_logs_in_and_is_counted(two_domains):
     machine = two_domains.machine
     two_domains.set("authLevel=ANYMETHOD")
-    with sqlite3.connect(machine.outside(DATABASE)) as database:
-        database.execute("INSERT INTO authreg (username, realm, password) VALUES ('ann', ?, ?)",
-                         (DOMAINS[1], f"secret of ann@{DOMAINS[1]}"))
+    add_user(machine, "ann", DOMAINS[1])
     start(two_domains)
     wait_until(lambda: details(two_domains)["currentConnections"] == "0", "the end of the probes")
-    client = machine.popen("python3", "-c", _CLIENT, f"ann@{DOMAINS[1]}", stdin=subprocess.PIPE,
-                           stdout=subprocess.PIPE, text=True)
-    try:
-        assert client.stdout.readline() == f"here as ann@{DOMAINS[1]}\n"
+    with logged_in(machine, f"ann@{DOMAINS[1]}"):
         assert details(two_domains)["currentConnections"] == "1"
-    finally:
-        client.communicate(timeout=30)
     wait_until(lambda: details(two_domains)["currentConnections"] == "0", "no connection")

@@ -123,3 +123,62 @@ def test_events_are_taken(plugin):
     change = {"hasHostChanged": True, "oldHost": "push.example.com", "newHost": "new.example.com"}
     answer = plugin.post(change, path="/v1/events/network-change")
     assert answer.json == {"plugins": ["notification"]}
+
+
+def filesOf(root):
+    """Every file's content but the daemon's own."""
+    return {
+        file.relative_to(root): file.read_bytes()
+        for folder in ("etc", "Library", "var/jabberd")
+        for file in (root / folder).rglob("*")
+        if file.is_file()
+    }
+
+
+def changeIP(daemon, arguments, **others):
+    configuration = {"changeip": arguments, **others}
+    return daemon.post(
+        {"command": "writeSettings", "configuration": configuration},
+        path="/v1/plugins/notification?with=log",
+    ).json
+
+
+@pytest.mark.parametrize(
+    "arguments, problem",
+    [
+        ("new.example.com", "the arguments must be a dictionary of "),
+        (["new.example.com"], "the arguments must be a dictionary of "),
+        (7, "the arguments must be a dictionary of "),
+        ({}, 'neither "newHost" nor "newAddress" is given'),
+        ({"oldHost": "push.example.com", "oldAddress": "192.0.2.1"}, 'neither "newHost" nor "newAddress" is given'),
+        ({"newHost": ""}, '"newHost" is not a host name: ""'),
+        ({"newHost": "new..example"}, '"newHost" is not a host name: "new..example"'),
+        ({"newHost": "new.example.com\n"}, '"newHost" is not a host name: '),
+        ({"newHost": "x" * 64 + ".example"}, '"newHost" is not a host name: '),
+        ({"newHost": ["new.example.com"]}, '"newHost" must be a string'),
+        ({"newHost": "new.example.com", "oldHost": False}, '"oldHost" must be a string'),
+        ({"newHost": "new.example.com", "oldHost": "bad name"}, '"oldHost" is not a host name: "bad name"'),
+        ({"newAddress": "new.example.com"}, '"newAddress" is not an IP address: "new.example.com"'),
+        ({"newAddress": "192.0.2.1/24"}, '"newAddress" is not an IP address: "192.0.2.1/24"'),
+        ({"newAddress": "192.0.2.1", "oldAddress": {}}, '"oldAddress" must be a string'),
+    ],
+)
+def test_a_malformed_change_of_address_is_refused_with_its_reason(plugin, pluginRoot, arguments, problem):
+    plugin.tool("setup")
+    before = filesOf(pluginRoot)
+    shown = changeIP(plugin, arguments, jabberdS2SPort=1)
+    assert shown["answer"] == {"error": "INVALID_ARG_ERR"}
+    assert [line["level"] for line in shown["log"]] == ["error"]
+    assert shown["log"][0]["message"].startswith("settings refused: " + problem)
+    assert filesOf(pluginRoot) == before
+
+
+def test_a_change_of_address_replaces_the_domain_and_writes_no_other_setting(plugin):
+    plugin.tool("setup")
+    before = ask(plugin, "readSettings")["configuration"]
+    shown = changeIP(plugin, {"oldHost": "push.example.com", "newHost": "new.example.com"}, jabberdS2SPort=1)
+    assert shown["log"] == []
+    assert (shown["answer"]["writeStatus"], shown["answer"]["needsRecycleOrRestart"]) == (0, True)
+    after = shown["answer"]["configuration"]
+    assert after["hosts"] == ["new.example.com"]
+    assert after["jabberdS2SPort"] == before["jabberdS2SPort"]
