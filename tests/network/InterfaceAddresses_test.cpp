@@ -40,6 +40,7 @@ bool isReadable(int descriptor, short events) {
 
 std::vector<std::string> textsOf(const std::vector<InterfaceAddress>& addresses) {
   std::vector<std::string> texts;
+  texts.reserve(addresses.size());
   for (const InterfaceAddress& address : addresses) texts.push_back(address.text);
   return texts;
 }
