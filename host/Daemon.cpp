@@ -92,7 +92,7 @@ struct RealPlatform {
         services(chooseServiceManager(configuration, files, tasks, unitTasks, clock, log)),
         processes(files),
         hostNames(files),
-        network(chooseNetwork(configuration, files, questionTasks, log)),
+        network(chooseNetwork(configuration, files, questionTasks, log, syslog)),
         bundles(files) {}
 
   SystemSyslog syslog;

@@ -18,7 +18,7 @@ namespace {
 using TextMember = std::string HostConfiguration::*;
 using NumberMember = std::uint32_t HostConfiguration::*;
 
-enum class Content { absolutePath, name, number, serviceManager };
+enum class Content { absolutePath, name, number, portMapping, serviceManager };
 
 struct Setting {
   std::string_view key;
@@ -31,7 +31,7 @@ struct Setting {
 
 constexpr std::uint32_t kDaySeconds = 86'400;
 
-const std::array<Setting, 13> kSettings = {{
+const std::array<Setting, 14> kSettings = {{
     {"root", Content::absolutePath, &HostConfiguration::root, 0, 0, false},
     {"config", Content::absolutePath, &HostConfiguration::configurationFile, 0, 0, false},
     {"socket", Content::absolutePath, &HostConfiguration::socketPath},
@@ -40,6 +40,7 @@ const std::array<Setting, 13> kSettings = {{
     {"programs", Content::absolutePath, &HostConfiguration::programsDirectory},
     {"service-manager", Content::serviceManager, &HostConfiguration::serviceManager},
     {"s6-scan-directory", Content::absolutePath, &HostConfiguration::s6ScanDirectory},
+    {"port-mapping", Content::portMapping, &HostConfiguration::portMapping},
     {"idle-seconds", Content::number, &HostConfiguration::idleSeconds, 0, kDaySeconds},
     {"request-seconds", Content::number, &HostConfiguration::requestSeconds, 1, kDaySeconds},
     {"queue-seconds", Content::number, &HostConfiguration::queueSeconds, 0, kDaySeconds},
@@ -73,6 +74,10 @@ std::optional<std::string> apply(HostConfiguration& configuration, const Setting
   }
   if (setting.content == Content::serviceManager && value != "systemd" && value != "s6" && value != "none") {
     return fill("\"%@\" must be systemd, s6 or none, not \"%@\"", {setting.key, value});
+  }
+  if (setting.content == Content::portMapping && value != "off" && value != "natpmp" && value != "upnp" &&
+      value != "auto") {
+    return fill("\"%@\" must be off, natpmp, upnp or auto, not \"%@\"", {setting.key, value});
   }
   configuration.*std::get<TextMember>(setting.member) = value;
   return std::nullopt;
@@ -204,6 +209,10 @@ std::string daemonHelp() {
          "                         where it runs and the root is /, none otherwise)\n"
          "  --s6-scan-directory DIR\n"
          "                         directory that s6-svscan watches (default /run/service)\n"
+         "  --port-mapping METHOD  how the gateway is asked to forward port 5268 to this machine while the\n"
+         "                         services run: natpmp, upnp, auto (natpmp, else upnp) or off; only where "
+         "the\n"
+         "                         root is / (default off: nothing is sent)\n"
          "  --idle-seconds N       time without requests until idle work, 0 for never (default 60)\n"
          "  --request-seconds N    time for a client to send a request or take an answer (default 30)\n"
          "  --queue-seconds N      time that a request may wait for another one to end (default 120)\n"

@@ -21,6 +21,9 @@ struct HostConfiguration {
   /// "systemd", "s6" or "none"; empty for what the machine has (see `chooseServiceManager`).
   std::string serviceManager;
   std::string s6ScanDirectory = "/run/service";
+  /// How the gateway is asked to map ports to this machine: "off" (it is not), "natpmp", "upnp", or "auto"
+  /// for the first of them that it knows.
+  std::string portMapping = "off";
   std::uint32_t idleSeconds = 60;     ///< without a request until the plug-ins' idle work; 0: never
   std::uint32_t requestSeconds = 30;  ///< for a client to send one request, or to take one answer
   std::uint32_t queueSeconds = 120;   ///< that a request may wait for the work slot

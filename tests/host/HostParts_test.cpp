@@ -46,6 +46,7 @@ TEST(HostConfiguration, KnowsEverySettingOfTheHelp) {
                                               "programs = /p\n"
                                               "service-manager = s6\n"
                                               "s6-scan-directory = /s\n"
+                                              "port-mapping = auto\n"
                                               "idle-seconds = 0\n"
                                               "request-seconds = 2\n"
                                               "queue-seconds = 3\n"
@@ -59,6 +60,7 @@ TEST(HostConfiguration, KnowsEverySettingOfTheHelp) {
   EXPECT_EQ(configuration.programsDirectory, "/p");
   EXPECT_EQ(configuration.serviceManager, "s6");
   EXPECT_EQ(configuration.s6ScanDirectory, "/s");
+  EXPECT_EQ(configuration.portMapping, "auto");
   EXPECT_EQ(configuration.idleSeconds, 0U);
   EXPECT_EQ(configuration.requestSeconds, 2U);
   EXPECT_EQ(configuration.queueSeconds, 3U);
@@ -80,6 +82,24 @@ TEST(HostConfiguration, TakesThreeServiceManagersAndNoOther) {
   }
   EXPECT_FALSE(applyConfigurationText(configuration, "service-manager =", "x.conf"));
   EXPECT_FALSE(applyConfigurationText(configuration, "s6-scan-directory = run", "x.conf"));
+}
+
+TEST(HostConfiguration, MapsPortsByThreeMethodsAndByItselfNot) {
+  HostConfiguration configuration;
+  EXPECT_EQ(configuration.portMapping, "off");
+  for (const std::string name : {"natpmp", "upnp", "auto", "off"}) {
+    const auto line = readCommandLine({"--root", "/nowhere", "--port-mapping", name});
+    ASSERT_TRUE(line.ok());
+    EXPECT_EQ(line.value().configuration.portMapping, name);
+  }
+  for (const std::string name : {"on", "UPNP", "pcp"}) {
+    const auto applied = applyConfigurationText(configuration, "port-mapping = " + name, "x.conf");
+    ASSERT_FALSE(applied.ok());
+    EXPECT_EQ(applied.error().description(),
+              "x.conf, line 1: \"port-mapping\" must be off, natpmp, upnp or auto, not \"" + name + "\"");
+  }
+  EXPECT_FALSE(applyConfigurationText(configuration, "port-mapping =", "x.conf"));
+  EXPECT_EQ(configuration.portMapping, "off");
 }
 
 class ServiceManagerChoice : public testing::Test {
@@ -114,10 +134,10 @@ TEST_F(ServiceManagerChoice, IsSystemdByItselfOnlyWhereItRunsAndOnTheMachinesRoo
 TEST(NetworkChoice, OnlyADaemonOnTheMachinesRootAsksTheMachinesNetwork) {
   TestPlatform test;
   HostConfiguration configuration;
-  const auto machines = chooseNetwork(configuration, test.files, test.tasks, test.log);
+  const auto machines = chooseNetwork(configuration, test.files, test.tasks, test.log, test.log);
   EXPECT_TRUE(dynamic_cast<LinuxNetwork*>(machines.get()));
   configuration.root = "/srv/scratch";
-  const auto scratch = chooseNetwork(configuration, test.files, test.tasks, test.log);
+  const auto scratch = chooseNetwork(configuration, test.files, test.tasks, test.log, test.log);
   EXPECT_TRUE(dynamic_cast<OfflineNetwork*>(scratch.get()));
 }
 

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "platform/FileDescriptor.h"
+#include "platform/PosixFileSystem.h"
 #include "tests/support/NetworkNamespace.h"
 #include "tests/support/RecordingLog.h"
 #include "tests/support/ScratchRoot.h"
@@ -23,9 +24,11 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 TEST(LinuxNetwork, AsksTheMachinesResolver) {
+  const ScratchRoot root;
   RecordingLog log;
   ScriptedTasks tasks;
-  LinuxNetwork network(tasks, log);
+  PosixFileSystem files(root.path());
+  LinuxNetwork network(files, tasks, log);
   EXPECT_THAT(network.ZtGetAddressesForHostName("192.0.2.7", 60), ElementsAre("192.0.2.7"));
   EXPECT_THAT(network.ZtGetAddressesForHostName("", 60), IsEmpty());
   EXPECT_THAT(log.messages(), IsEmpty());
@@ -56,7 +59,8 @@ Finding askASilentNameServer(const ScratchRoot& root) {
 
   RecordingLog log;
   ScriptedTasks tasks;
-  LinuxNetwork network(tasks, log);
+  PosixFileSystem files(root.path());
+  LinuxNetwork network(files, tasks, log);
   const auto begin = std::chrono::steady_clock::now();
   if (!network.ZtGetAddressesForHostName("chat.example.com", 0.5).empty()) return kAnswered;
   if (std::chrono::steady_clock::now() - begin > kLongBeforeTheResolver) return kTooLate;
