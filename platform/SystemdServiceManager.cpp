@@ -19,13 +19,18 @@ bool namesUnit(std::string_view label) {
          label.find_first_not_of(kLetters) == std::string_view::npos;
 }
 
+// The last line that names a cause. systemctl begins with the links that it makes and ends with where to read
+// more about a job that failed.
 std::string reasonFor(const TaskResult& result) {
   if (result.status == kTookTooLong) return "systemctl still waits for it";
-  std::string said = result.errorText;
-  while (said.ends_with('\n')) said.pop_back();
-  const auto last = said.rfind('\n');
-  if (last != std::string::npos) said.erase(0, last + 1);
-  return said.empty() ? fill("systemctl ended with status %d", {result.status}) : said;
+  std::string_view said = result.errorText;
+  while (!said.empty()) {
+    const auto before = said.find_last_of('\n', said.size() - 1);
+    const std::string_view line = before == std::string_view::npos ? said : said.substr(before + 1);
+    if (!line.empty() && !line.starts_with("See \"systemctl")) return std::string(line);
+    said = before == std::string_view::npos ? std::string_view() : said.substr(0, before);
+  }
+  return fill("systemctl ended with status %d", {result.status});
 }
 
 }  // namespace

@@ -85,15 +85,15 @@ TEST_F(SystemdServiceManagerTest, ALabelThatIsNoUnitNameNeverReachesSystemctl) {
   EXPECT_FALSE(test.root.exists("/usr/bin/calls"));
 }
 
-TEST_F(SystemdServiceManagerTest, TheLastThingThatSystemctlComplainsOfIsLogged) {
-  test.root.write("/usr/bin/broken", "Created symlink.\nJob failed. See \"journalctl -xe\".\n");
+TEST_F(SystemdServiceManagerTest, TheLastCauseThatSystemctlComplainsOfIsLogged) {
+  test.root.write("/usr/bin/broken",
+                  "Created symlink.\nJob failed.\nSee \"systemctl status x\" for details.\n\n");
   EXPECT_FALSE(services.SetLaunchDaemonServiceState(kLabel, true));
   test.root.write("/usr/bin/broken", "");
   EXPECT_FALSE(services.SetLaunchDaemonServiceState(kLabel, false));
   EXPECT_THAT(
       test.log.messages(kLogError),
-      ElementsAre("the unit \"org.jabber.jabberd_notification.service\" could not be started: Job failed. "
-                  "See \"journalctl -xe\".",
+      ElementsAre("the unit \"org.jabber.jabberd_notification.service\" could not be started: Job failed.",
                   "the unit \"org.jabber.jabberd_notification.service\" could not be stopped: systemctl "
                   "ended with status 1"));
 }
