@@ -4,6 +4,8 @@
 
 #include <cstdio>
 
+#include "platform/SystemSyslog.h"
+
 namespace tessard {
 
 void HostLog::notice(const std::string& sentence) {
@@ -15,7 +17,7 @@ void HostLog::error(const std::string& sentence) {
 }
 
 void HostLog::say(int priority, const std::string& sentence) {
-  std::fprintf(stderr, "tessardd: %s\n", sentence.c_str());
+  if (!standardErrorIsJournal()) std::fprintf(stderr, "tessardd: %s\n", sentence.c_str());
   syslog_.write(priority, "%s", sentence);
 }
 

@@ -6,7 +6,8 @@
 
 namespace tessard {
 
-/// What the daemon has to say about itself: one sentence at a time, to standard error and to the system log.
+/// What the daemon has to say about itself: one sentence at a time, to the system log and to
+/// standard error, unless both are the journal.
 class HostLog {
  public:
   explicit HostLog(Syslog& syslog) : syslog_(syslog) {}

@@ -11,4 +11,8 @@ class SystemSyslog : public Syslog {
   void write(int priority, const char* format, const std::string& line) override;
 };
 
+/// Whether standard error leads to the journal, which has the lines of the system log too: a sentence that
+/// goes to both would stand there twice.
+bool standardErrorIsJournal();
+
 }  // namespace tessard

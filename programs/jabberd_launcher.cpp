@@ -13,6 +13,7 @@
 #include <exception>
 #include <string>
 
+#include "platform/SystemSyslog.h"
 #include "programs/launcher/Launcher.h"
 #include "programs/launcher/LauncherOptions.h"
 
@@ -24,7 +25,7 @@ using namespace tessard;
 constexpr rlim_t kOpenFiles = 65536;
 
 void say(const std::string& sentence) {
-  std::fprintf(stderr, "jabberd_launcher: %s\n", sentence.c_str());
+  if (!standardErrorIsJournal()) std::fprintf(stderr, "jabberd_launcher: %s\n", sentence.c_str());
   ::syslog(LOG_NOTICE, "%s", sentence.c_str());
 }
 
