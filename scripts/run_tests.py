@@ -12,8 +12,10 @@ import xml.etree.ElementTree as tree
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
+import systemd_machine
+
 PROJECT = Path(__file__).resolve().parent.parent
-NAMES = {"unit": "unit", "host": "host", "e2e": "end to end"}
+NAMES = {"unit": "unit", "host": "host", "e2e": "end to end", "systemd": "systemd"}
 
 
 class Count:
@@ -107,10 +109,15 @@ def main():
     build = chosen.build.resolve()
     kinds = [kind for kind in NAMES if kind not in chosen.without and chosen.only in (None, kind)]
     begin = time.monotonic()
-    counts = {}
+    counts, left_out = {}, []
     with tempfile.TemporaryDirectory() as scratch:
         for kind in kinds:
             print(f"{NAMES[kind]} tests", flush=True)
+            if kind == "systemd":
+                reason = systemd_machine.obstacle(lambda sentence: print(f"  {sentence}", flush=True))
+                if reason is not None:
+                    left_out.append(f"systemd tests are left out: {reason}")
+                    continue
             counts[kind] = (run_unit(build, scratch) if kind == "unit"
                             else run_python(kind, build, scratch, chosen.expression))
     total = Count()
@@ -121,6 +128,7 @@ def main():
     parts = ", ".join(f"{NAMES[kind]} {count.run}" for kind, count in counts.items())
     if total.skipped:
         parts += f"; {len(total.skipped)} skipped: {', '.join(total.skipped)}"
+    parts = "; ".join(filter(None, [parts, *left_out]))
     seconds = round(time.monotonic() - begin)
     if total.failed:
         print(f"FAILED: {len(total.failed)} of {total.run} tests ({parts}) in {seconds} s: {', '.join(total.failed)}")

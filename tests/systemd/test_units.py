@@ -1,0 +1,213 @@
+"""The shipped units on a machine that systemd runs: what an installation starts, stops, restarts and boots with."""
+
+import json
+import re
+
+import pytest
+
+from jabberd import Jabberd, logged_in
+from private_machine import CONFIGURATION, HOST_NAME, wait_until
+from service import DATABASE
+
+JABBERD = "org.jabber.jabberd_notification"
+UNITS = ["tessardd", JABBERD]
+RUN_DIRECTORY = "/run/jabberd_notification"
+# Exit status of tessardctl when the state is not the one asked for.
+NOT_AS_WANTED = 69
+
+
+def start(service):
+    # The state as a whole may need more than jabberd.
+    service.tool("start", check=False)
+    assert state_of_jabberd(service) == "RUNNING"
+
+
+def state_of_jabberd(service):
+    return json.loads(service.tool("--json", "state", "--details").stdout)["jabberdState"]
+
+
+def unit(machine, name=JABBERD):
+    seen = machine.unit(name)
+    return seen["ActiveState"], seen["UnitFileState"]
+
+
+def components(machine):
+    """Kind -> pid of every component that runs, by its number inside."""
+    rows = machine.run("ps", "-u", "84", "-o", "pid=,stat=,comm=", check=False).stdout.splitlines()
+    words = [row.split() for row in rows]
+    return {name.removeprefix("jabberd2-"): int(pid) for pid, stat, name in words
+            if name.startswith("jabberd2-") and not stat.startswith("Z")}
+
+
+def pid_files(machine):
+    return sorted(file.name for file in machine.outside(RUN_DIRECTORY).glob("*.pid"))
+
+
+def assert_serves(machine):
+    assert sorted(components(machine)) == ["c2s", "router", "s2s", "sm"]
+    assert "<stream:features" in Jabberd(machine).greet(HOST_NAME)
+
+
+def assert_nothing_runs(machine):
+    assert components(machine) == {}
+    assert pid_files(machine) == []
+
+
+def wait_for_next_run(machine, before):
+    """Until the unit has become ready with another main process than in `before`."""
+    def is_ready():
+        seen = machine.unit(JABBERD)
+        return seen["ActiveState"] == "active" and seen["MainPID"] != before["MainPID"]
+    wait_until(is_ready, "the next run of jabberd")
+
+
+def status_of(machine, pid):
+    return dict(line.split(":", 1) for line in machine.read(f"/proc/{pid}/status").splitlines())
+
+
+def open_files(machine, pid):
+    """The soft and the hard limit of a process."""
+    found = re.search(r"^Max open files +(\d+) +(\d+) ", machine.read(f"/proc/{pid}/limits"), re.MULTILINE)
+    return int(found[1]), int(found[2])
+
+
+def test_systemd_finds_no_fault_in_the_units(machine):
+    checked = machine.run("systemd-analyze", "verify", "--man=no", *(f"{name}.service" for name in UNITS))
+    assert (checked.stdout, checked.stderr) == ("", "")
+
+
+def test_a_fresh_installation_runs_the_daemon_and_nothing_else(machine):
+    assert machine.system_state() == "running"
+    assert unit(machine, "tessardd") == ("active", "enabled")
+    assert unit(machine) == ("inactive", "disabled")
+    assert machine.run("id", "-u", "jabberd").stdout == "84\n"
+    assert machine.run("tessardctl", "health").returncode == 0
+    # The socket is for root and the administrators' group alone.
+    administrators = machine.run("getent", "group", "tessard-admin").stdout.split(":")[2]
+    assert machine.run("tessardctl", "state", user=65534, groups=[administrators]).stdout == "state: STOPPED\n"
+    assert machine.run("tessardctl", "state", user=65534, check=False).returncode != 0
+
+
+def test_a_start_serves_clients_and_a_stop_leaves_nothing_behind(service):
+    machine = service.machine
+    service.set("authLevel=ANYMETHOD")
+    machine.run("sqlite3", DATABASE, "INSERT INTO authreg (username, realm, password) "
+                f"VALUES ('ann', '{HOST_NAME}', 'secret of ann@{HOST_NAME}')")
+    start(service)
+    assert_serves(machine)
+    assert pid_files(machine) == ["c2s.pid", "router.pid", "s2s.pid", "sm.pid"]
+    assert unit(machine) == ("active", "enabled")
+    with logged_in(machine.network, f"ann@{HOST_NAME}"):
+        pass
+
+    assert service.tool("stop").stdout == "state: STOPPED\n"
+    assert_nothing_runs(machine)
+    assert unit(machine) == ("inactive", "disabled")
+    assert machine.unit(JABBERD)["Result"] == "success"
+    assert machine.system_state() == "running"
+
+
+def test_the_components_have_no_more_rights_than_they_need(service):
+    machine = service.machine
+    start(service)
+    for pid in components(machine).values():
+        status = status_of(machine, pid)
+        assert status["Uid"].split() == status["Gid"].split() == ["84"] * 4
+        assert (int(status["CapEff"], 16), int(status["CapPrm"], 16)) == (0, 0)
+        assert status["NoNewPrivs"].strip() == "1"
+        # The machine itself may be allowed less.
+        assert open_files(machine, pid) == (min(65536, open_files(machine, 1)[1]),) * 2
+    launcher = machine.unit(JABBERD)["MainPID"]
+    # chown, dac_override, fowner, fsetid, kill, setgid, setuid
+    assert int(status_of(machine, launcher)["CapBnd"], 16) == 0b11111011
+    # A /tmp of their own, and nobody's home.
+    machine.write("/tmp/of-the-machine", "")
+    machine.write("/home/of-somebody", "")
+    seen = machine.run("nsenter", "--target", launcher, "--mount", "ls", "-A", "/tmp", "/home")
+    assert "of-" not in seen.stdout
+
+
+@pytest.mark.parametrize("victim", ["router", "sm", "s2s", "c2s", "launcher"])
+def test_what_is_killed_comes_back_with_all_others(service, victim):
+    machine = service.machine
+    start(service)
+    before, pids = machine.unit(JABBERD), components(machine)
+    machine.run("kill", "-KILL", before["MainPID"] if victim == "launcher" else pids[victim])
+    wait_for_next_run(machine, before)
+    assert machine.unit(JABBERD)["NRestarts"] == "1"
+    assert not set(components(machine).values()) & set(pids.values())
+    assert_serves(machine)
+    assert pid_files(machine) == ["c2s.pid", "router.pid", "s2s.pid", "sm.pid"]
+    assert state_of_jabberd(service) == "RUNNING"
+
+
+def test_a_broken_file_makes_the_start_fail_and_leaves_the_unit_off(service):
+    """Lives through the minute which a start is given."""
+    machine = service.machine
+    place = f"{CONFIGURATION}/sm.xml"
+    sound = machine.read(place)
+    machine.write(place, sound.replace("<driver>sqlite</driver>", "<driver>nonesuch</driver>"), 0o600, (84, 0))
+    failed = service.tool("start", check=False, timeout=200)
+    assert failed.returncode == NOT_AS_WANTED
+    assert (f'error: the unit "{JABBERD}.service" could not be started: Job for {JABBERD}.service failed because the '
+            "control process exited with error code.\n") in failed.stderr
+    assert "warning: some jabberd processes failed to start\n" in failed.stderr
+    assert_nothing_runs(machine)
+    assert state_of_jabberd(service) == "STOPPED"
+    assert unit(machine) == ("failed", "disabled")
+    assert machine.unit(JABBERD)["NRestarts"] == "0"
+    said = machine.journal("--identifier=jabberd_notification/launcher")
+    assert re.fullmatch(r"The component sm \(sm\.xml\) has ended with exit status \d+\.", said[0])
+    assert said[1:] == ["The start has failed: the other components are stopped.", "The instance has stopped."]
+    # Each line stands there once, although the launcher also speaks to people at a terminal.
+    assert machine.journal(f"--unit={JABBERD}").count(said[-1]) == 1
+    assert not [line for line in machine.journal(f"--unit={JABBERD}") if line.startswith("jabberd_launcher: ")]
+
+    machine.write(place, sound, 0o600, (84, 0))
+    start(service)
+    assert_serves(machine)
+    assert machine.system_state() == "running"
+
+
+def test_a_machine_boots_with_what_was_started_and_without_what_was_stopped(service):
+    machine = service.machine
+    start(service)
+    machine.run("touch", f"{RUN_DIRECTORY}/of-the-last-boot")
+    machine.reboot()
+    assert unit(machine) == ("active", "enabled")
+    assert not machine.outside(f"{RUN_DIRECTORY}/of-the-last-boot").exists()  # it was made again
+    status = machine.outside(RUN_DIRECTORY).stat()
+    assert (status.st_uid, status.st_gid, status.st_mode & 0o7777) == (84, 1, 0o755)
+    assert_serves(machine)
+    assert state_of_jabberd(service) == "RUNNING"
+    service.tool("stop")
+
+    machine.reboot()
+    assert unit(machine) == ("inactive", "disabled")
+    assert components(machine) == {}
+    assert service.tool("state").stdout == "state: STOPPED\n"
+
+
+def test_jabberd_runs_on_without_the_daemon(service):
+    machine = service.machine
+    start(service)
+    before = components(machine)
+    machine.run("systemctl", "stop", "tessardd.service")
+    assert machine.unit("tessardd")["Result"] == "success"
+    assert not machine.outside("/run/tessardd").exists()
+    assert components(machine) == before
+    assert_serves(machine)
+    machine.run("systemctl", "start", "tessardd.service")
+    assert state_of_jabberd(service) == "RUNNING"
+    assert components(machine) == before
+
+
+def test_a_daemon_that_is_killed_comes_back_and_leaves_jabberd_alone(service):
+    machine = service.machine
+    start(service)
+    before, jabberd = machine.unit("tessardd")["MainPID"], components(machine)
+    machine.run("kill", "-KILL", before)
+    wait_until(lambda: machine.unit("tessardd")["MainPID"] not in ("0", before)
+               and machine.unit("tessardd")["ActiveState"] == "active", "the next daemon")
+    assert state_of_jabberd(service) == "RUNNING"
+    assert components(machine) == jabberd
