@@ -241,6 +241,27 @@ def test_a_component_that_does_not_come_up_ends_the_others(service, name, old, n
     assert_nothing_runs(service.machine)
 
 
+# Takes a port of this machine and holds it until its standard input ends.
+_HOLDER = """
+import socket, sys
+holder = socket.create_server(("0.0.0.0", int(sys.argv[1])))
+print("held", flush=True)
+sys.stdin.read()
+"""
+
+
+@pytest.mark.parametrize("port, kind", [(5347, "router"), (5218, "c2s"), (5268, "s2s")])
+def test_a_port_that_is_taken_makes_the_start_fail(service, port, kind):
+    with service.machine.popen("python3", "-c", _HOLDER, port, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                               text=True) as holder:
+        assert holder.stdout.readline() == "held\n"
+        result = launch(service.machine)
+        holder.stdin.close()
+    assert result.returncode == START_FAILED
+    assert f"The component {kind} has ended with exit status" in result.stderr
+    assert_nothing_runs(service.machine)
+
+
 def test_a_start_that_takes_too_long_is_given_up(service):
     # Nobody may talk to c2s, so it cannot be seen to serve its domain.
     text = service.machine.read(f"{CONFIGURATION}/c2s.xml")
