@@ -64,12 +64,15 @@ struct PortMapper::Shared {
       } else if (const Clock::time_point due = next->second.due; due > Clock::now()) {
         changed.wait_until(lock, due);
       } else {
-        carryOut(lock, next->first, next->second);
+        // A copy: while the gateway is asked something else may be wished for.
+        const std::uint16_t port = next->first;
+        const Wish asked = next->second;
+        carryOut(lock, port, asked);
       }
     }
   }
 
-  void carryOut(std::unique_lock<std::mutex>& lock, std::uint16_t port, const Wish asked) {
+  void carryOut(std::unique_lock<std::mutex>& lock, std::uint16_t port, const Wish& asked) {
     lock.unlock();
     const GatewayAnswer answer = ask(port, asked.enable ? times.leaseSeconds : 0);
     lock.lock();
