@@ -13,6 +13,7 @@ _PR_SET_PDEATHSIG = 1
 _PR_SET_NAME = 15
 _PR_SET_NO_NEW_PRIVS = 38
 _ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8", "LC_ALL": "C.UTF-8"}
+_HANDED_DOWN = ("JOURNAL_STREAM",)
 
 
 def go_by_name(name):
@@ -37,7 +38,7 @@ def as_account():
 
 
 def start_part(arguments, directory="/", **options):
-    """Starts a program as the account, with nothing of our environment and no right to gain others. The kernel
+    """Starts a program as the account, with next to nothing of our environment and no right to gain others. The kernel
     kills it when this process ends, however that happens. OSError when it cannot be started."""
     parent = os.getpid()
 
@@ -47,5 +48,6 @@ def start_part(arguments, directory="/", **options):
                 or _LIBC.prctl(_PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 or os.getppid() != parent):
             os._exit(126)
 
-    return subprocess.Popen(arguments, cwd=directory, env=_ENVIRONMENT, stdin=subprocess.DEVNULL, umask=0o077,
+    environment = _ENVIRONMENT | {name: os.environ[name] for name in _HANDED_DOWN if name in os.environ}
+    return subprocess.Popen(arguments, cwd=directory, env=environment, stdin=subprocess.DEVNULL, umask=0o077,
                             user=ACCOUNT, group=ACCOUNT, extra_groups=[], preexec_fn=before_the_program, **options)

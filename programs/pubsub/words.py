@@ -15,11 +15,13 @@ _ENOUGH = 8 << 20
 
 
 class Say:
-    """Says sentences as one program. What `hide` was told never leaves it."""
+    """Says sentences as one program. What `hide` was told never leaves it. Standard error is left out where it leads
+    to the journal, which has the lines of the system log too."""
 
     def __init__(self, program):
         self._program = program
         self._hidden = []
+        self._alone = _standard_error_is_journal()
         # The word that administrators filter the system log by is in the identity.
         syslog.openlog(f"pubsub_notification/{program}", syslog.LOG_PID, syslog.LOG_LOCAL3)
 
@@ -45,10 +47,18 @@ class Say:
             # Clients have a say in some of what is logged.
             line = "".join(each if each.isprintable() else "?" for each in line)
             syslog.syslog(level, line)
-            if aloud:
+            if aloud and not self._alone:
                 with contextlib.suppress(OSError):
                     print(f"pubsub {self._program}: {line}", file=sys.stderr, flush=True)
         return text
+
+
+def _standard_error_is_journal():
+    # The variable is handed down to programs whose standard error is another too: so the file itself counts.
+    with contextlib.suppress(OSError):
+        seen = os.fstat(sys.stderr.fileno())
+        return os.environ.get("JOURNAL_STREAM") == f"{seen.st_dev}:{seen.st_ino}"
+    return False
 
 
 def _append_to_error_log(text):

@@ -322,6 +322,16 @@ def test_settings_that_cannot_be_used_start_nothing(stopped, values, sentence):
     assert (status["state"], status["reason"]) == ("failed", "The component has said why it cannot be started.")
 
 
+def test_no_sentence_stands_in_the_journal_twice(stopped):
+    stopped.write_settings(domain=None)
+    # As systemd starts it: standard error is a file that the variable names by device and inode.
+    result = stopped.machine.run("sh", "-c", f"exec 2>/tmp/journal; JOURNAL_STREAM=$(stat -c %d:%i /tmp/journal) {LAUNCHER}",
+                                 check=False)
+    assert result.returncode == BAD_SETTINGS
+    assert stopped.machine.read("/tmp/journal") == ""
+    assert 'Nothing is started: "domain" is missing.' in stopped.says("component")
+
+
 def test_without_a_settings_file_the_service_stays_down(stopped):
     place = stopped.machine.outside(SETTINGS)
     for content, sentence in ((None, f'there is no settings file "{SETTINGS}"'), (b"x", f'"{SETTINGS}" is not a property list'),
