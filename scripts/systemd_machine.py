@@ -170,6 +170,7 @@ class SystemdMachine:
                             ("sysusers.d", "usr/lib/sysusers.d"), ("tmpfiles.d", "usr/lib/tmpfiles.d")):
             if (PROJECT / "share" / name).is_dir():
                 _copy(PROJECT / "share" / name, root / place)
+        _copy(PROJECT / "programs/pubsub", root / "usr/libexec/tessardd/pubsub")
         for directory in (PROJECT / "programs", self.build / "programs", self.build / "libexec"):
             for program in sorted(directory.iterdir()) if directory.is_dir() else ():
                 if program.is_file() and os.access(program, os.X_OK):

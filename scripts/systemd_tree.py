@@ -19,7 +19,7 @@ PACKAGES = (
     # the system
     "systemd systemd-sysv dbus util-linux procps "
     # what our programs are linked with and what they run
-    "libexpat1 libplist3 libmicrohttpd12 libunistring2 libsystemd0 libmnl0 libuser1 libsqlite3-0 libssl3 openssl sqlite3 python3 "
+    "libexpat1 libplist3 libmicrohttpd12 libunistring2 libsystemd0 libmnl0 libminiupnpc17 libnatpmp1 libuser1 libsqlite3-0 libssl3 openssl sqlite3 python3 "
     "adduser passwd iproute2 nftables jabberd2 libervia-pubsub postgresql-15 "
     # what tests look with
     "acl bsdutils"

@@ -10,7 +10,8 @@ from private_machine import CONFIGURATION, HOST_NAME, wait_until
 from service import DATABASE
 
 JABBERD = "org.jabber.jabberd_notification"
-UNITS = ["tessardd", JABBERD]
+PUBSUB = "com.velto.Beaconry"
+UNITS = ["tessardd", JABBERD, PUBSUB]
 RUN_DIRECTORY = "/run/jabberd_notification"
 # Exit status of tessardctl when the state is not the one asked for.
 NOT_AS_WANTED = 69
@@ -211,3 +212,28 @@ def test_a_daemon_that_is_killed_comes_back_and_leaves_jabberd_alone(service):
                and machine.unit("tessardd")["ActiveState"] == "active", "the next daemon")
     assert state_of_jabberd(service) == "RUNNING"
     assert components(machine) == jabberd
+
+
+def test_the_publish_subscribe_service_runs_beside_jabberd_and_comes_back(service):
+    machine = service.machine
+    service.set("authLevel=ANYMETHOD")  # writes the settings of that service too
+    start(service)
+    if machine.unit(PUBSUB)["ActiveState"] != "active":
+        machine.run("systemctl", "enable", "--now", f"{PUBSUB}.service")
+    assert unit(machine, PUBSUB) == ("active", "enabled")
+    assert service.tool("state").stdout == "state: RUNNING\n"
+
+    before = machine.unit(PUBSUB)["MainPID"]
+    machine.run("pkill", "-KILL", "-u", "84", "-f", "/component.py ")
+    wait_until(lambda: machine.unit(PUBSUB)["MainPID"] not in ("0", before)
+               and unit(machine, PUBSUB)[0] == "active", "the next run")
+    assert service.tool("state").stdout == "state: RUNNING\n"
+
+    machine.reboot()
+    assert unit(machine, PUBSUB) == ("active", "enabled")
+    assert service.tool("state").stdout == "state: RUNNING\n"
+
+    machine.run("systemctl", "disable", "--now", f"{PUBSUB}.service")
+    assert machine.unit(PUBSUB)["Result"] == "success"
+    assert machine.run("pgrep", "-u", "84", "postgres", check=False).stdout == ""
+    assert state_of_jabberd(service) == "RUNNING"
