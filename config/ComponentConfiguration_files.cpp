@@ -1,6 +1,7 @@
 #include "common/DurableReplace.h"
 #include "common/Format.h"
 #include "config/ComponentConfiguration.h"
+#include "config/FileMoments.h"
 #include "config/ServiceAccount.h"
 
 namespace tessard {
@@ -31,16 +32,16 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::loadDocument() {
 }
 
 void NOTIFICATION_PLUGIN_ComponentConfiguration::keepDocumentAsSaved(FileTime now) {
-  loadTime_ = now;
+  loadTime_ = momentOfLook(platform_.files, *configPath_, now);
   logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
 }
 
 void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(FileTime now) {
+  loadTime_ = momentOfLook(platform_.files, *configPath_, now);
   auto bytes = platform_.files.readFile(*configPath_, kMaximumFileSize);
   auto parsed =
       bytes ? XmlDocument::parse(std::move(bytes).value()) : Result<XmlDocument>(SystemError(bytes.error()));
   configDirty_ = false;
-  loadTime_ = now;
   if (parsed) {
     setConfigXMLDocument(std::move(parsed).value());
     logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");

@@ -180,7 +180,6 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
 
  private:
   bool masterFileChanged() const;
-  FileTime momentOfSave() const;
   void takeConfigLine(const std::string& line);
 
   Platform& platform_;

@@ -1,26 +1,11 @@
-#include <cstdint>
-
 #include "common/DurableReplace.h"
 #include "common/Format.h"
+#include "config/FileMoments.h"
 #include "config/MasterConfiguration.h"
 #include "config/MasterFileLines.h"
 #include "config/ServiceAccount.h"
 
 namespace tessard {
-
-namespace {
-
-// Kernels that date files more finely than the coarse clock can date one up to a tick of that clock ahead of
-// it (10 ms where the timer runs at 100 Hz). The file that was just saved must not look newer than its save.
-constexpr std::int64_t kClockTick = 10'000'000;
-
-std::int64_t nanosecondsBetween(FileTime from, FileTime to) {
-  // Differences of a second and more are all too long, and must not overflow.
-  if (to.seconds - from.seconds > 1) return 2 * std::int64_t{1'000'000'000};
-  return (to.seconds - from.seconds) * 1'000'000'000 + (to.nanoseconds - from.nanoseconds);
-}
-
-}  // namespace
 
 void NOTIFICATION_PLUGIN_MasterConfiguration::copyCachedConfigurationCommentsToString(
     std::string& text) const {
@@ -61,16 +46,9 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::saveMasterConfiguration() {
   static_cast<void>(
       platform_.files.setOwnership(backupPathFor(configPath_), kConfigurationFileOwnership).ok());
   configDirty_ = false;
-  loadTime_ = momentOfSave();
+  loadTime_ = momentOfLook(platform_.files, configPath_, platform_.clock.now());
   logDebug_source(fill("%@ saved.", {kMasterFileName}), "");
   return true;
-}
-
-FileTime NOTIFICATION_PLUGIN_MasterConfiguration::momentOfSave() const {
-  const FileTime now = platform_.clock.now();
-  const auto file = platform_.files.attributes(configPath_);
-  if (!file || file.value().modified <= now) return now;
-  return nanosecondsBetween(now, file.value().modified) <= kClockTick ? file.value().modified : now;
 }
 
 bool NOTIFICATION_PLUGIN_MasterConfiguration::saveAllConfigurations() {

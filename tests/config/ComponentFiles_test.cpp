@@ -129,6 +129,21 @@ TEST(LoadingAComponent, TheLoadTimeIsTakenBeforeTheFileIsOpened) {
   EXPECT_TRUE(sm->documentChangedSinceLastLoad());
 }
 
+TEST(LoadingAComponent, AFileDatedATickAheadOfTheClockIsNotNewerThanItsLoadAndWhatIsEditedStays) {
+  for (const auto& [clock, changed] :
+       {std::pair(FileTime{5000, 990'000'000}, false), std::pair(FileTime{5000, 989'000'000}, true),
+        std::pair(FileTime{4990, 999'999'999}, true)}) {
+    TestPlatform platform;
+    platform.root.write(kSm, "<sm><id>old</id></sm>");
+    platform.root.setModified(kSm, {5000, 999'999'999});
+    platform.clock.time = clock;
+    const auto sm = Component::componentConfigurationForName_andPath(platform, "sm", kSm);
+    sm->setStringValue_forPath_nodeState("edited", "sm.id", kNodeLive);
+    EXPECT_TRUE(sm->loadDocument());
+    EXPECT_EQ(sm->getNodeValueForPath("sm.id"), changed ? "old" : "edited") << clock.nanoseconds;
+  }
+}
+
 TEST(LoadingAComponent, AnExternalChangeThatIsMalformedLeavesNoDocument) {
   OneComponent sm("<sm/>");
   sm.platform.root.write(kSm, "<sm");

@@ -1,0 +1,27 @@
+#include "config/FileMoments.h"
+
+#include <cstdint>
+
+namespace tessard {
+
+namespace {
+
+// Of the coarse clock, where the timer runs at 100 Hz, the slowest.
+constexpr std::int64_t kTickNanoseconds = 10'000'000;
+
+bool isWithinATick(FileTime from, FileTime to) {
+  // Longer differences are all too long, and must not overflow.
+  if (to.seconds - from.seconds > 1) return false;
+  return (to.seconds - from.seconds) * 1'000'000'000 + (to.nanoseconds - from.nanoseconds) <=
+         kTickNanoseconds;
+}
+
+}  // namespace
+
+FileTime momentOfLook(FileSystem& files, std::string_view path, FileTime now) {
+  const auto file = files.attributes(path);
+  if (!file || file.value().modified <= now) return now;
+  return isWithinATick(now, file.value().modified) ? file.value().modified : now;
+}
+
+}  // namespace tessard
