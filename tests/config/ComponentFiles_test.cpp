@@ -344,6 +344,7 @@ TEST(ReloadingAfterASave, IsReportedAsAChangeButReadsAndParsesNothing) {
   sm.platform.log.clear();
   sm.platform.files.clearCalls();
   sm.platform.clock.setToMachine();
+  sm.platform.clock.time.seconds += 1;
   EXPECT_TRUE(sm->loadDocument());
   EXPECT_THAT(sm.platform.files.calls("readFile"), IsEmpty());
   EXPECT_EQ(sm->getRootNode(), root);
