@@ -106,6 +106,16 @@ std::optional<Array> NOTIFICATION_PLUGIN_ChatServiceAtom::getConfiguredServices(
   return std::nullopt;
 }
 
+std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceAtom::addServiceWithRequest(
+    const Dictionary& /*request*/) {
+  return std::nullopt;
+}
+
+std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceAtom::removeServiceWithRequest(
+    const Dictionary& /*request*/) {
+  return std::nullopt;
+}
+
 void NOTIFICATION_PLUGIN_ChatServiceAtom::handleChangeIPRequest(const NetworkChangeContext& /*context*/) {}
 
 void NOTIFICATION_PLUGIN_ChatServiceAtom::handleNetworkChanged(const NetworkChangeContext& /*context*/) {}

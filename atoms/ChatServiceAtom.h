@@ -62,6 +62,9 @@ class NOTIFICATION_PLUGIN_ChatServiceAtom : public Object {
   virtual std::optional<std::vector<std::string>> getServiceConnectedUserNames();
   /// The client services that are configured; absent where a service has no such list. Here: absent.
   virtual std::optional<Array> getConfiguredServices();
+  /// Change that list as a request asks and answer what became of it. Here: absent.
+  virtual std::optional<Dictionary> addServiceWithRequest(const Dictionary& request);
+  virtual std::optional<Dictionary> removeServiceWithRequest(const Dictionary& request);
   /// Called between loading and saving all configurations after a change of address or name. Here: nothing.
   virtual void handleChangeIPRequest(const NetworkChangeContext& context);
   virtual void handleNetworkChanged(const NetworkChangeContext& context);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+
 #include "common/FileSystem.h"
 #include "config/ServiceAccount.h"
 
@@ -14,6 +16,11 @@ extern const char* const kNotificationDefaultConfigFilePath;
 extern const char* const kBundleConfigFilePath;
 extern const char* const kKorvBridgeLaunchdLabel;
 }
+
+inline constexpr const char* kNotificationLaunchdLabel = "com.velto.Beaconry";
+inline constexpr const char* kNotificationPidFilePath = "/var/run/Beaconry.pid";
+inline constexpr std::array<const char*, 2> kNotificationDatabasePaths = {"/var/db/idavoll/pubsub.db",
+                                                                          "/var/db/idavoll/items.db"};
 
 /// Readable by the group of whoever writes it and by nobody else: it holds the router's secret.
 inline constexpr FileOwnership kNotificationConfigOwnership = {kServiceAccountOwner, std::nullopt, 0660};

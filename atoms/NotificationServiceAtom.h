@@ -39,6 +39,29 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   bool writeServiceConfiguration_error(const SettingsDictionary* settings, int& error) override;
   /// One setting of a write: stored when it is this service's. A null value is skipped.
   void writeValue_forKey_inSettings(const Value* value, const std::string& key, SettingsDictionary& settings);
+  /// "JABBER_LOG" and "PUBSUB_ERROR_LOG".
+  std::optional<Dictionary> getServiceLogPaths() override;
+  /// False: this service archives nothing.
+  bool archiveServiceLogs() override;
+  /// Running when the process of the pid file is.
+  int getServiceState() override;
+  /// Starts the service and then, when it is switched on, the bridge; stops the bridge and then the service.
+  /// Only the service's own change can fail.
+  bool setServiceState(int state) override;
+  void handleNetworkChanged(const NetworkChangeContext& context) override;
+  /// Removes the databases when the host has changed.
+  void handleChangeIPRequest(const NetworkChangeContext& context) override;
+
+  /// The list of the bundle configuration file; empty when there is none.
+  std::optional<Array> getConfiguredServices() override;
+  /// Adds the request, without its "command", unless an equal entry is there. {"configuredServices"}: the
+  /// list as it is to be. Where the file cannot be read, or made with the defaults of the preferences, it
+  /// stays as it is and the list is empty; that and a failed write are error lines.
+  std::optional<Dictionary> addServiceWithRequest(const Dictionary& request) override;
+  /// Removes the entries with the "service" and the host ("hostName", whatever it is called) of the request.
+  /// Answer and failures like those of adding.
+  std::optional<Dictionary> removeServiceWithRequest(const Dictionary& request) override;
+
   /// Puts the host name and the router's secret into an existing settings file. True when it was rewritten.
   bool updateConfigFile(const std::optional<std::string>& host);
   void logConfigCreationError(const std::string& reason);
@@ -51,6 +74,10 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   std::optional<std::string> servedDomain(const char* warning);
   void keepSettings(const Result<Dictionary>& stored, const SettingsDictionary& merged);
   void updateHostFrom(const SettingsDictionary& settings);
+  std::optional<Dictionary> bundleConfigurationToChange();
+  void keepServices(Dictionary configuration, const Array& services);
+  void removeService_ofHost(const std::string& service, const std::string& hostName, Array& services);
+  void takeNewHostFrom(const NetworkChangeContext& context);
 
   std::unique_ptr<std::mutex> settingsDictLock_;
   std::optional<Dictionary> hostCache_;

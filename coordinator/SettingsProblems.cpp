@@ -74,7 +74,7 @@ constexpr const char* kSwitch = "true or false";
 constexpr const char* kText = "a string";
 constexpr const char* kTexts = "a list of strings";
 
-constexpr std::array<SettingKind, 20> kKinds = {{
+constexpr std::array<SettingKind, 27> kKinds = {{
     {"hosts", isListOfTexts, kTexts},
     {"hostsCommaDelimitedString", isText, kText},
     {"sslKeyFile", isText, kText},
@@ -95,6 +95,13 @@ constexpr std::array<SettingKind, 20> kKinds = {{
     {"jabberdClientPortTLS", isPort, kPort},
     {"jabberdClientPortSSL", isPort, kPort},
     {"jabberdS2SPort", isPort, kPort},
+    {"jid", isText, kText},
+    {"domain", isText, kText},
+    {"secret", isText, kText},
+    {"connectAsClient", isSwitch, kSwitch},
+    {"korvbridgeEnabled", isSwitch, kSwitch},
+    {"korvbridgePort", isPort, kPort},
+    {"privilegedUsers", isListOfTexts, kTexts},
 }};
 
 bool holdsOnlyXmlText(const Value& value) {
@@ -136,6 +143,17 @@ std::optional<std::string> problemWithHosts(const SettingsDictionary& filtered) 
   for (const std::string& host : hosts) {
     if (host.empty()) return "\"hostsCommaDelimitedString\" has an empty entry";
     if (host.size() > kLongestDomain) return fill("a host name is longer than %lu bytes", {kLongestDomain});
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> problemWithServiceRequest(const Dictionary& request) {
+  for (const char* key : {"service", "hostName"}) {
+    const std::string* text = request.stringFor(key);
+    if (!text || text->empty()) return fill("\"%@\" must be a string that is not empty", {key});
+  }
+  if (!holdsOnlyXmlText(Value(request))) {
+    return "the request holds characters that no configuration file can hold";
   }
   return std::nullopt;
 }

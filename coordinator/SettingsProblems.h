@@ -16,4 +16,8 @@ std::optional<std::string> problemWithSettings(const SettingsDictionary& setting
 /// that cannot be a domain. The comma-separated form counts where both are there.
 std::optional<std::string> problemWithHosts(const SettingsDictionary& filtered);
 
+/// What is wrong with a request to add or remove a client service: "service" and "hostName" must be texts,
+/// and everything in it text that a configuration file can hold.
+std::optional<std::string> problemWithServiceRequest(const Dictionary& request);
+
 }  // namespace tessard

@@ -66,6 +66,12 @@ PluginRequestHandler::Operation NOTIFICATION_PLUGIN_ChatHandler::operationForCom
     operation = [this](const Dictionary& request) { return writeSettingsWithRequest(request); };
   } else if (command == "initialSetup") {
     operation = [this](const Dictionary& request) { return initialSetupWithRequest(request); };
+  } else if (command == "getConfiguredServices") {
+    operation = [this](const Dictionary& request) { return getConfiguredServicesWithRequest(request); };
+  } else if (command == "addService") {
+    operation = [this](const Dictionary& request) { return addServiceWithRequest(request); };
+  } else if (command == "removeService") {
+    operation = [this](const Dictionary& request) { return removeServiceWithRequest(request); };
   } else {
     return operation;
   }
@@ -90,7 +96,8 @@ void NOTIFICATION_PLUGIN_ChatHandler::runCatching(const std::string& what,
 }
 
 bool NOTIFICATION_PLUGIN_ChatHandler::commandChangesState(std::string_view command) {
-  return command == "setState" || command == "writeSettings" || command == "initialSetup";
+  return command == "setState" || command == "writeSettings" || command == "initialSetup" ||
+         command == "addService" || command == "removeService";
 }
 
 int NOTIFICATION_PLUGIN_ChatHandler::doIdleAtCount(int /*count*/) {

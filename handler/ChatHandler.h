@@ -56,6 +56,12 @@ class NOTIFICATION_PLUGIN_ChatHandler : public PluginRequestHandler {
   /// is loaded.
   Dictionary writeSettingsWithRequest(const Dictionary& request);
   Dictionary initialSetupWithRequest(const Dictionary& request);
+  /// {"configuredServices"}, or an empty dictionary before the service data is there.
+  Dictionary getConfiguredServicesWithRequest(const Dictionary& request);
+  /// What the notification atom answers. A request without "service" or "hostName" is answered with
+  /// "INVALID_ARG_ERR".
+  std::optional<Dictionary> addServiceWithRequest(const Dictionary& request);
+  std::optional<Dictionary> removeServiceWithRequest(const Dictionary& request);
 
  private:
   /// What both forms of the state answer are made of.
@@ -67,6 +73,8 @@ class NOTIFICATION_PLUGIN_ChatHandler : public PluginRequestHandler {
   /// Does the work; what it throws becomes an error line, "%@ failed: %@", and goes no further.
   void runCatching(const std::string& what, const std::function<void()>& work) const;
   bool passGate();
+  NOTIFICATION_PLUGIN_ChatServiceAtom* notificationAtom() const;
+  std::optional<Dictionary> refusalOfServiceRequest(const Dictionary& request) const;
   void addDetails(RunningState running, Dictionary& answer);
   std::string startedTime(RunningState running);
   std::string currentConnections(RunningState running);

@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "atoms/NotificationPaths.h"
 #include "common/Format.h"
 #include "common/Text.h"
 #include "handler/ChatHandler.h"
@@ -9,8 +10,6 @@ namespace tessard {
 
 namespace {
 
-constexpr const char* kPublishSubscribeLabel = "com.velto.Beaconry";
-constexpr const char* kPublishSubscribePidFile = "/var/run/Beaconry.pid";
 constexpr std::int64_t kMicrosecondsPerSecond = 1000000;
 // Error numbers of services travel in sixteen bits.
 constexpr int kServiceErrorMask = 0xFFFF;
@@ -40,7 +39,7 @@ Dictionary NOTIFICATION_PLUGIN_ChatHandler::getStateWithRequest(const Dictionary
     return responseForError_serviceError("CANNOT_STAT_ERR", reason & kServiceErrorMask);
   }
   const RunningState running{jabberdState == ServiceStateRunning,
-                             platform_.services.GetLaunchDaemonServiceState(kPublishSubscribeLabel)};
+                             platform_.services.GetLaunchDaemonServiceState(kNotificationLaunchdLabel)};
   Dictionary answer{{"state", runningWord(running.jabberd && running.publishSubscribe)}};
   if (!wantsDetails(request)) return answer;
   if (!ready) {
@@ -65,7 +64,7 @@ void NOTIFICATION_PLUGIN_ChatHandler::addDetails(RunningState running, Dictionar
   const bool restricted = platform_.network.check_if_ports_are_restricted(portsToCheck(), restrictions);
   answer.set("servicePortsAreRestricted", restricted ? "YES" : "NO");
   answer.set("servicePortsRestrictionInfo", restrictions);
-  auto* notification = serviceWrangler_->serviceAtomForName("Notification");
+  auto* notification = notificationAtom();
   const auto services = notification ? notification->getConfiguredServices() : std::nullopt;
   if (!services) return;
   answer.set("configuredServices", *services);
@@ -74,7 +73,7 @@ void NOTIFICATION_PLUGIN_ChatHandler::addDetails(RunningState running, Dictionar
 
 std::string NOTIFICATION_PLUGIN_ChatHandler::startedTime(RunningState running) {
   if (!running.publishSubscribe) return "";
-  const pid_t pid = platform_.processes.pid_from_file(kPublishSubscribePidFile);
+  const pid_t pid = platform_.processes.pid_from_file(kNotificationPidFilePath);
   if (pid <= 0) return "";
   const std::int64_t seconds = platform_.processes.start_time_in_seconds(pid);
   return describeDate(Date{seconds * kMicrosecondsPerSecond});

@@ -44,6 +44,9 @@ class RecordingAtom : public NOTIFICATION_PLUGIN_ChatServiceAtom {
   std::optional<Dictionary> connectedUsers;
   std::optional<std::vector<std::string>> connectedUserNames;
   std::optional<Array> configuredServices;
+  /// What changing the client services answers, and the requests that asked for it.
+  std::optional<Dictionary> serviceAnswer = Dictionary{{"configuredServices", Array{}}};
+  std::vector<Dictionary> serviceRequests;
   std::vector<NetworkChangeContext> networkChanges;
   std::vector<NetworkChangeContext> changeIPRequests;
   /// What archiving logs does.
@@ -100,6 +103,16 @@ class RecordingAtom : public NOTIFICATION_PLUGIN_ChatServiceAtom {
     return connectedUserNames;
   }
   std::optional<Array> getConfiguredServices() override { return configuredServices; }
+  std::optional<Dictionary> addServiceWithRequest(const Dictionary& request) override {
+    note("addService");
+    serviceRequests.push_back(request);
+    return serviceAnswer;
+  }
+  std::optional<Dictionary> removeServiceWithRequest(const Dictionary& request) override {
+    note("removeService");
+    serviceRequests.push_back(request);
+    return serviceAnswer;
+  }
   void handleNetworkChanged(const NetworkChangeContext& context) override {
     note("handleNetworkChanged");
     networkChanges.push_back(context);

@@ -10,13 +10,16 @@ namespace {
 
 using testing::IsEmpty;
 
-constexpr const char* kPorts[] = {"jabberdClientPortTLS", "jabberdClientPortSSL", "jabberdS2SPort"};
+constexpr const char* kPorts[] = {"jabberdClientPortTLS", "jabberdClientPortSSL", "jabberdS2SPort",
+                                  "korvbridgePort"};
 constexpr const char* kDays[] = {"eventLogArchiveInterval", "savedChatsArchiveInterval"};
 constexpr const char* kSwitches[] = {"enableAutoBuddy",    "enableXMPP",       "requireSecureS2S",
-                                     "s2sRestrictDomains", "enableSavedChats", "initialized"};
-constexpr const char* kTexts[] = {"hostsCommaDelimitedString", "sslKeyFile",         "sslCAFile", "logLevel",
-                                  "savedChatsLocation",        "jabberdDatabasePath"};
-constexpr const char* kLists[] = {"hosts", "s2sAllowedDomains"};
+                                     "s2sRestrictDomains", "enableSavedChats", "initialized",
+                                     "connectAsClient",    "korvbridgeEnabled"};
+constexpr const char* kTexts[] = {
+    "hostsCommaDelimitedString", "sslKeyFile", "sslCAFile", "logLevel", "savedChatsLocation",
+    "jabberdDatabasePath",       "jid",        "domain",    "secret"};
+constexpr const char* kLists[] = {"hosts", "s2sAllowedDomains", "privilegedUsers"};
 
 std::string problemWith(const char* key, const Value& value) {
   return problemWithSettings({{key, value}}).value_or("none");
@@ -175,6 +178,31 @@ TEST_F(WriteProblems, AreFoundWithoutTouchingAnything) {
   EXPECT_THAT(platform.files.calls(), IsEmpty());
   EXPECT_THAT(platform.log.messages(), IsEmpty());
   EXPECT_THAT(journal, IsEmpty());
+}
+
+TEST(ServiceRequestProblems, AServiceAndAHostAreEnough) {
+  EXPECT_EQ(problemWithServiceRequest({{"service", "mail"}, {"hostName", "a"}}), std::nullopt);
+  EXPECT_EQ(problemWithServiceRequest({{"service", "mail"}, {"hostName", "a"}, {"ports", Array{1}}}),
+            std::nullopt);
+}
+
+TEST(ServiceRequestProblems, ServiceAndHostAreTexts) {
+  const std::string service = "\"service\" must be a string that is not empty";
+  const std::string host = "\"hostName\" must be a string that is not empty";
+  EXPECT_EQ(problemWithServiceRequest({}), service);
+  EXPECT_EQ(problemWithServiceRequest({{"service", ""}, {"hostName", "a"}}), service);
+  EXPECT_EQ(problemWithServiceRequest({{"service", 1}, {"hostName", "a"}}), service);
+  EXPECT_EQ(problemWithServiceRequest({{"service", "mail"}}), host);
+  EXPECT_EQ(problemWithServiceRequest({{"service", "mail"}, {"hostName", ""}}), host);
+  EXPECT_EQ(problemWithServiceRequest({{"service", "mail"}, {"hostName", Array{"a"}}}), host);
+}
+
+TEST(ServiceRequestProblems, NothingInItMayBeUnfitForAFile) {
+  const std::string problem = "the request holds characters that no configuration file can hold";
+  EXPECT_EQ(problemWithServiceRequest({{"service", "mail"}, {"hostName", "a\x01"}}), problem);
+  EXPECT_EQ(problemWithServiceRequest({{"service", "m"}, {"hostName", "a"}, {"more", Array{"\x02"}}}),
+            problem);
+  EXPECT_EQ(problemWithServiceRequest({{"service", "m"}, {"hostName", "a"}, {"\x02", 1}}), problem);
 }
 
 }  // namespace

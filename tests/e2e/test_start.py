@@ -26,8 +26,7 @@ def two_domains(service):
 
 
 def start(service):
-    # The state as a whole needs the publish-subscribe component too, so it stays stopped.
-    assert service.tool("start", check=False).returncode == NOT_AS_WANTED
+    assert service.tool("start").stdout == "state: RUNNING\n"
 
 
 def details(service):

@@ -112,10 +112,10 @@ TEST_F(HostCalls, UnknownCommandsHaveNoOperation) {
 }
 
 TEST_F(HostCalls, CommandsTellWhetherTheyChangeAnything) {
-  for (const char* command : {"setState", "writeSettings", "initialSetup"}) {
+  for (const char* command : {"setState", "writeSettings", "initialSetup", "addService", "removeService"}) {
     EXPECT_TRUE(handler->commandChangesState(command)) << command;
   }
-  for (const char* command : {"getState", "readSettings", "other"}) {
+  for (const char* command : {"getState", "readSettings", "getConfiguredServices", "other"}) {
     EXPECT_FALSE(handler->commandChangesState(command)) << command;
   }
 }

@@ -58,7 +58,8 @@ def test_before_setup_details_are_refused_with_a_warning(plugin):
 
 @pytest.mark.parametrize(
     "command",
-    ["getState", "setState", "readSettings", "writeSettings", "initialSetup"],
+    ["getState", "setState", "readSettings", "writeSettings", "initialSetup", "getConfiguredServices", "addService",
+     "removeService"],
 )
 def test_its_commands_are_known(plugin, command):
     answer = plugin.post({"command": command})
@@ -115,6 +116,64 @@ def test_a_start_without_a_service_manager_tells_that_nothing_runs(plugin):
     plugin.tool("setup")
     done = plugin.tool("stop")
     assert (done.returncode, done.stdout) == (0, "state: STOPPED\n")
+
+
+def test_client_services_are_listed_added_and_removed(plugin, pluginRoot):
+    mail = {"service": "mail", "hostName": "mail.example.com", "port": 993}
+    here = {"service": "mail", "hostName": "push.example.com"}
+    # Adding needs no setup, listing does.
+    assert ask(plugin, "addService", **mail) == {"configuredServices": [mail]}
+    assert ask(plugin, "getConfiguredServices") == {}
+    assert plugin.tool("setup").returncode == 0
+    assert ask(plugin, "addService", **mail) == {"configuredServices": [mail]}
+    assert ask(plugin, "addService", **here) == {"configuredServices": [mail, here]}
+    assert ask(plugin, "getConfiguredServices") == {"configuredServices": [mail, here]}
+    assert ask(plugin, "readSettings")["configuration"]["configuredServices"] == [mail, here]
+    assert ask(plugin, "getState", variant="withDetails")["configuredServices"] == [mail, here]
+    # "push" is another name of this host.
+    assert ask(plugin, "removeService", service="mail", hostName="push") == {"configuredServices": [mail]}
+    preferences = pluginRoot / "Library/Preferences/com.velto.tessard_notification.plist"
+    kept = plistlib.loads(preferences.read_bytes())
+    assert kept["services"] == [mail]
+    assert kept["jabberdS2SPort"] == 5268 and kept["initialized"] is True
+    assert preferences.stat().st_mode & 0o777 == 0o600
+
+
+@pytest.mark.parametrize("command", ["addService", "removeService"])
+def test_a_client_service_without_a_host_is_refused_and_nothing_is_made(plugin, pluginRoot, command):
+    done = plugin.tool("request", command, '{"service": "mail"}')
+    assert done.returncode == 65
+    assert 'error: client service refused: "hostName" must be a string that is not empty\n' in done.stderr
+    assert not (pluginRoot / "Library/Preferences/com.velto.tessard_notification.plist").exists()
+
+
+def test_ten_thousand_client_services_are_served(plugin, pluginRoot):
+    assert plugin.tool("setup").returncode == 0
+    preferences = pluginRoot / "Library/Preferences/com.velto.tessard_notification.plist"
+    many = [{"service": "calendar", "hostName": f"10.1.{number // 250}.{number % 250}"} for number in range(10000)]
+    preferences.write_bytes(plistlib.dumps({**plistlib.loads(preferences.read_bytes()), "services": many}))
+    more = {"service": "calendar", "hostName": "10.2.0.1"}
+    assert ask(plugin, "addService", **more)["configuredServices"] == [*many, more]
+    assert ask(plugin, "getConfiguredServices")["configuredServices"] == [*many, more]
+    assert ask(plugin, "removeService", **more)["configuredServices"] == many
+    assert len(ask(plugin, "getState", variant="withDetails")["configuredServices"]) == len(many)
+    assert plistlib.loads(preferences.read_bytes())["services"] == many
+
+
+def test_the_settings_of_the_notification_service_are_kept_in_its_own_file(plugin, pluginRoot):
+    plugin.tool("setup")
+    settings = ask(plugin, "readSettings")["configuration"]
+    file = pluginRoot / "Library/Preferences/com.velto.Beaconry.plist"
+    stored = plistlib.loads(file.read_bytes())
+    assert stored["domain"] == "push.example.com"
+    assert stored["secret"]
+    assert {key: settings[key] for key in stored} == stored
+    assert file.stat().st_mode & 0o777 == 0o660
+    assert plugin.tool("settings", "set", "verbose=true", "rport:=5348").returncode == 0
+    assert plistlib.loads(file.read_bytes()) == {**stored, "verbose": True, "rport": 5348}
+    done = plugin.tool("settings", "set", "connectAsClient=maybe")
+    assert done.returncode != 0
+    assert '"connectAsClient" must be true or false' in done.stderr
 
 
 def test_events_are_taken(plugin):

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -22,6 +23,8 @@ class FakeNetwork : public Network {
   /// Addresses by host; a host that is missing has none.
   std::map<std::string, std::vector<std::string>, std::less<>> addresses;
   std::vector<Lookup> lookups;
+  /// Called after each lookup.
+  std::function<void()> afterLookup;
 
   /// What checking ports finds: restricted when the array is not empty.
   Array restrictions;
@@ -35,6 +38,7 @@ class FakeNetwork : public Network {
 
   std::vector<std::string> ZtGetAddressesForHostName(std::string_view host, double timeout) override {
     lookups.push_back({std::string(host), timeout});
+    if (afterLookup) afterLookup();
     const auto found = addresses.find(host);
     return found == addresses.end() ? std::vector<std::string>{} : found->second;
   }
