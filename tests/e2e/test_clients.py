@@ -79,6 +79,14 @@ def test_the_domains_share_no_users(running):
     assert client(running.machine, f"ann@{DOMAINS[1]}", "list") == "refused"
 
 
+def test_the_details_are_told_in_their_order(running):
+    assert list(details(running)) == [
+        "state", "idavollState", "jabberdState", "startedTime", "hostsCommaDelimitedString", "setStateVersion",
+        "readWriteSettingsVersion", "currentConnections", "servicePortsAreRestricted", "servicePortsRestrictionInfo",
+        "configuredServices", "pluginVersion"]
+    assert details(running)["hostsCommaDelimitedString"] == ",".join(DOMAINS)
+
+
 def test_what_is_dead_is_never_said_to_run(running):
     machine = running.machine
     assert details(running)["jabberdState"] == "RUNNING"
