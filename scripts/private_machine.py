@@ -189,7 +189,8 @@ class PrivateMachine:
         (root / "var/run").symlink_to("../run")
         (root / "private/etc").symlink_to("../etc")
         (root / "private/var").symlink_to("../var")
-        shutil.copy(PROJECT / "scripts/syslog_to_file.py", root / "run/machine")
+        for name in ("syslog_to_file.py", "xmpp_client.py"):
+            shutil.copy(PROJECT / "scripts" / name, root / "run/machine")
 
     def _lay_out_usr(self):
         """Fills the directories that hold entries of our own beside Debian's."""

@@ -2,11 +2,15 @@
 Every command that is shown is run as shown, inside. Usage: run_service.py BUILD [--once]"""
 
 import argparse
+import contextlib
 import difflib
 import json
 import re
+import secrets
 import shlex
 import signal
+import sqlite3
+import subprocess
 import sys
 
 from private_machine import CONFIGURATION, HOST_NAME, MachineError, PrivateMachine
@@ -15,6 +19,7 @@ DOMAINS = ("a.example.test", "b.example.test")
 PREFERENCES = "/Library/Preferences/com.velto.tessard_notification.plist"
 KEY_FILE = f"{CONFIGURATION}/server.pem"
 CA_FILE = f"{CONFIGURATION}/ca.pem"
+DATABASE = "/private/var/jabberd/sqlite/jabberd2_notification.db"
 
 SETTINGS = (
     f"hostsCommaDelimitedString={','.join(DOMAINS)}",
@@ -79,6 +84,7 @@ def demonstrate(machine):
     show = Show(machine)
     show.title(f"a private machine named {HOST_NAME}, with the templates in place and tessardd running")
     show.run("/usr/libexec/tessardd/prepare-instance")
+    show.run("/usr/libexec/tessardd/pubsub_launcher", "--prepare")
     machine.start_daemon()
     show.run("tessardctl", "health")
 
@@ -106,10 +112,41 @@ def demonstrate(machine):
     show.title("the start: jabberd2 with a session manager for each domain, and the publish-subscribe component")
     show.run("tessardctl", "start")
     show.run("ps", "-u", "84", "-o", "pid,user,args")
-    show.run("tessardctl", "state", "--details")
-    details = json.loads(machine.run("tessardctl", "--json", "state", "--details").stdout)
-    if details["state"] != "RUNNING":
-        raise MachineError("the service does not run")
+    show.run("tessardctl", "state")
+
+    show.title("a client logs in, publishes and stays a while")
+    with logged_in_client(show):
+        show.run("tessardctl", "state", "--details")
+        details = json.loads(machine.run("tessardctl", "--json", "state", "--details").stdout)
+    if (details["state"], details["currentConnections"]) != ("RUNNING", "1"):
+        raise MachineError("the service does not run with one client")
+
+
+@contextlib.contextmanager
+def logged_in_client(show):
+    address, password = f"ann@{DOMAINS[0]}", secrets.token_urlsafe()
+    add_account(show.machine, address, password)
+    words = ("python3", "/run/machine/xmpp_client.py", address, CA_FILE, "news", "Hello")
+    print(f"# {shlex.join(words)}", flush=True)
+    with show.machine.popen(*words, user=84, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                            text=True) as client:
+        client.stdin.write(f"{password}\n")
+        client.stdin.flush()
+        for _ in ("logged in", "published"):
+            line = client.stdout.readline()
+            if not line:
+                raise MachineError(client.stderr.read().strip() or "the client has ended")
+            print(line, end="", flush=True)
+        yield
+        client.stdin.close()
+        if client.wait(30) != 0:
+            raise MachineError("the client has not ended well")
+
+
+def add_account(machine, address, password):
+    name, domain = address.split("@")
+    with contextlib.closing(sqlite3.connect(machine.outside(DATABASE))) as database, database:
+        database.execute("INSERT INTO authreg (username, realm, password) VALUES (?, ?, ?)", (name, domain, password))
 
 
 def stay_up(machine):

@@ -90,7 +90,10 @@ def test_running_once_shows_what_settings_change_and_no_password():
     assert "+    <id>a.example.test</id>" in shown.stdout
     assert "+++ /private/etc/jabberd_notification/sm_b.example.test.xml" in shown.stdout
     assert "hosts=[a.example.test, b.example.test]" in shown.stdout
-    assert "jabberdState: RUNNING" in shown.stdout
+    assert "\nstate: RUNNING\n" in shown.stdout
+    assert "published on pubsub.a.example.test, node news: Hello\n" in shown.stdout
+    assert "\ncurrentConnections: 1\n" in shown.stdout
+    assert set(re.findall(r"^secret=(.*)$", shown.stdout, re.MULTILINE)) == {"********"}
     assert set(re.findall(r"<(?:pass|secret)>(.*)</", shown.stdout)) <= {"********"}
 
 
@@ -112,7 +115,7 @@ def test_ctrl_c_ends_a_running_service_in_good_order():
         assert traces_of(directory)
         entered = subprocess.run([sys.executable, str(PROJECT / "scripts/enter_machine.py"), "tessardctl", "state"],
                                  capture_output=True, text=True, check=False, timeout=60)
-        assert (entered.returncode, entered.stdout) == (0, "state: STOPPED\n")
+        assert (entered.returncode, entered.stdout) == (0, "state: RUNNING\n")
         # As a terminal does it: everything in the foreground gets the signal.
         os.killpg(shown.pid, signal.SIGINT)
         shown.communicate(timeout=30)
