@@ -14,22 +14,23 @@ using NotificationReading = NotificationTest;
 const std::string kFile = "/Library/Preferences/com.velto.Beaconry.plist";
 
 TEST_F(NotificationReading, TheShippedDefaultsHaveEveryKeyThatIsNotFilledInLater) {
+  const Dictionary shipped = defaults();
   std::vector<std::string> keys;
-  for (const DictionaryEntry& entry : defaults()) keys.push_back(entry.key);
+  for (const DictionaryEntry& entry : shipped) keys.push_back(entry.key);
   EXPECT_THAT(keys, testing::UnorderedElementsAre(
                         "jid", "connectAsClient", "privilegedUsers", "korvbridgeEnabled", "korvbridgePort",
                         "enableHTTPS", "hide-nodes", "backend", "dbuser", "dbpass", "dbname", "rhost",
                         "rport", "verbose", "clusterNodes", "clusterHostname", "connectToCluster"));
-  EXPECT_TRUE(defaults().stringFor("jid") && !defaults().stringFor("jid")->empty());
+  EXPECT_TRUE(shipped.stringFor("jid") && !shipped.stringFor("jid")->empty());
   for (const char* off : {"connectAsClient", "korvbridgeEnabled", "enableHTTPS"}) {
-    const Value* value = defaults().find(off);
+    const Value* value = shipped.find(off);
     ASSERT_TRUE(value && value->asBoolean()) << off;
     EXPECT_FALSE(*value->asBoolean()) << off;
   }
-  EXPECT_EQ(*defaults().find("backend"), Value("pgsql"));
-  EXPECT_EQ(*defaults().find("rhost"), Value("127.0.0.1"));
-  EXPECT_EQ(*defaults().find("rport"), Value(5347));
-  EXPECT_TRUE(defaults().arrayFor("privilegedUsers"));
+  EXPECT_EQ(*shipped.find("backend"), Value("pgsql"));
+  EXPECT_EQ(*shipped.find("rhost"), Value("127.0.0.1"));
+  EXPECT_EQ(*shipped.find("rport"), Value(5347));
+  EXPECT_TRUE(shipped.arrayFor("privilegedUsers"));
 }
 
 TEST_F(NotificationReading, TheFirstReadMakesTheFileOfDefaultsSecretAndDomain) {
