@@ -116,6 +116,16 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceAtom::removeServiceWith
   return std::nullopt;
 }
 
+std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceAtom::getServiceUserWithRequest(
+    const Dictionary& /*request*/) {
+  return std::nullopt;
+}
+
+std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceAtom::setKorvsCertificateWithRequest(
+    const Dictionary& /*request*/) {
+  return std::nullopt;
+}
+
 void NOTIFICATION_PLUGIN_ChatServiceAtom::handleChangeIPRequest(const NetworkChangeContext& /*context*/) {}
 
 void NOTIFICATION_PLUGIN_ChatServiceAtom::handleNetworkChanged(const NetworkChangeContext& /*context*/) {}

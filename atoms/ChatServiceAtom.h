@@ -65,6 +65,10 @@ class NOTIFICATION_PLUGIN_ChatServiceAtom : public Object {
   /// Change that list as a request asks and answer what became of it. Here: absent.
   virtual std::optional<Dictionary> addServiceWithRequest(const Dictionary& request);
   virtual std::optional<Dictionary> removeServiceWithRequest(const Dictionary& request);
+  /// What a client service needs to use this one; absent where there is nothing to tell. Here: absent.
+  virtual std::optional<Dictionary> getServiceUserWithRequest(const Dictionary& request);
+  /// Chooses the certificate that the push bridge shows. Here: absent.
+  virtual std::optional<Dictionary> setKorvsCertificateWithRequest(const Dictionary& request);
   /// Called between loading and saving all configurations after a change of address or name. Here: nothing.
   virtual void handleChangeIPRequest(const NetworkChangeContext& context);
   virtual void handleNetworkChanged(const NetworkChangeContext& context);

@@ -2,9 +2,12 @@
 
 #include "common/Bundles.h"
 #include "common/Clock.h"
+#include "common/Directory.h"
 #include "common/FileSystem.h"
 #include "common/HostNames.h"
+#include "common/Keychain.h"
 #include "common/Log.h"
+#include "common/LogReader.h"
 #include "common/Network.h"
 #include "common/Processes.h"
 #include "common/Random.h"
@@ -27,6 +30,9 @@ struct Platform {
   Random& random;
   Unicode& unicode;
   Bundles& bundles;
+  Directory& directory;
+  Keychain& keychain;
+  LogReader& logs;
   Log& log;
 };
 

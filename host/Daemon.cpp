@@ -26,6 +26,9 @@
 #include "host/ServiceManagers.h"
 #include "host/Version.h"
 #include "host/WorkSlot.h"
+#include "platform/AbsentDirectory.h"
+#include "platform/AbsentKeychain.h"
+#include "platform/AbsentLogReader.h"
 #include "platform/DirectoryBundles.h"
 #include "platform/FileDescriptor.h"
 #include "platform/LinuxHostNames.h"
@@ -109,8 +112,11 @@ struct RealPlatform {
   SystemRandom random;
   UnistringUnicode unicode;
   DirectoryBundles bundles;
-  Platform platform{files, tasks,  *services, processes, hostNames, *network,
-                    clock, random, unicode,   bundles,   log};
+  AbsentDirectory directory;
+  AbsentKeychain keychain;
+  AbsentLogReader logs;
+  Platform platform{files,  tasks,   *services, processes, hostNames, *network, clock,
+                    random, unicode, bundles,   directory, keychain,  logs,     log};
 };
 
 class Daemon {

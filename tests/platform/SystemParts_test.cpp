@@ -94,6 +94,16 @@ TEST(SystemRandom, NumbersAreSpreadOverAll32Bits) {
   EXPECT_EQ(zeros, 0xFFFFFFFFU) << "each bit was 0 once";
 }
 
+TEST(SystemRandom, GivesAsManyBytesOfTheDeviceAsWereAskedFor) {
+  SystemRandom random;
+  const auto first = random.readDevRandom(64);
+  const auto second = random.readDevRandom(64);
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(first->size(), 64U);
+  EXPECT_NE(*first, *second);
+  EXPECT_EQ(random.readDevRandom(0), "");
+}
+
 // What the system log's socket receives in a mount namespace of its own; runs in a child. The exit status: 0
 // when the line is as expected, 77 when this user may not make the namespace.
 int logAndReceive(std::string_view expectedStart, std::string_view expectedEnd) {

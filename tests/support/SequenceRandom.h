@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <random>
+#include <string>
 #include <utility>
 
 #include "common/Random.h"
@@ -18,6 +20,17 @@ class SequenceRandom : public Random {
 
   SequenceRandom() = default;
   explicit SequenceRandom(std::deque<std::uint32_t> numbers) : next(std::move(numbers)) {}
+
+  /// Whether the device for secrets can be opened.
+  bool hasDevice = true;
+
+  /// Bytes of the generator; the listed numbers are for `arc4random` alone.
+  std::optional<std::string> readDevRandom(std::size_t count) override {
+    if (!hasDevice) return std::nullopt;
+    std::string bytes(count, '\0');
+    for (char& byte : bytes) byte = static_cast<char>(generator_() & 0xFFU);
+    return bytes;
+  }
 
   std::uint32_t arc4random() override {
     ++drawn;

@@ -1,6 +1,9 @@
 #pragma once
 
 #include "common/Platform.h"
+#include "platform/AbsentDirectory.h"
+#include "platform/AbsentKeychain.h"
+#include "platform/AbsentLogReader.h"
 #include "platform/PosixFileSystem.h"
 #include "platform/UnistringUnicode.h"
 #include "tests/support/FakeBundles.h"
@@ -38,10 +41,13 @@ class TestPlatform {
   SequenceRandom random;
   UnistringUnicode unicode;
   FakeBundles bundles;
+  AbsentDirectory directory;
+  AbsentKeychain keychain;
+  AbsentLogReader logs;
   RecordingLog log;
 
-  Platform platform{files, tasks,  services, processes, hostNames, network,
-                    clock, random, unicode,  bundles,   log};
+  Platform platform{files,  tasks,   services, processes, hostNames, network, clock,
+                    random, unicode, bundles,  directory, keychain,  logs,    log};
   operator Platform&() { return platform; }
 };
 
