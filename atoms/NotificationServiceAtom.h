@@ -4,6 +4,8 @@
 #include <mutex>
 
 #include "atoms/ChatServiceAtom.h"
+#include "atoms/X509Name.h"
+#include "common/Keychain.h"
 
 namespace tessard {
 
@@ -62,6 +64,17 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   /// Answer and failures like those of adding.
   std::optional<Dictionary> removeServiceWithRequest(const Dictionary& request) override;
 
+  /// Makes the identity with the certificate whose subject contains "certificateName" the one that the bridge
+  /// serves HTTPS with, and switches "enableHTTPS" on; {"certificateName"}. Without a name, or with an empty
+  /// one, clears the choice, switches it off and answers nothing; so does every failure, with an error line.
+  std::optional<Dictionary> setKorvsCertificateWithRequest(const Dictionary& request) override;
+  /// The push topic of "calendar", "addressbook" or "mail": the first one in the subject of the certificate
+  /// that was chosen for it. Absent, with a line that says why, when there is none.
+  std::optional<std::string> getKorpsTopicForService(const std::optional<std::string>& serviceName);
+  /// The topic in a parsed certificate name: of each part the first that is a text, of those the last. One
+  /// that is none is told on standard error.
+  std::optional<std::string> otherNameForX509Name(const X509Name& name);
+
   /// Puts the host name and the router's secret into an existing settings file. True when it was rewritten.
   bool updateConfigFile(const std::optional<std::string>& host);
   void logConfigCreationError(const std::string& reason);
@@ -78,6 +91,14 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   void keepServices(Dictionary configuration, const Array& services);
   void removeService_ofHost(const std::string& service, const std::string& hostName, Array& services);
   void takeNewHostFrom(const NetworkChangeContext& context);
+  Result<void> writeConfigFile(const Dictionary& settings);
+  bool setConfigFileAttributes();
+  static std::string notSaved(const SystemError& reason);
+  std::optional<KeychainIdentity> identityWhoseSubjectContains(const std::string& name);
+  bool preferIdentity(const std::optional<KeychainIdentity>& identity);
+  void keepHttps(bool enabled);
+  std::optional<std::string> topicOfCertificate(const KeychainCertificate& certificate,
+                                                const char* identityName);
 
   std::unique_ptr<std::mutex> settingsDictLock_;
   std::optional<Dictionary> hostCache_;

@@ -23,18 +23,19 @@ constexpr std::array<std::string_view, 18> kWritableKeys = {
     "korvbridgeEnabled", "dbname",  "rport",  "privilegedUsers", "dbpass",          "connectToCluster",
 };
 
-constexpr gid_t kUpdatedConfigGroup = 0;
+constexpr FileOwnership kUpdatedConfigOwnership = {kNotificationConfigOwnership.owner, 0,
+                                                   kNotificationConfigOwnership.permissions};
 
 bool isMissing(const Result<Dictionary>& file) {
   return !file && file.error().code() == ENOENT;
 }
 
-std::string notSaved(const SystemError& error) {
-  return fill("notification settings were not saved: \"%@\" : %@",
-              {kNotificationConfigFilePath, error.description()});
-}
-
 }  // namespace
+
+std::string NOTIFICATION_PLUGIN_NotificationServiceAtom::notSaved(const SystemError& reason) {
+  return fill("notification settings were not saved: \"%@\" : %@",
+              {kNotificationConfigFilePath, reason.description()});
+}
 
 // Without a lock this locks nothing. With one, every way out releases it.
 std::unique_lock<std::mutex> NOTIFICATION_PLUGIN_NotificationServiceAtom::lockSettings() const {
@@ -168,13 +169,11 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::updateConfigFile(const std::op
     logError_source("Beaconry data init failed: could not get router config data", "");
     return false;
   }
-  const FileOwnership ownership{kNotificationConfigOwnership.owner, kUpdatedConfigGroup,
-                                kNotificationConfigOwnership.permissions};
   Result<void> written = settings ? Result<void>() : Result<void>(settings.error());
   if (settings) {
     settings.value().set("domain", *host);
     settings.value().set("secret", *secret);
-    written = writePropertyListFile(files, kNotificationConfigFilePath, settings.value(), ownership);
+    written = writeConfigFile(settings.value());
   }
   if (!written) {
     logWarning_source(notSaved(written.error()), "");
@@ -182,13 +181,21 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::updateConfigFile(const std::op
     return false;
   }
   if (lock) lock.unlock();
-  // The file has its attributes already, unless they could not be set.
-  if (const auto owned = files.setOwnership(kNotificationConfigFilePath, ownership); owned) {
-    logInfo_source("Notification config file successfully modified.", "");
-  } else {
-    logError_source(fill("setting permissions of config failed: '%@'", {owned.error().description()}), "");
-  }
+  if (setConfigFileAttributes()) logInfo_source("Notification config file successfully modified.", "");
   return true;
+}
+
+Result<void> NOTIFICATION_PLUGIN_NotificationServiceAtom::writeConfigFile(const Dictionary& settings) {
+  return writePropertyListFile(platform().files, kNotificationConfigFilePath, settings,
+                               kUpdatedConfigOwnership);
+}
+
+// A file that was written has its attributes already, unless they could not be set.
+bool NOTIFICATION_PLUGIN_NotificationServiceAtom::setConfigFileAttributes() {
+  const auto owned = platform().files.setOwnership(kNotificationConfigFilePath, kUpdatedConfigOwnership);
+  if (owned) return true;
+  logError_source(fill("setting permissions of config failed: '%@'", {owned.error().description()}), "");
+  return false;
 }
 
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::logConfigCreationError(const std::string& reason) {

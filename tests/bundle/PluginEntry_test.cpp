@@ -5,12 +5,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "atoms/X509Name.h"
 #include "common/PropertyList.h"
 #include "platform/DirectoryBundles.h"
 #include "platform/PosixTasks.h"
@@ -132,6 +134,16 @@ TEST_F(PluginEntry, ThePathAndLabelConstantsAreFoundByTheirNames) {
   EXPECT_EQ(text("kKorvBridgeLaunchdLabel"), "com.velto.KorvBridge");
 }
 
+TEST_F(PluginEntry, TheTestForATopicIsFoundByItsNameAndKnowsTheExportedOctets) {
+  const auto* octets = static_cast<const std::uint8_t*>(::dlsym(library, "oidData"));
+  const auto isTopic = reinterpret_cast<decltype(&isTopicOID)>(::dlsym(library, "isTopicOID"));
+  ASSERT_TRUE(octets && isTopic);
+  const X509Bytes topic{10, octets};
+  EXPECT_TRUE(isTopic(&topic));
+  const X509Bytes shorter{9, octets};
+  EXPECT_FALSE(isTopic(&shorter));
+}
+
 TEST_F(PluginEntry, TheDefaultSettingsAreAResource) {
   const auto path = bundle->pathForResource_ofType("defaultConfig", "plist");
   ASSERT_TRUE(path);
@@ -151,7 +163,8 @@ TEST_F(PluginEntry, NothingButTheEntriesAndTheConstantsIsExported) {
   for (std::string line; std::getline(lines, line);) names.push_back(line.substr(0, line.find(' ')));
   EXPECT_THAT(names, UnorderedElementsAre(kPluginInterfaceVersionSymbol, kPluginCreateSymbol,
                                           "kNotificationConfigFilePath", "kNotificationDefaultConfigFilePath",
-                                          "kBundleConfigFilePath", "kKorvBridgeLaunchdLabel"));
+                                          "kBundleConfigFilePath", "kKorvBridgeLaunchdLabel", "oidData",
+                                          "isTopicOID"));
 }
 
 }  // namespace
