@@ -26,7 +26,6 @@
 #include "host/ServiceManagers.h"
 #include "host/Version.h"
 #include "host/WorkSlot.h"
-#include "platform/AbsentDirectory.h"
 #include "platform/AbsentKeychain.h"
 #include "platform/AbsentLogReader.h"
 #include "platform/DirectoryBundles.h"
@@ -39,6 +38,7 @@
 #include "platform/SystemRandom.h"
 #include "platform/SystemSyslog.h"
 #include "platform/UnistringUnicode.h"
+#include "platform/accounts/LibuserDirectory.h"
 
 namespace tessard {
 
@@ -88,7 +88,8 @@ constexpr double kQuestionPatienceSeconds = 10;
 // The real parts of everything outside.
 struct RealPlatform {
   explicit RealPlatform(const HostConfiguration& configuration)
-      : files(configuration.root, ownersForThisUser()),
+      : directory(configuration.root),
+        files(configuration.root, ownersForThisUser()),
         tasks(configuration.root, configuration.programsDirectory),
         unitTasks(configuration.root, configuration.programsDirectory, kUnitPatienceSeconds),
         questionTasks(configuration.root, configuration.programsDirectory, kQuestionPatienceSeconds),
@@ -98,6 +99,8 @@ struct RealPlatform {
         network(chooseNetwork(configuration, files, questionTasks, log, syslog)),
         bundles(files) {}
 
+  // Before the parts that have threads.
+  LibuserDirectory directory;
   SystemSyslog syslog;
   Log log{syslog};
   PosixFileSystem files;
@@ -112,7 +115,6 @@ struct RealPlatform {
   SystemRandom random;
   UnistringUnicode unicode;
   DirectoryBundles bundles;
-  AbsentDirectory directory;
   AbsentKeychain keychain;
   AbsentLogReader logs;
   Platform platform{files,  tasks,   *services, processes, hostNames, *network, clock,

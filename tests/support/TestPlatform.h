@@ -1,16 +1,17 @@
 #pragma once
 
 #include "common/Platform.h"
-#include "platform/AbsentDirectory.h"
 #include "platform/AbsentKeychain.h"
 #include "platform/AbsentLogReader.h"
 #include "platform/PosixFileSystem.h"
 #include "platform/UnistringUnicode.h"
+#include "platform/accounts/LibuserDirectory.h"
 #include "tests/support/FakeBundles.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/FakeHostNames.h"
 #include "tests/support/FakeNetwork.h"
 #include "tests/support/FakeProcesses.h"
+#include "tests/support/FaultyDirectory.h"
 #include "tests/support/FaultyFileSystem.h"
 #include "tests/support/RecordingLog.h"
 #include "tests/support/RecordingServiceManager.h"
@@ -20,9 +21,10 @@
 
 namespace tessard {
 
-/// Everything outside for one test: a scratch system root with the real file system class, recorded and open
-/// to failures, the real Unicode class, and recording fakes for the rest. Hand it to code as a `Platform&`.
-/// Where the user of the machine cannot give files away, the ids 0, 1, 80 and 84 stand for the user's own.
+/// Everything outside for one test: a scratch system root with the real classes for files and accounts,
+/// recorded and open to failures, the real Unicode class, and recording fakes for the rest. Hand it to code
+/// as a `Platform&`. Where the user of the machine cannot give files away, the ids 0, 1, 80 and 84 stand for
+/// the user's own.
 class TestPlatform {
  public:
   TestPlatform();
@@ -41,7 +43,8 @@ class TestPlatform {
   SequenceRandom random;
   UnistringUnicode unicode;
   FakeBundles bundles;
-  AbsentDirectory directory;
+  LibuserDirectory accounts{root.path()};
+  FaultyDirectory directory{accounts};
   AbsentKeychain keychain;
   AbsentLogReader logs;
   RecordingLog log;
