@@ -26,7 +26,6 @@
 #include "host/ServiceManagers.h"
 #include "host/Version.h"
 #include "host/WorkSlot.h"
-#include "platform/AbsentKeychain.h"
 #include "platform/AbsentLogReader.h"
 #include "platform/DirectoryBundles.h"
 #include "platform/FileDescriptor.h"
@@ -39,6 +38,7 @@
 #include "platform/SystemSyslog.h"
 #include "platform/UnistringUnicode.h"
 #include "platform/accounts/LibuserDirectory.h"
+#include "platform/keychain/SqliteKeychain.h"
 
 namespace tessard {
 
@@ -79,6 +79,14 @@ OwnerMap ownersForThisUser() {
   return {{{kServiceUser, geteuid()}}, {{kRootGroup, getegid()}}};
 }
 
+// The same for the access lists of the keychain, which name root.
+constexpr uid_t kRootUser = 0;
+
+OwnerMap rootIsThisUser() {
+  if (geteuid() == 0) return {};
+  return {{{kRootUser, geteuid()}}, {}};
+}
+
 // How long a change of a unit may take before the wait for the service's own state goes on.
 constexpr double kUnitPatienceSeconds = 10;
 
@@ -97,7 +105,9 @@ struct RealPlatform {
         processes(files),
         hostNames(files),
         network(chooseNetwork(configuration, files, questionTasks, log, syslog)),
-        bundles(files) {}
+        bundles(files),
+        keychain(configuration.root, rootIsThisUser(),
+                 [this](const std::string& problem) { Object(log).logError_source(problem, ""); }) {}
 
   // Before the parts that have threads.
   LibuserDirectory directory;
@@ -115,7 +125,7 @@ struct RealPlatform {
   SystemRandom random;
   UnistringUnicode unicode;
   DirectoryBundles bundles;
-  AbsentKeychain keychain;
+  SqliteKeychain keychain;
   AbsentLogReader logs;
   Platform platform{files,  tasks,   *services, processes, hostNames, *network, clock,
                     random, unicode, bundles,   directory, keychain,  logs,     log};

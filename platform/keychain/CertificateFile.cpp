@@ -37,7 +37,7 @@ KeychainResult<Pieces> readPem(std::string_view bytes, const Secret* passPhrase)
   Pieces pieces;
   for (const PemBlock& block : *blocks) {
     if (block.isCertificate() && !add(pieces.certificates, block.bytes.view())) {
-      return malformed("The file holds a malformed certificate");
+      return malformed("The file holds a certificate that is malformed, or has a malformed name");
     }
   }
   const auto keys = std::ranges::count_if(*blocks, &PemBlock::isPrivateKey);
@@ -115,7 +115,7 @@ KeychainResult<Pieces> takeApart(PKCS12* file, const char* phrase) {
   for (int index = 0; others && index < sk_X509_num(others); ++index) {
     added = add(pieces.certificates, sk_X509_value(others, index)) && added;
   }
-  if (!added) return malformed("The file holds a malformed certificate");
+  if (!added) return malformed("The file holds a certificate that is malformed, or has a malformed name");
   if (key) {
     // From here on it has nothing to do with the context of old ciphers.
     const auto encoded = encodedKey(key);

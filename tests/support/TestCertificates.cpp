@@ -89,8 +89,13 @@ TestCertificate::Attribute TestCertificate::topic(const std::string& topic) {
   return {"0.9.2342.19200300.100.1.1", V_ASN1_UTF8STRING, topic};
 }
 
-std::string TestCertificate::pem() const {
-  return written([&](BIO* file) { return PEM_write_bio_X509(file, parsed(der_).get()); });
+std::string TestCertificate::pemOf(const std::string& der) {
+  return written([&](BIO* file) {
+    return PEM_write_bio(file, PEM_STRING_X509, "", reinterpret_cast<const unsigned char*>(der.data()),
+                         static_cast<long>(der.size())) > 0
+               ? 1
+               : 0;
+  });
 }
 
 std::string TestCertificate::keyPem(const std::optional<std::string>& passPhrase, bool traditional) const {

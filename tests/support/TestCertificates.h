@@ -39,7 +39,9 @@ class TestCertificate {
   static Attribute topic(const std::string& topic);
 
   const std::string& der() const { return der_; }
-  std::string pem() const;
+  std::string pem() const { return pemOf(der_); }
+  /// Any bytes as if they were a certificate.
+  static std::string pemOf(const std::string& der);
   /// The private key in PEM, encrypted when there is a pass phrase; `traditional` in the older of the two
   /// forms.
   std::string keyPem(const std::optional<std::string>& passPhrase = {}, bool traditional = false) const;

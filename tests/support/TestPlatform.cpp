@@ -12,6 +12,7 @@ OwnerMap ownersForTests() {
   return map;
 }
 
-TestPlatform::TestPlatform() : posixFiles(root.path(), ownersForTests()) {}
+TestPlatform::TestPlatform()
+    : posixFiles(root.path(), ownersForTests()), sqliteKeychain(root.path(), ownersForTests()) {}
 
 }  // namespace tessard

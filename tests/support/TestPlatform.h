@@ -1,11 +1,11 @@
 #pragma once
 
 #include "common/Platform.h"
-#include "platform/AbsentKeychain.h"
 #include "platform/AbsentLogReader.h"
 #include "platform/PosixFileSystem.h"
 #include "platform/UnistringUnicode.h"
 #include "platform/accounts/LibuserDirectory.h"
+#include "platform/keychain/SqliteKeychain.h"
 #include "tests/support/FakeBundles.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/FakeHostNames.h"
@@ -13,6 +13,7 @@
 #include "tests/support/FakeProcesses.h"
 #include "tests/support/FaultyDirectory.h"
 #include "tests/support/FaultyFileSystem.h"
+#include "tests/support/FaultyKeychain.h"
 #include "tests/support/RecordingLog.h"
 #include "tests/support/RecordingServiceManager.h"
 #include "tests/support/ScratchRoot.h"
@@ -21,10 +22,10 @@
 
 namespace tessard {
 
-/// Everything outside for one test: a scratch system root with the real classes for files and accounts,
-/// recorded and open to failures, the real Unicode class, and recording fakes for the rest. Hand it to code
-/// as a `Platform&`. Where the user of the machine cannot give files away, the ids 0, 1, 80 and 84 stand for
-/// the user's own.
+/// Everything outside for one test: a scratch system root with the real classes for files, accounts and the
+/// keychain, recorded and open to failures, the real Unicode class, and recording fakes for the rest. Hand it
+/// to code as a `Platform&`. Where the user of the machine cannot give files away, the ids 0, 1, 80 and 84
+/// stand for the user's own.
 class TestPlatform {
  public:
   TestPlatform();
@@ -45,7 +46,8 @@ class TestPlatform {
   FakeBundles bundles;
   LibuserDirectory accounts{root.path()};
   FaultyDirectory directory{accounts};
-  AbsentKeychain keychain;
+  SqliteKeychain sqliteKeychain;
+  FaultyKeychain keychain{sqliteKeychain};
   AbsentLogReader logs;
   RecordingLog log;
 
