@@ -64,6 +64,10 @@ TEST_F(ChatServiceAtomTest, HasNoLogsSettingsDomainsUsersOrServices) {
   EXPECT_EQ(atom.getServiceConnectedUsers(), std::nullopt);
   EXPECT_EQ(atom.getServiceConnectedUserNames(), std::nullopt);
   EXPECT_EQ(atom.getConfiguredServices(), std::nullopt);
+  EXPECT_EQ(atom.addServiceWithRequest({}), std::nullopt);
+  EXPECT_EQ(atom.removeServiceWithRequest({}), std::nullopt);
+  EXPECT_EQ(atom.getServiceUserWithRequest({}), std::nullopt);
+  EXPECT_EQ(atom.setKorvsCertificateWithRequest({}), std::nullopt);
 }
 
 TEST_F(ChatServiceAtomTest, AcceptsAnySettingsAndClearsTheErrorCode) {
