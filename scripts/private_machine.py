@@ -51,6 +51,7 @@ admin:x:1000:
 visitor:x:1001:
 nogroup:x:65534:
 """
+_PAM_KINDS = ("auth", "account", "password", "session")
 _NSSWITCH = "passwd: files\ngroup: files\nshadow: files\nhosts: files\n"
 
 # Its services start when they are told to.
@@ -59,6 +60,8 @@ _DAEMON_RUN = """\
 #!/bin/sh
 exec tessardd >>/var/log/tessardd.log 2>&1
 """
+# Services that the administration daemon neither starts nor stops.
+_ALWAYS_UP = ("tessard-saslauthd",)
 _SYSLOG_RUN = """\
 #!/bin/sh
 exec python3 /run/machine/syslog_to_file.py /dev/log /var/log/system.log
@@ -232,11 +235,12 @@ class PrivateMachine:
         self._binds.append((source, f"/usr/{name}"))
 
     def _lay_out_services(self):
-        """The services of an installation with s6, disabled as they are at first."""
+        """The services of an installation with s6, most of them disabled as they are at first."""
         for source in sorted((PROJECT / "share/s6").iterdir()):
             place = self.outside(f"/run/service/{source.name}")
             shutil.copytree(source, place)
-            (place / "down").touch()
+            if source.name not in _ALWAYS_UP:
+                (place / "down").touch()
             for path in (place, *place.iterdir()):
                 os.chown(path, 0, 0)
 
@@ -249,6 +253,8 @@ class PrivateMachine:
             self.write(f"/etc/{name}", text)
         shadow = "".join(line.split(":")[0] + ":!:20000:0:99999:7:::\n" for line in _PASSWD.splitlines())
         self.write("/etc/shadow", shadow, 0o640, (0, 42))
+        shutil.copytree(PROJECT / "share/pam.d", self.root / "etc/pam.d")
+        self.write("/etc/pam.d/other", "".join(f"{kind} required pam_deny.so\n" for kind in _PAM_KINDS))
         for name in ("useradd", "locale"):
             if Path("/etc/default", name).is_file():
                 shutil.copy(Path("/etc/default", name), self.root / "etc/default")
@@ -357,6 +363,18 @@ class PrivateMachine:
 
     def prepare_instance(self):
         self.run("/usr/libexec/tessardd/prepare-instance")
+
+
+def add_account(machine, name, password, *options):
+    """Makes an account of the machine's own, or gives one that is there another password. Its password is a secret to
+    argument lists, its kind of hash one that is quick to check, as many logins are made."""
+    if machine.run("getent", "passwd", name, check=False).returncode != 0:
+        machine.run("useradd", "--no-create-home", "--shell", "/usr/bin/false", *options, "--", name)
+    set_password(machine, name, password)
+
+
+def set_password(machine, name, password):
+    machine.run("chpasswd", "--crypt-method", "SHA512", input=f"{name}:{password}\n")
 
 
 def command_inside(pid, arguments, user=0, group=None, groups=()):

@@ -9,17 +9,15 @@ import re
 import secrets
 import shlex
 import signal
-import sqlite3
 import subprocess
 import sys
 
-from private_machine import CONFIGURATION, HOST_NAME, MachineError, PrivateMachine
+from private_machine import CONFIGURATION, HOST_NAME, MachineError, PrivateMachine, add_account
 
 DOMAINS = ("a.example.test", "b.example.test")
 PREFERENCES = "/Library/Preferences/com.velto.tessard_notification.plist"
 KEY_FILE = f"{CONFIGURATION}/server.pem"
 CA_FILE = f"{CONFIGURATION}/ca.pem"
-DATABASE = "/private/var/jabberd/sqlite/jabberd2_notification.db"
 
 SETTINGS = (
     f"hostsCommaDelimitedString={','.join(DOMAINS)}",
@@ -114,7 +112,7 @@ def demonstrate(machine):
     show.run("ps", "-u", "84", "-o", "pid,user,args")
     show.run("tessardctl", "state")
 
-    show.title("a client logs in, publishes and stays a while")
+    show.title("a client logs in with an account of the machine, publishes and stays a while")
     with logged_in_client(show):
         show.run("tessardctl", "state", "--details")
         details = json.loads(machine.run("tessardctl", "--json", "state", "--details").stdout)
@@ -125,7 +123,7 @@ def demonstrate(machine):
 @contextlib.contextmanager
 def logged_in_client(show):
     address, password = f"ann@{DOMAINS[0]}", secrets.token_urlsafe()
-    add_account(show.machine, address, password)
+    add_account(show.machine, "ann", password)
     words = ("python3", "/run/machine/xmpp_client.py", address, CA_FILE, "news", "Hello")
     print(f"# {shlex.join(words)}", flush=True)
     with show.machine.popen(*words, user=84, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -141,12 +139,6 @@ def logged_in_client(show):
         client.stdin.close()
         if client.wait(30) != 0:
             raise MachineError("the client has not ended well")
-
-
-def add_account(machine, address, password):
-    name, domain = address.split("@")
-    with contextlib.closing(sqlite3.connect(machine.outside(DATABASE))) as database, database:
-        database.execute("INSERT INTO authreg (username, realm, password) VALUES (?, ?, ?)", (name, domain, password))
 
 
 def stay_up(machine):

@@ -20,14 +20,14 @@ PACKAGES = (
     "systemd systemd-sysv dbus util-linux procps "
     # what our programs are linked with and what they run
     "libexpat1 libplist3 libmicrohttpd12 libunistring2 libsystemd0 libmnl0 libminiupnpc17 libnatpmp1 libuser1 libsqlite3-0 libssl3 openssl sqlite3 python3 "
-    "adduser passwd iproute2 nftables jabberd2 libervia-pubsub postgresql-15 "
+    "adduser passwd iproute2 nftables jabberd2 sasl2-bin libervia-pubsub postgresql-15 "
     # what tests look with
     "acl bsdutils"
 ).split()
 # Services of the packages that are not ours to have, and what only costs time at every boot.
 MASKED = (
     "jabberd.service jabberd-router.service jabberd-sm.service jabberd-c2s.service jabberd-s2s.service "
-    "libervia-pubsub.service postgresql.service postgresql@.service prosody.service "
+    "saslauthd.service libervia-pubsub.service postgresql.service postgresql@.service prosody.service "
     "console-getty.service getty.target apt-daily.timer apt-daily-upgrade.timer dpkg-db-backup.timer e2scrub_all.timer "
     "e2scrub_reap.service systemd-logind.service systemd-logind.socket systemd-modules-load.service"
 ).split()

@@ -4,6 +4,8 @@ from private_machine import CONFIGURATION
 
 KEY_FILE = f"{CONFIGURATION}/server.pem"
 CA_FILE = f"{CONFIGURATION}/ca.pem"
+# The same certificate where every user can read it.
+PUBLIC_CA_FILE = "/etc/test-authorities.pem"
 
 
 def make_certificate(machine, domains, passphrase=None):
@@ -15,6 +17,13 @@ def make_certificate(machine, domains, passphrase=None):
                 "-days", "30", "-subj", f"/CN={domains[0]}", "-addext", f"subjectAltName={names}",
                 "-keyout", KEY_FILE, "-out", CA_FILE, input=passphrase or "")
     machine.run("sh", "-c", f"cat {CA_FILE} >>{KEY_FILE}; chown 0:84 {KEY_FILE} {CA_FILE}; "
-                            f"chmod 0640 {KEY_FILE} {CA_FILE}")
+                            f"chmod 0640 {KEY_FILE} {CA_FILE}; install -m 0644 {CA_FILE} {PUBLIC_CA_FILE}")
     if passphrase is not None:
         machine.write(f"{KEY_FILE}.passphrase", passphrase + "\n", 0o600)
+
+
+def serve_over_tls(service, domains):
+    """Settings with which accounts of the machine can log in to every one of the domains."""
+    make_certificate(service.machine, domains)
+    service.set(f"hostsCommaDelimitedString={','.join(domains)}", f"sslKeyFile={KEY_FILE}", f"sslCAFile={CA_FILE}",
+                "authLevel=STANDARD")

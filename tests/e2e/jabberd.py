@@ -2,11 +2,9 @@
 
 import contextlib
 import re
-import sqlite3
 import subprocess
 
-from private_machine import CONFIGURATION, wait_until
-from service import DATABASE
+from private_machine import CONFIGURATION, add_account, wait_until
 
 _STREAM = ("<stream:stream xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams' "
            "version='1.0' to='%s'>")
@@ -35,7 +33,7 @@ import slixmpp
 jid, *authorities = sys.argv[1:]
 class Client(slixmpp.ClientXMPP):
     def __init__(self):
-        super().__init__(jid, "secret of " + jid, sasl_mech="PLAIN")
+        super().__init__(jid, "secret of " + jid.split("@")[0], sasl_mech="PLAIN")
         if authorities:
             self.ca_certs = authorities[0]
         else:
@@ -54,11 +52,9 @@ client.process(forever=False)
 """
 
 
-def add_user(machine, name, domain):
-    """Gives jabberd an account whose password is "secret of " and its address."""
-    with sqlite3.connect(machine.outside(DATABASE)) as database:
-        database.execute("INSERT INTO authreg (username, realm, password) VALUES (?, ?, ?)",
-                         (name, domain, f"secret of {name}@{domain}"))
+def add_user(machine, name):
+    """Gives the machine an account whose password is "secret of " and its name."""
+    add_account(machine, name, f"secret of {name}")
 
 
 @contextlib.contextmanager

@@ -3,11 +3,11 @@
 import json
 import os
 import plistlib
-import sqlite3
 import subprocess
 
+from certificates import PUBLIC_CA_FILE
+from jabberd import add_user
 from private_machine import wait_until
-from service import DATABASE
 
 LABEL = "com.velto.Beaconry"
 SERVICE_DIRECTORY = f"/run/service/{LABEL}"
@@ -20,7 +20,7 @@ ERROR_LOG = "/var/log/idavoll/error.log"
 DOMAIN = "push.example.test"
 ADDRESS = f"pubsub.{DOMAIN}"
 
-# Carries out the words after the address one by one, "create NODE", "subscribe NODE", "publish NODE TEXT",
+# Carries out the words after the addresses and the file of authorities one by one, "create NODE", "subscribe NODE", "publish NODE TEXT",
 # "delete NODE", "items NODE", "features", and says each result as one line of JSON; "listen" says what comes in until the
 # standard input ends.
 _CLIENT = """
@@ -31,9 +31,9 @@ from slixmpp.xmlstream import ET
 def say(*words):
     print(json.dumps(words), flush=True)
 class Client(slixmpp.ClientXMPP):
-    def __init__(self, jid, service, words):
-        super().__init__(jid, "secret of " + jid, sasl_mech="PLAIN")
-        self["feature_mechanisms"].unencrypted_plain = True
+    def __init__(self, jid, service, authorities, words):
+        super().__init__(jid, "secret of " + jid.split("@")[0])
+        self.ca_certs = authorities
         self.register_plugin("xep_0030")
         self.register_plugin("xep_0060")
         self.service, self.words = service, words
@@ -71,8 +71,8 @@ class Client(slixmpp.ClientXMPP):
         elif word == "listen":
             say("listening")
             await asyncio.get_event_loop().run_in_executor(None, sys.stdin.read)
-client = Client(sys.argv[1], sys.argv[2], sys.argv[3:])
-client.connect(("127.0.0.1", 5218), disable_starttls=True)
+client = Client(sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:])
+client.connect(("127.0.0.1", 5218))
 client.process(forever=False)
 """
 
@@ -127,7 +127,7 @@ class Pubsub:
         """Pid -> command line of every process of the service but the launcher."""
         rows = self.machine.run("ps", "-u", "84", "-o", "pid=,stat=,args=", check=False).stdout.splitlines()
         words = [row.split(maxsplit=2) for row in rows]
-        return {int(pid): args for pid, stat, args in words if "jabberd2-" not in args and not stat.startswith("Z")}
+        return {int(pid): args for pid, stat, args in words if "/jabberd" not in args and not stat.startswith("Z")}
 
     def pid_of(self, part):
         """Of "component" or "PostgreSQL"."""
@@ -160,17 +160,13 @@ class Pubsub:
     # --- clients --------------------------------------------------------------------------------------------
 
     def add_account(self, name):
-        """Where it does not exist yet."""
-        jid = f"{name}@{DOMAIN}"
-        with sqlite3.connect(self.machine.outside(DATABASE)) as database:
-            database.execute("DELETE FROM authreg WHERE username = ? AND realm = ?", (name, DOMAIN))
-            database.execute("INSERT INTO authreg (username, realm, password) VALUES (?, ?, ?)",
-                             (name, DOMAIN, f"secret of {jid}"))
-        return jid
+        """Where it does not exist yet. Its address."""
+        add_user(self.machine, name)
+        return f"{name}@{DOMAIN}"
 
     def ask(self, jid, *words):
         """What the client says to each of the words, in order; not what it is told by the way."""
-        result = self.machine.run("python3", "-c", _CLIENT, jid, ADDRESS, *words, user=65534)
+        result = self.machine.run("python3", "-c", _CLIENT, jid, ADDRESS, PUBLIC_CA_FILE, *words, user=65534)
         said = [json.loads(line) for line in result.stdout.splitlines()]
         return [words for words in said if words[0] != "event"]
 
@@ -186,7 +182,7 @@ class Listener:
     """A client that stays and tells what it is told."""
 
     def __init__(self, machine, jid, words):
-        self._client = machine.popen("python3", "-c", _CLIENT, jid, ADDRESS, *words, "listen", user=65534,
+        self._client = machine.popen("python3", "-c", _CLIENT, jid, ADDRESS, PUBLIC_CA_FILE, *words, "listen", user=65534,
                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
 
     def __enter__(self):

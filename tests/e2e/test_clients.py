@@ -2,27 +2,27 @@
 
 import json
 import signal
-import sqlite3
 import subprocess
 
 import pytest
 
+from certificates import PUBLIC_CA_FILE, serve_over_tls
+from jabberd import add_user
 from private_machine import wait_until
-from service import DATABASE
 
 DOMAINS = ["a.example.test", "b.example.test"]
 SERVICE_DIRECTORY = "/run/service/org.jabber.jabberd_notification"
 RUN_DIRECTORY = "/run/jabberd_notification"
 
-# Logs in in the clear, does the one thing that its second argument names, and says what came of it.
+# Logs in over TLS, does the one thing that its second argument names, and says what came of it.
 _CLIENT = """
 import sys
 import slixmpp
-jid, action = sys.argv[1:]
+jid, action, authorities = sys.argv[1:]
 class Client(slixmpp.ClientXMPP):
     def __init__(self):
-        super().__init__(jid, "secret of " + jid, sasl_mech="PLAIN")
-        self["feature_mechanisms"].unencrypted_plain = True
+        super().__init__(jid, "secret of " + jid.split("@")[0])
+        self.ca_certs = authorities
         self.add_event_handler("session_start", self.begin)
         self.add_event_handler("failed_all_auth", lambda _: self.end("refused"))
     def end(self, text):
@@ -38,19 +38,13 @@ class Client(slixmpp.ClientXMPP):
             items = self.client_roster
             self.end(", ".join(f"{each} {items[each]['name']} {items[each]['groups']}" for each in sorted(items)))
 client = Client()
-client.connect(("127.0.0.1", 5218), disable_starttls=True)
+client.connect(("127.0.0.1", 5218))
 client.process(forever=False)
 """
 
 
 def client(machine, jid, action):
-    return machine.run("python3", "-c", _CLIENT, jid, action).stdout.strip()
-
-
-def add_user(machine, name, domain):
-    with sqlite3.connect(machine.outside(DATABASE)) as database:
-        database.execute("INSERT INTO authreg (username, realm, password) VALUES (?, ?, ?)",
-                         (name, domain, f"secret of {name}@{domain}"))
+    return machine.run("python3", "-c", _CLIENT, jid, action, PUBLIC_CA_FILE, user=65534).stdout.strip()
 
 
 def details(service):
@@ -59,24 +53,25 @@ def details(service):
 
 @pytest.fixture
 def running(service):
-    service.set(f"hostsCommaDelimitedString={','.join(DOMAINS)}", "authLevel=ANYMETHOD")
+    serve_over_tls(service, DOMAINS)
     service.tool("start", check=False)
     return service
 
 
 def test_a_restart_keeps_the_users_of_every_domain_and_their_data(running):
     machine = running.machine
+    add_user(machine, "ann")
     for domain in DOMAINS:
-        add_user(machine, "ann", domain)
         assert client(machine, f"ann@{domain}", "befriend") == "befriended"
     running.tool("restart", check=False)
     for domain in DOMAINS:
         assert client(machine, f"ann@{domain}", "list") == f"friend@{domain} A Friend ['Close']"
 
 
-def test_the_domains_share_no_users(running):
-    add_user(running.machine, "ann", DOMAINS[0])
-    assert client(running.machine, f"ann@{DOMAINS[1]}", "list") == "refused"
+def test_an_account_is_another_user_in_every_domain(running):
+    add_user(running.machine, "ann")
+    assert client(running.machine, f"ann@{DOMAINS[0]}", "befriend") == "befriended"
+    assert client(running.machine, f"ann@{DOMAINS[1]}", "list") == ""
 
 
 def test_the_details_are_told_in_their_order(running):

@@ -2,15 +2,13 @@
 
 import json
 import re
-import sqlite3
 import subprocess
 
 import pytest
 
-from certificates import CA_FILE, KEY_FILE, make_certificate
-from jabberd import Jabberd, mechanisms
+from certificates import CA_FILE, KEY_FILE, make_certificate, serve_over_tls
+from jabberd import Jabberd, add_user, mechanisms
 from private_machine import wait_until
-from service import DATABASE
 
 ONE = ["push.example.test"]
 THREE = ["a.example.test", "b.example.test", "c.example.test"]
@@ -38,17 +36,18 @@ def assert_serves(jabberd, domains, client_port=5218):
 def test_an_instance_fresh_from_its_setup_runs(service):
     with Jabberd(service.machine) as jabberd:
         features = assert_serves(jabberd, ONE)
-        assert mechanisms(features[ONE[0]]) == {"DIGEST-MD5", "GSSAPI"}
+        assert mechanisms(features[ONE[0]]) == {"GSSAPI"}
         jabberd.wait_for_port(5268)
 
 
 @pytest.mark.parametrize("domains", [ONE, THREE], ids=["one", "three"])
 @pytest.mark.parametrize("level, offered", [
-    ("STANDARD", {"DIGEST-MD5", "GSSAPI"}),
+    ("STANDARD", {"GSSAPI"}),
     ("KERBEROS", {"GSSAPI"}),
-    ("ANYMETHOD", {"PLAIN", "DIGEST-MD5", "GSSAPI"}),
+    ("ANYMETHOD", {"PLAIN", "GSSAPI"}),
 ])
 def test_every_authentication_level_is_offered_as_written(service, domains, level, offered):
+    """As far as accounts of the machine go with it: "digest-md5" would need the stored password itself."""
     service.set(f"hostsCommaDelimitedString={','.join(domains)}", f"authLevel={level}")
     with Jabberd(service.machine) as jabberd:
         for features in assert_serves(jabberd, domains).values():
@@ -108,7 +107,7 @@ def test_every_domain_offers_tls_with_the_certificate(service, passphrase):
         assert_serves(jabberd, THREE)
         for domain in THREE:
             seen = json.loads(service.machine.run("python3", "-c", _TLS_CLIENT, domain, CA_FILE).stdout)
-            assert seen == {"required": True, "before": [], "after": ["DIGEST-MD5", "GSSAPI", "PLAIN"],
+            assert seen == {"required": True, "before": [], "after": ["GSSAPI", "PLAIN"],
                             "names": THREE, "version": "TLSv1.3"}
     if passphrase:
         assert passphrase not in service.log()
@@ -121,7 +120,7 @@ import slixmpp
 authorities, first, second = sys.argv[1:]
 class Client(slixmpp.ClientXMPP):
     def __init__(self, jid):
-        super().__init__(jid, "secret of " + jid)
+        super().__init__(jid, "secret of " + jid.split("@")[0])
         self.ca_certs = authorities
         self.ready = asyncio.get_event_loop().create_future()
         self.heard = asyncio.get_event_loop().create_future()
@@ -146,12 +145,8 @@ asyncio.get_event_loop().run_until_complete(talk())
 
 def test_users_of_two_domains_log_in_and_talk(service):
     domains = THREE[:2]
-    make_certificate(service.machine, domains)
-    service.set(f"hostsCommaDelimitedString={','.join(domains)}", f"sslKeyFile={KEY_FILE}", f"sslCAFile={CA_FILE}")
-    with sqlite3.connect(service.machine.outside(DATABASE)) as database:
-        for domain in domains:
-            database.execute('INSERT INTO authreg (username, realm, password) VALUES (?, ?, ?)',
-                             ("ann", domain, f"secret of ann@{domain}"))
+    serve_over_tls(service, domains)
+    add_user(service.machine, "ann")
     with Jabberd(service.machine) as jabberd:
         assert_serves(jabberd, domains)
         heard = service.machine.run("python3", "-c", _TALK, CA_FILE, *(f"ann@{domain}" for domain in domains))

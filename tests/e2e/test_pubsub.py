@@ -11,8 +11,9 @@ import time
 
 import pytest
 
+from certificates import serve_over_tls
 from private_machine import PrivateMachine, wait_until
-from pubsub import (ADDRESS, DATA, ERROR_LOG, LAUNCHER, PID_FILE, ROUTER_DIRECTORY, SERVICE_DIRECTORY,
+from pubsub import (ADDRESS, DATA, DOMAIN, ERROR_LOG, LAUNCHER, PID_FILE, ROUTER_DIRECTORY, SERVICE_DIRECTORY,
                     SETTINGS, Pubsub)
 from service import Service
 
@@ -25,7 +26,7 @@ KILLS = 5
 def pubsub_beside_jabberd(service):
     """The daemon's own settings and a router that runs; the service was never started."""
     made = Pubsub(service)
-    service.set("authLevel=ANYMETHOD")
+    serve_over_tls(service, [DOMAIN])
     assert service.machine.outside(SETTINGS).stat().st_uid == 84
     made.start_router()
     return made

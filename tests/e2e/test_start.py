@@ -7,6 +7,7 @@ import subprocess
 
 import pytest
 
+from certificates import PUBLIC_CA_FILE, serve_over_tls
 from jabberd import Jabberd, add_user, logged_in
 from private_machine import CONFIGURATION, wait_until
 
@@ -322,10 +323,10 @@ def test_the_launcher_explains_itself_and_refuses_what_it_does_not_know(machine)
 
 def test_a_client_logs_in_and_is_counted(two_domains):
     machine = two_domains.machine
-    two_domains.set("authLevel=ANYMETHOD")
-    add_user(machine, "ann", DOMAINS[1])
+    serve_over_tls(two_domains, DOMAINS)
+    add_user(machine, "ann")
     start(two_domains)
     wait_until(lambda: details(two_domains)["currentConnections"] == "0", "the end of the probes")
-    with logged_in(machine, f"ann@{DOMAINS[1]}"):
+    with logged_in(machine, f"ann@{DOMAINS[1]}", PUBLIC_CA_FILE):
         assert details(two_domains)["currentConnections"] == "1"
     wait_until(lambda: details(two_domains)["currentConnections"] == "0", "no connection")

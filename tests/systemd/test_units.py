@@ -5,9 +5,9 @@ import re
 
 import pytest
 
-from jabberd import Jabberd, logged_in
+from certificates import PUBLIC_CA_FILE, serve_over_tls
+from jabberd import Jabberd, add_user, logged_in
 from private_machine import CONFIGURATION, HOST_NAME, wait_until
-from service import DATABASE
 
 JABBERD = "org.jabber.jabberd_notification"
 PUBSUB = "com.velto.Beaconry"
@@ -91,14 +91,13 @@ def test_a_fresh_installation_runs_the_daemon_and_nothing_else(machine):
 
 def test_a_start_serves_clients_and_a_stop_leaves_nothing_behind(service):
     machine = service.machine
-    service.set("authLevel=ANYMETHOD")
-    machine.run("sqlite3", DATABASE, "INSERT INTO authreg (username, realm, password) "
-                f"VALUES ('ann', '{HOST_NAME}', 'secret of ann@{HOST_NAME}')")
+    serve_over_tls(service, [HOST_NAME])
+    add_user(machine, "ann")
     start(service)
     assert_serves(machine)
     assert pid_files(machine) == ["c2s.pid", "router.pid", "s2s.pid", "sm.pid"]
     assert unit(machine) == ("active", "enabled")
-    with logged_in(machine.network, f"ann@{HOST_NAME}"):
+    with logged_in(machine.network, f"ann@{HOST_NAME}", str(machine.outside(PUBLIC_CA_FILE))):
         pass
 
     assert service.tool("stop").stdout == "state: STOPPED\n"
