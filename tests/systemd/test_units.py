@@ -11,7 +11,8 @@ from private_machine import CONFIGURATION, HOST_NAME, wait_until
 
 JABBERD = "org.jabber.jabberd_notification"
 PUBSUB = "com.velto.Beaconry"
-UNITS = ["tessardd", JABBERD, PUBSUB]
+SASLAUTHD = "tessard-saslauthd"
+UNITS = ["tessardd", JABBERD, PUBSUB, SASLAUTHD]
 RUN_DIRECTORY = "/run/jabberd_notification"
 # Exit status of tessardctl when the state is not the one asked for.
 NOT_AS_WANTED = 69
@@ -236,3 +237,29 @@ def test_the_publish_subscribe_service_runs_beside_jabberd_and_comes_back(servic
     assert machine.unit(PUBSUB)["Result"] == "success"
     assert machine.run("pgrep", "-u", "84", "postgres", check=False).stdout == ""
     assert state_of_jabberd(service) == "RUNNING"
+
+
+def test_saslauthd_runs_as_long_as_jabberd_and_comes_back_by_itself(service):
+    machine = service.machine
+    assert unit(machine, SASLAUTHD) == ("inactive", "static")
+    serve_over_tls(service, [HOST_NAME])
+    add_user(machine, "ann")
+    start(service)
+    assert unit(machine, SASLAUTHD) == ("active", "static")
+    before, jabberd = machine.unit(SASLAUTHD)["MainPID"], components(machine)
+    status = status_of(machine, before)
+    # dac_read_search, audit_write
+    assert int(status["CapBnd"], 16) == 1 << 2 | 1 << 29
+    assert (status["Gid"].split(), status["NoNewPrivs"].strip()) == (["84"] * 4, "1")
+    directory = machine.outside("/run/tessard-saslauthd").stat()
+    assert (directory.st_uid, directory.st_gid, directory.st_mode & 0o7777) == (0, 84, 0o710)
+
+    for how in (("kill", "-KILL", before), ("systemctl", "restart", f"{SASLAUTHD}.service")):
+        machine.run(*how)
+        wait_until(lambda: unit(machine, SASLAUTHD)[0] == "active" and machine.unit(SASLAUTHD)["MainPID"] not in ("0", before),
+                   "the next saslauthd")
+        with logged_in(machine.network, f"ann@{HOST_NAME}", str(machine.outside(PUBLIC_CA_FILE))):
+            assert components(machine) == jabberd
+    service.tool("stop")
+    wait_until(lambda: unit(machine, SASLAUTHD)[0] == "inactive", "the end of saslauthd")
+    assert machine.system_state() == "running"
