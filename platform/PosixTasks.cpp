@@ -89,6 +89,12 @@ Result<std::vector<std::string>> PosixTasks::argumentsFor(const std::string& pro
   return texts;
 }
 
+std::vector<std::string> PosixTasks::environment() const {
+  std::vector<std::string> variables = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8"};
+  if (!prefix_.empty()) variables.push_back("TESSARD_ROOT=" + prefix_);
+  return variables;
+}
+
 TaskResult PosixTasks::start(std::string_view program, const std::vector<TaskArgument>& arguments,
                              std::optional<std::string_view> input, bool capture) const {
   if (program.find('\0') != std::string_view::npos) {
@@ -100,7 +106,7 @@ TaskResult PosixTasks::start(std::string_view program, const std::vector<TaskArg
   if (!texts) return {kNotStarted, "", texts.error().description()};
   return run({.program = located.value(),
               .arguments = std::move(texts).value(),
-              .environment = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8"},
+              .environment = environment(),
               .input = input,
               .capture = capture,
               .captureLimit = kCaptureLimit,

@@ -18,10 +18,11 @@ namespace tessard {
 /// machine has them. Path arguments get the system root in front, ".." in them ending at the root; the root
 /// "/" leaves them as they are.
 ///
-/// The environment is PATH and LANG=C.UTF-8 alone, the working directory "/", the umask this process's. A
-/// program that takes too long gets TERM, 2 seconds later KILL, with its whole process group. Refused without
-/// a start (127): a program or path argument that is not absolute, and a NUL byte anywhere. How this process
-/// must treat SIGCHLD and what a call leaves running stands at `ChildProcess`. Any thread may call.
+/// The environment is PATH and LANG=C.UTF-8 alone, and where the system root is not "/" TESSARD_ROOT, for our
+/// own programs to know it; the working directory is "/", the umask this process's. A program that takes too
+/// long gets TERM, 2 seconds later KILL, with its whole process group. Refused without a start (127): a
+/// program or path argument that is not absolute, and a NUL byte anywhere. How this process must treat
+/// SIGCHLD and what a call leaves running stands at `ChildProcess`. Any thread may call.
 class PosixTasks : public Tasks {
  public:
   static constexpr std::size_t kCaptureLimit = std::size_t{16} * 1024 * 1024;
@@ -38,6 +39,7 @@ class PosixTasks : public Tasks {
   Result<std::string> locate(std::string_view program) const;
   Result<std::vector<std::string>> argumentsFor(const std::string& program,
                                                 const std::vector<TaskArgument>& arguments) const;
+  std::vector<std::string> environment() const;
   TaskResult start(std::string_view program, const std::vector<TaskArgument>& arguments,
                    std::optional<std::string_view> input, bool capture) const;
 

@@ -213,6 +213,7 @@ class PrivateMachine:
                 (place / child.name).symlink_to(f"/host/usr/{entry.name}/{child.name}")
         self._show(self.build / "bin/tessardctl", "bin/tessardctl")
         self._show(self.build / "bin/tessardd", "sbin/tessardd")
+        self._show(self.build / "programs/keywarden", "sbin/keywarden")
         self._show(self.build / "bundles", "share/tessardd/bundles")
         self._show(PROJECT / "share/templates", "share/tessardd/templates")
         self._show(PROJECT / "programs/pubsub", "libexec/tessardd/pubsub")

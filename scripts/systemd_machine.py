@@ -165,6 +165,7 @@ class SystemdMachine:
             return
         _copy(self.build / "bin/tessardctl", root / "usr/bin/tessardctl")
         _copy(self.build / "bin/tessardd", root / "usr/sbin/tessardd")
+        _copy(self.build / "programs/keywarden", root / "usr/sbin/keywarden")
         _copy(self.build / "bundles", root / "usr/share/tessardd/bundles")
         for name, place in (("templates", "usr/share/tessardd/templates"), ("systemd", "usr/lib/systemd/system"),
                             ("sysusers.d", "usr/lib/sysusers.d"), ("pam.d", "etc/pam.d"), ("tmpfiles.d", "usr/lib/tmpfiles.d")):

@@ -2,6 +2,7 @@
 
 from private_machine import CONFIGURATION
 
+KEYWARDEN = "/usr/sbin/keywarden"
 KEY_FILE = f"{CONFIGURATION}/server.pem"
 CA_FILE = f"{CONFIGURATION}/ca.pem"
 # The same certificate where every user can read it.
@@ -10,7 +11,7 @@ PUBLIC_CA_FILE = "/etc/test-authorities.pem"
 
 def make_certificate(machine, domains, passphrase=None):
     """One file with a key and its self-signed certificate, readable by jabberd, and one with the certificate
-    alone. With a pass phrase the key is encrypted, and the pass phrase kept where it is looked for."""
+    alone. With a pass phrase the key is encrypted, and the pass phrase kept in the keychain."""
     names = ",".join(f"DNS:{domain}" for domain in domains)
     sealing = ["-noenc"] if passphrase is None else ["-passout", "stdin"]
     machine.run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", *sealing,
@@ -19,7 +20,7 @@ def make_certificate(machine, domains, passphrase=None):
     machine.run("sh", "-c", f"cat {CA_FILE} >>{KEY_FILE}; chown 0:84 {KEY_FILE} {CA_FILE}; "
                             f"chmod 0640 {KEY_FILE} {CA_FILE}; install -m 0644 {CA_FILE} {PUBLIC_CA_FILE}")
     if passphrase is not None:
-        machine.write(f"{KEY_FILE}.passphrase", passphrase + "\n", 0o600)
+        machine.run(KEYWARDEN, "passphrase", "set", KEY_FILE, input=passphrase + "\n")
 
 
 def serve_over_tls(service, domains):

@@ -2,12 +2,8 @@
 
 import subprocess
 
-import pytest
+from private_machine import wait_until
 
-from certificates import KEY_FILE, make_certificate
-from private_machine import CONFIGURATION, wait_until
-
-KEYWARDEN = "/usr/libexec/tessardd/keywarden"
 NETSTAT = ("/usr/libexec/tessardd/netstat", "-n", "-f", "inet", "-p", "TCP")
 
 # A server and a client of it, both on the loopback; ends with its standard input.
@@ -32,10 +28,6 @@ mapped.bind(("::ffff:127.0.0.1", 5268))
 mapped.listen()
 sys.stdin.read()
 """
-
-
-def ask(machine, path=KEY_FILE):
-    return machine.run(KEYWARDEN, "--get-private-key-passphrase", path, check=False)
 
 
 def test_connections_are_listed_with_ports_behind_dots(machine):
@@ -81,51 +73,4 @@ def test_no_connections_give_the_head_alone(machine):
 def test_other_options_of_netstat_are_refused(machine):
     for words in (("-a",), ("-f", "inet6"), ("-p", "UDP"), ("-f",), ("-n", "inet")):
         result = machine.run(NETSTAT[0], *words, check=False)
-        assert (result.returncode, result.stdout) == (64, "")
-
-
-def test_a_key_in_the_clear_and_a_missing_file_have_no_pass_phrase(machine):
-    machine.run("mkdir", "-p", CONFIGURATION)
-    make_certificate(machine, ["a.example.test"])
-    for path in (KEY_FILE, "/nowhere.pem"):
-        result = ask(machine, path)
-        assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
-
-
-@pytest.mark.parametrize("traditional", [False, True], ids=["PKCS 8", "traditional"])
-def test_the_pass_phrase_that_is_kept_opens_the_key(machine, traditional):
-    machine.run("mkdir", "-p", CONFIGURATION)
-    make_certificate(machine, ["a.example.test"], " \\\"two  words'\t")
-    if traditional:
-        machine.run("openssl", "ec", "-in", KEY_FILE, "-out", "/tmp/key.pem", "-aes256", "-passin", "stdin",
-                    "-passout", f"file:{KEY_FILE}.passphrase", input=" \\\"two  words'\t\n")
-        assert "Proc-Type: 4,ENCRYPTED" in machine.read("/tmp/key.pem")
-        machine.run("cp", "/tmp/key.pem", KEY_FILE)
-    told = ask(machine)
-    assert (told.returncode, told.stdout) == (0, " \\\"two  words'\t\n")
-    machine.run("openssl", "pkey", "-in", KEY_FILE, "-noout", "-passin", "stdin", input=told.stdout)
-
-
-@pytest.mark.parametrize("owner, mode", [((1001, 0), 0o600), ((0, 0), 0o640), ((0, 0), 0o644), ((0, 84), 0o660)])
-def test_a_pass_phrase_that_others_could_read_or_change_is_not_used(machine, owner, mode):
-    machine.run("mkdir", "-p", CONFIGURATION)
-    make_certificate(machine, ["a.example.test"], "secret")
-    machine.write(f"{KEY_FILE}.passphrase", "secret\n", mode, owner)
-    result = ask(machine)
-    assert (result.returncode, result.stdout) == (77, "")
-    assert "must belong to root and have mode 0600" in result.stderr
-
-
-def test_a_pass_phrase_that_is_not_kept_is_said_to_be_missing(machine):
-    machine.run("mkdir", "-p", CONFIGURATION)
-    make_certificate(machine, ["a.example.test"], "secret")
-    machine.outside(f"{KEY_FILE}.passphrase").unlink()
-    result = ask(machine)
-    assert (result.returncode, result.stdout) == (66, "")
-    assert f"there is no \"{KEY_FILE}.passphrase\"" in result.stderr
-
-
-def test_wrong_usage_of_keywarden_is_refused(machine):
-    for words in ((), ("--get-private-key-passphrase",), ("--other", KEY_FILE)):
-        result = machine.run(KEYWARDEN, *words, check=False)
         assert (result.returncode, result.stdout) == (64, "")

@@ -170,6 +170,13 @@ TEST(PosixTasks, TheProgramStartsWithNoSignalBlockedOrIgnored) {
   EXPECT_THAT(result.output, MatchesRegex("SigBlk:\t0000000000000000\nSigIgn:\t0000000[01][08]0000000\n"));
 }
 
+TEST(PosixTasks, ProgramsOnAnotherRootAreToldOfIt) {
+  const ScratchRoot root;
+  PosixTasks tasks(root.path() + "/");
+  EXPECT_EQ(tasks.launch_task("/usr/bin/env", {}).output,
+            "PATH=/usr/sbin:/usr/bin:/sbin:/bin\nLANG=C.UTF-8\nTESSARD_ROOT=" + root.path() + "\n");
+}
+
 TEST(PosixTasks, TheEnvironmentHoldsPathAndLanguageAlone) {
   ::setenv("TESSARD_TEST_SECRET", "hidden", 1);
   PosixTasks tasks("/");

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/keychain/Secret.h"
+
+namespace tessard {
+
+/// A secret from the person at the terminal, who does not see it while typing, or else the first line of
+/// standard input. Absent when there is none or it was called off. On a signal the terminal shows again what
+/// is typed.
+std::optional<Secret> readSecret(const std::string& prompt);
+
+}  // namespace tessard
