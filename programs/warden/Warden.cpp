@@ -104,9 +104,11 @@ class Warden {
     const auto path = std::filesystem::absolute(file, problem);
     if (problem) return unreadable(file, SystemError(problem.value()));
     // A file of the machine, wherever the keychain is.
-    const auto read = PosixFileSystem().readFile(path.string(), kImportLimit);
+    auto read = PosixFileSystem().readFile(path.string(), kImportLimit);
     if (!read && read.error().code() != EFBIG) return unreadable(file, read.error());
     const Secret bytes(read ? std::string_view(read.value()) : std::string_view());
+    // There may be a key in it that nothing protects.
+    if (read) OPENSSL_cleanse(read.value().data(), read.value().size());
     if (!read) return output_.failure("too-large", fill("%@ is larger than 1 MiB.", {file}), EX_DATAERR);
     auto report = manager_.importFile(bytes.view(), nullptr, arguments_.identity);
     if (!report && report.error().problem == KeychainProblem::passPhraseNeeded) {

@@ -1,0 +1,30 @@
+#include <gtest/gtest.h>
+
+#include "platform/PosixTasks.h"
+#include "platform/keychain/KeychainManager.h"
+#include "tests/support/FakeClock.h"
+#include "tests/support/ScratchRoot.h"
+#include "tests/support/TestCertificates.h"
+
+namespace tessard {
+namespace {
+
+TEST(Keywarden, ATaskOnAnotherRootIsToldThePassPhraseThatThisRootsKeychainHolds) {
+  const ScratchRoot root;
+  FakeClock clock;
+  const std::string pem = TestCertificate("a").keyPem("secret words");
+  root.write("/private/etc/key.pem", pem);
+  PosixTasks tasks(root.path(), KEYWARDEN_DIRECTORY);
+  const auto ask = [&] {
+    return tasks.launch_task("/usr/sbin/keywarden", {TaskArgument::text("--get-private-key-passphrase"),
+                                                     TaskArgument::path("/private/etc/key.pem")});
+  };
+  EXPECT_EQ(ask().status, 66);
+  ASSERT_TRUE(KeychainManager(root.path(), clock).setPassPhrase("/etc/key.pem", pem, Secret("secret words")));
+  const TaskResult told = ask();
+  EXPECT_EQ(told.status, 0) << told.errorText;
+  EXPECT_EQ(told.output, "secret words\n");
+}
+
+}  // namespace
+}  // namespace tessard
