@@ -4,7 +4,9 @@ import tempfile
 
 import pytest
 
-from hosttools import Daemon, buildDirectory
+from hosttools import PLUGIN_BUNDLE, Daemon, buildDirectory
+
+SOURCE = __file__.rpartition("/tests/")[0]
 
 
 @pytest.fixture
@@ -41,4 +43,29 @@ def makeDaemon(root):
 
 @pytest.fixture
 def daemon(makeDaemon):
+    return makeDaemon("--idle-seconds", "0")
+
+
+@pytest.fixture
+def pluginRoot(root):
+    """A scratch root as it is after installing, before first-time setup."""
+    target = root / "usr/share/tessardd/bundles/tessard_notification.bundle"
+    shutil.rmtree(target)
+    shutil.copytree(PLUGIN_BUNDLE, target)
+    (root / "etc").mkdir()
+    (root / "etc/hostname").write_text("push.example.com\n")
+    (root / "etc/hosts").write_text("127.0.0.1 push.example.com push\n")
+    for directory in ["private", "run", "var/jabberd"]:
+        (root / directory).mkdir(parents=True)
+    (root / "private/etc").symlink_to("../etc")
+    (root / "private/var").symlink_to("../var")
+    (root / "var/run").symlink_to("../run")
+    shutil.copytree(f"{SOURCE}/share/templates", root / "etc/jabberd_notification")
+    database = root / "var/jabberd"
+    (database / "db-setup.sqlite").write_text("CREATE TABLE active (owner TEXT);\n")
+    return root
+
+
+@pytest.fixture
+def plugin(pluginRoot, makeDaemon):
     return makeDaemon("--idle-seconds", "0")

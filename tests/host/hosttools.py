@@ -6,11 +6,14 @@ import json
 import os
 import pathlib
 import plistlib
+import pty
 import select
 import signal
 import socket
 import subprocess
 import time
+
+import pytest
 
 PATIENCE = 60  # seconds after which a test is stuck; nothing waits for it to pass
 NOBODY = 65534
@@ -18,6 +21,11 @@ NOBODY = 65534
 
 def buildDirectory():
     return pathlib.Path(os.environ["TESSARD_BUILD_DIR"]).resolve()
+
+
+PLUGIN_BUNDLE = buildDirectory() / "bundles/tessard_notification.bundle"
+needsPlugin = pytest.mark.skipif(
+    not (PLUGIN_BUNDLE / "Contents/Linux/tessard_notification.so").exists(), reason="the plug-in's bundle is not built")
 
 
 def waitUntil(condition, what):
@@ -179,6 +187,48 @@ class Daemon:
             text=True,
             timeout=PATIENCE,
         )
+
+
+class TerminalTool:
+    """The command-line tool on a terminal of its own, which is its standard error, and with `whole` its standard
+    input and output too."""
+
+    def __init__(self, daemon, *words, whole=False, **environment):
+        self._ours, its = pty.openpty()
+        self.process = subprocess.Popen(
+            [buildDirectory() / "bin/tessardctl", "--socket", daemon.socket, *words],
+            stdin=its if whole else subprocess.DEVNULL,
+            stdout=its if whole else subprocess.DEVNULL,
+            stderr=its,
+            env={**{k: v for k, v in os.environ.items() if k != "NO_COLOR"}, **environment},
+        )
+        os.close(its)
+        self.shown = b""
+
+    def awaitText(self, text):
+        while text not in self.shown:
+            assert self._read(), f"the tool has ended and showed {self.shown}"
+
+    def type(self, text):
+        os.write(self._ours, text)
+
+    def finish(self):
+        """The exit status, once the tool has ended by itself."""
+        while self._read():
+            pass
+        os.close(self._ours)
+        return self.process.wait(PATIENCE)
+
+    def _read(self):
+        """Whether anything came before the tool ended."""
+        readable, _, _ = select.select([self._ours], [], [], PATIENCE)
+        assert readable, f"the tool shows no more than {self.shown}"
+        try:
+            part = os.read(self._ours, 4096)
+        except OSError:
+            part = b""
+        self.shown += part
+        return part != b""
 
 
 class RunningRequest:

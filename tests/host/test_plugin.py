@@ -2,43 +2,13 @@
 
 import json
 import plistlib
-import shutil
 import sqlite3
 
 import pytest
 
-from hosttools import buildDirectory
+from hosttools import needsPlugin
 
-BUNDLE = buildDirectory() / "bundles/tessard_notification.bundle"
-SOURCE = __file__.rpartition("/tests/")[0]
-
-pytestmark = pytest.mark.skipif(
-    not (BUNDLE / "Contents/Linux/tessard_notification.so").exists(), reason="the plug-in's bundle is not built")
-
-
-@pytest.fixture
-def pluginRoot(root):
-    """A scratch root as it is after installing, before first-time setup."""
-    target = root / "usr/share/tessardd/bundles/tessard_notification.bundle"
-    shutil.rmtree(target)
-    shutil.copytree(BUNDLE, target)
-    (root / "etc").mkdir()
-    (root / "etc/hostname").write_text("push.example.com\n")
-    (root / "etc/hosts").write_text("127.0.0.1 push.example.com push\n")
-    for directory in ["private", "run", "var/jabberd"]:
-        (root / directory).mkdir(parents=True)
-    (root / "private/etc").symlink_to("../etc")
-    (root / "private/var").symlink_to("../var")
-    (root / "var/run").symlink_to("../run")
-    shutil.copytree(f"{SOURCE}/share/templates", root / "etc/jabberd_notification")
-    database = root / "var/jabberd"
-    (database / "db-setup.sqlite").write_text("CREATE TABLE active (owner TEXT);\n")
-    return root
-
-
-@pytest.fixture
-def plugin(pluginRoot, makeDaemon):
-    return makeDaemon("--idle-seconds", "0")
+pytestmark = needsPlugin
 
 
 def ask(daemon, command, **entries):

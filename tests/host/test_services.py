@@ -2,12 +2,11 @@
 
 import os
 import plistlib
-import pty
 import subprocess
 
 import pytest
 
-from hosttools import PATIENCE, RunningRequest, buildDirectory
+from hosttools import RunningRequest, TerminalTool
 
 LABEL = "org.jabber.jabberd_notification"
 
@@ -125,27 +124,14 @@ def test_the_details_show_the_parts_to_people_and_the_answer_alone_to_programs(d
 def test_a_start_that_is_waited_for_shows_each_part_once_for_each_of_its_states(daemon):
     publish(daemon, "starting", [("router", "starting", 76), ("c2s", "waiting", 0)])
     running = RunningRequest(daemon)
-    ours, its = pty.openpty()
-    tool = subprocess.Popen(
-        [buildDirectory() / "bin/tessardctl", "--socket", daemon.socket, "start"],
-        stdout=subprocess.DEVNULL,
-        stderr=its,
-    )
-    os.close(its)
-    shown = b""
-
-    def awaitText(text):
-        nonlocal shown
-        while text not in shown:
-            shown += os.read(ours, 4096)
-
-    awaitText(b"  jabberd_notification/c2s: waiting\r\n")
+    tool = TerminalTool(daemon, "start")
+    tool.awaitText(b"  jabberd_notification/c2s: waiting\r\n")
     publish(daemon, "starting", [("router", "ready", 76), ("c2s", "waiting", 0)])
-    awaitText(b"  jabberd_notification/router: ready\r\n")
+    tool.awaitText(b"  jabberd_notification/router: ready\r\n")
     running.finish()
-    assert tool.wait(PATIENCE) == 0
-    os.close(ours)
-    assert shown.count(b"router: starting") == shown.count(b"router: ready") == shown.count(b"c2s: waiting") == 1
+    assert tool.finish() == 0
+    for line in (b"router: starting", b"router: ready", b"c2s: waiting"):
+        assert tool.shown.count(line) == 1
 
 
 def test_without_a_terminal_a_start_shows_no_progress(daemon):

@@ -1,14 +1,12 @@
 """The command-line tool."""
 
 import json
-import os
 import plistlib
-import pty
 import subprocess
 
 import pytest
 
-from hosttools import PATIENCE, RunningRequest, buildDirectory, waitUntil
+from hosttools import PATIENCE, RunningRequest, TerminalTool, buildDirectory, waitUntil
 
 
 def test_state_is_shown(daemon):
@@ -259,26 +257,9 @@ def test_output_that_cannot_be_written_is_told(daemon):
 
 def onTerminal(daemon, *words, **environment):
     """What the tool writes to a terminal on standard error."""
-    ours, its = pty.openpty()
-    tool = subprocess.Popen(
-        [buildDirectory() / "bin/tessardctl", "--socket", daemon.socket, *words],
-        stdout=subprocess.DEVNULL,
-        stderr=its,
-        env={**{k: v for k, v in os.environ.items() if k != "NO_COLOR"}, **environment},
-    )
-    os.close(its)
-    written = b""
-    while True:
-        try:
-            part = os.read(ours, 4096)
-        except OSError:
-            break
-        if not part:
-            break
-        written += part
-    os.close(ours)
-    assert tool.wait(PATIENCE) is not None
-    return written
+    tool = TerminalTool(daemon, *words, **environment)
+    tool.finish()
+    return tool.shown
 
 
 def test_messages_are_coloured_on_a_terminal_alone_and_not_against_the_users_wish(daemon):
@@ -289,19 +270,10 @@ def test_messages_are_coloured_on_a_terminal_alone_and_not_against_the_users_wis
 
 def test_a_long_wait_shows_its_progress_on_a_terminal(daemon):
     running = RunningRequest(daemon)
-    ours, its = pty.openpty()
-    tool = subprocess.Popen(
-        [buildDirectory() / "bin/tessardctl", "--socket", daemon.socket, "state"],
-        stdout=subprocess.DEVNULL,
-        stderr=its,
-    )
-    os.close(its)
-    shown = b""
-    while b"waiting for the answer, 2 s" not in shown:
-        shown += os.read(ours, 4096)
+    tool = TerminalTool(daemon, "state")
+    tool.awaitText(b"waiting for the answer, 2 s")
     running.finish()
-    assert tool.wait(PATIENCE) == 0
-    os.close(ours)
+    assert tool.finish() == 0
 
 
 def test_help_has_an_example_for_each_verb_and_version_is_told(daemon):
