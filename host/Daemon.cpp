@@ -26,7 +26,6 @@
 #include "host/ServiceManagers.h"
 #include "host/Version.h"
 #include "host/WorkSlot.h"
-#include "platform/AbsentLogReader.h"
 #include "platform/DirectoryBundles.h"
 #include "platform/FileDescriptor.h"
 #include "platform/LinuxHostNames.h"
@@ -39,6 +38,7 @@
 #include "platform/UnistringUnicode.h"
 #include "platform/accounts/LibuserDirectory.h"
 #include "platform/keychain/SqliteKeychain.h"
+#include "platform/logs/LinuxLogReader.h"
 
 namespace tessard {
 
@@ -107,7 +107,8 @@ struct RealPlatform {
         network(chooseNetwork(configuration, files, questionTasks, log, syslog)),
         bundles(files),
         keychain(configuration.root, rootIsThisUser(),
-                 [this](const std::string& problem) { Object(log).logError_source(problem, ""); }) {}
+                 [this](const std::string& problem) { Object(log).logError_source(problem, ""); }),
+        logs(configuration.root) {}
 
   // Before the parts that have threads.
   LibuserDirectory directory;
@@ -126,7 +127,7 @@ struct RealPlatform {
   UnistringUnicode unicode;
   DirectoryBundles bundles;
   SqliteKeychain keychain;
-  AbsentLogReader logs;
+  LinuxLogReader logs;
   Platform platform{files,  tasks,   *services, processes, hostNames, *network, clock,
                     random, unicode, bundles,   directory, keychain,  logs,     log};
 };

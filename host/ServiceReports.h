@@ -4,6 +4,7 @@
 
 #include "common/Value.h"
 #include "platform/PosixFileSystem.h"
+#include "platform/logs/LinuxLogReader.h"
 
 namespace tessard {
 
@@ -15,13 +16,13 @@ class ServiceReports {
 
   /// Label -> {"state", "reason" (where there is one), "parts": [{"name", "state", "pid", "log"}]}.
   /// The states are those of `ServiceStatus` and "lost", for a launcher that is gone without a word. "log",
-  /// an array of strings, holds the last lines of a part that has ended by itself. Pids and lines are those
-  /// of this machine's processes.
+  /// an array of strings, holds the last lines in the system log of a part that has ended by itself. Pids and
+  /// lines are those of this machine's processes.
   Dictionary all() const;
 
  private:
-  std::string logFile_;
   mutable PosixFileSystem files_;
+  mutable LinuxLogReader logs_;
 };
 
 }  // namespace tessard

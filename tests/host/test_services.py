@@ -63,7 +63,7 @@ def test_a_part_that_has_ended_is_told_with_its_last_lines(daemon):
     failed(daemon)
     service = services(daemon)[LABEL]
     assert (service["state"], service["reason"]) == ("failed", "The component sm has ended with exit status 1.")
-    assert [part.get("log") for part in service["parts"]] == [None, ["x sm[77]: no \033[2J driver"], None]
+    assert [part.get("log") for part in service["parts"]] == [None, ["x sm[77]: no \u241b[2J driver"], None]
 
 
 @pytest.mark.parametrize("state", ["starting", "running", "stopping"])
@@ -101,7 +101,7 @@ def test_a_failed_start_says_which_part_is_missing_and_its_last_lines(daemon):
     assert done.stderr.splitlines()[-4:] == [
         "jabberd_notification (failed): The component sm has ended with exit status 1.",
         "  sm (sm.xml): ended",
-        "    x sm[77]: no \\x1b[2J driver",
+        "    x sm[77]: no \u241b[2J driver",
         "  c2s: waiting",
     ]
 

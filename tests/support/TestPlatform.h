@@ -1,11 +1,11 @@
 #pragma once
 
 #include "common/Platform.h"
-#include "platform/AbsentLogReader.h"
 #include "platform/PosixFileSystem.h"
 #include "platform/UnistringUnicode.h"
 #include "platform/accounts/LibuserDirectory.h"
 #include "platform/keychain/SqliteKeychain.h"
+#include "platform/logs/LinuxLogReader.h"
 #include "tests/support/FakeBundles.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/FakeHostNames.h"
@@ -15,6 +15,7 @@
 #include "tests/support/FaultyFileSystem.h"
 #include "tests/support/FaultyKeychain.h"
 #include "tests/support/RecordingLog.h"
+#include "tests/support/RecordingLogReader.h"
 #include "tests/support/RecordingServiceManager.h"
 #include "tests/support/ScratchRoot.h"
 #include "tests/support/ScriptedTasks.h"
@@ -23,9 +24,9 @@
 namespace tessard {
 
 /// Everything outside for one test: a scratch system root with the real classes for files, accounts and the
-/// keychain, recorded and open to failures, the real Unicode class, and recording fakes for the rest. Hand it
-/// to code as a `Platform&`. Where the user of the machine cannot give files away, the ids 0, 1, 80 and 84
-/// stand for the user's own.
+/// keychain, recorded and open to failures, and for logs, recorded; the real Unicode class, and recording
+/// fakes for the rest. Hand it to code as a `Platform&`. Where the user of the machine cannot give files
+/// away, the ids 0, 1, 80 and 84 stand for the user's own.
 class TestPlatform {
  public:
   TestPlatform();
@@ -48,7 +49,8 @@ class TestPlatform {
   FaultyDirectory directory{accounts};
   SqliteKeychain sqliteKeychain;
   FaultyKeychain keychain{sqliteKeychain};
-  AbsentLogReader logs;
+  LinuxLogReader linuxLogs{root.path()};
+  RecordingLogReader logs{linuxLogs};
   RecordingLog log;
 
   Platform platform{files,  tasks,   services, processes, hostNames, network, clock,
