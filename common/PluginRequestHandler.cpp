@@ -6,4 +6,8 @@ Dictionary PluginRequestHandler::responseForError(std::string_view code) const {
   return {{"error", code}};
 }
 
+std::optional<Dictionary> PluginRequestHandler::logPaths() {
+  return std::nullopt;
+}
+
 }  // namespace tessard

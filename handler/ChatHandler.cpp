@@ -25,7 +25,7 @@ constexpr int kTCP = 1;
 }  // namespace
 
 NOTIFICATION_PLUGIN_ChatHandler::NOTIFICATION_PLUGIN_ChatHandler(Platform& platform)
-    : PluginRequestHandler(platform.log), platform_(platform) {}
+    : PluginRequestHandler(platform), platform_(platform) {}
 
 NOTIFICATION_PLUGIN_ChatHandler::~NOTIFICATION_PLUGIN_ChatHandler() {
   dealloc();
@@ -66,12 +66,20 @@ PluginRequestHandler::Operation NOTIFICATION_PLUGIN_ChatHandler::operationForCom
     operation = [this](const Dictionary& request) { return writeSettingsWithRequest(request); };
   } else if (command == "initialSetup") {
     operation = [this](const Dictionary& request) { return initialSetupWithRequest(request); };
+  } else if (command == "tailFile") {
+    operation = [this](const Dictionary& request) { return tailFileWithRequest(request); };
+  } else if (command == "getLogPaths") {
+    operation = [this](const Dictionary& request) { return getLogPathsWithRequest(request); };
   } else if (command == "getConfiguredServices") {
     operation = [this](const Dictionary& request) { return getConfiguredServicesWithRequest(request); };
   } else if (command == "addService") {
     operation = [this](const Dictionary& request) { return addServiceWithRequest(request); };
   } else if (command == "removeService") {
     operation = [this](const Dictionary& request) { return removeServiceWithRequest(request); };
+  } else if (command == "getServiceUser") {
+    operation = [this](const Dictionary& request) { return getServiceUserWithRequest(request); };
+  } else if (command == "setKorvsCertificate") {
+    operation = [this](const Dictionary& request) { return setKorvsCertificateWithRequest(request); };
   } else {
     return operation;
   }
@@ -97,7 +105,8 @@ void NOTIFICATION_PLUGIN_ChatHandler::runCatching(const std::string& what,
 
 bool NOTIFICATION_PLUGIN_ChatHandler::commandChangesState(std::string_view command) {
   return command == "setState" || command == "writeSettings" || command == "initialSetup" ||
-         command == "addService" || command == "removeService";
+         command == "addService" || command == "removeService" || command == "getServiceUser" ||
+         command == "setKorvsCertificate";
 }
 
 int NOTIFICATION_PLUGIN_ChatHandler::doIdleAtCount(int /*count*/) {

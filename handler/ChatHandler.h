@@ -56,12 +56,28 @@ class NOTIFICATION_PLUGIN_ChatHandler : public PluginRequestHandler {
   /// is loaded.
   Dictionary writeSettingsWithRequest(const Dictionary& request);
   Dictionary initialSetupWithRequest(const Dictionary& request);
+  /// The base's operation, with a filter added for the logs that other services write to as well.
+  Dictionary tailFileWithRequest(const Dictionary& request) override;
+  /// The paths of the notification service's logs by their identifiers; an empty dictionary before the
+  /// service data is there.
+  Dictionary getLogPathsWithRequest(const Dictionary& request);
   /// {"configuredServices"}, or an empty dictionary before the service data is there.
   Dictionary getConfiguredServicesWithRequest(const Dictionary& request);
   /// What the notification atom answers. A request without "service" or "hostName" is answered with
   /// "INVALID_ARG_ERR".
   std::optional<Dictionary> addServiceWithRequest(const Dictionary& request);
   std::optional<Dictionary> removeServiceWithRequest(const Dictionary& request);
+  /// What the notification atom answers, an empty dictionary before the service data is there. Makes the
+  /// account when there is none yet. A "service" that is missing or no string is answered with
+  /// "INVALID_ARG_ERR".
+  std::optional<Dictionary> getServiceUserWithRequest(const Dictionary& request);
+  /// What the notification atom answers. A "certificateName" that is no string is answered with
+  /// "INVALID_ARG_ERR".
+  std::optional<Dictionary> setKorvsCertificateWithRequest(const Dictionary& request);
+
+ protected:
+  /// Those of all services.
+  std::optional<Dictionary> logPaths() override;
 
  private:
   /// What both forms of the state answer are made of.
@@ -75,6 +91,7 @@ class NOTIFICATION_PLUGIN_ChatHandler : public PluginRequestHandler {
   bool passGate();
   NOTIFICATION_PLUGIN_ChatServiceAtom* notificationAtom() const;
   std::optional<Dictionary> refusalOfServiceRequest(const Dictionary& request) const;
+  Dictionary refusal(std::string_view what, std::string_view problem) const;
   void addDetails(RunningState running, Dictionary& answer);
   std::string startedTime(RunningState running);
   std::string currentConnections(RunningState running);

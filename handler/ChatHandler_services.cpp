@@ -1,4 +1,5 @@
 #include "common/Format.h"
+#include "common/Utf8.h"
 #include "coordinator/SettingsProblems.h"
 #include "handler/ChatHandler.h"
 
@@ -34,8 +35,34 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatHandler::refusalOfServiceReque
     const Dictionary& request) const {
   const auto problem = problemWithServiceRequest(request);
   if (!problem) return std::nullopt;
-  logError_source(fill("client service refused: %@", {*problem}), "");
+  return refusal("client service", *problem);
+}
+
+Dictionary NOTIFICATION_PLUGIN_ChatHandler::refusal(std::string_view what, std::string_view problem) const {
+  logError_source(fill("%@ refused: %@", {what, problem}), "");
   return responseForError("INVALID_ARG_ERR");
+}
+
+std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatHandler::getServiceUserWithRequest(
+    const Dictionary& request) {
+  const std::string* service = request.stringFor("service");
+  if (!service || service->empty()) {
+    return refusal("service user", "\"service\" must be a string that is not empty");
+  }
+  if (!isXmlText(*service)) return refusal("service user", "\"service\" holds characters that no name has");
+  if (!passGate()) return Dictionary{};
+  auto* notification = notificationAtom();
+  return notification ? notification->getServiceUserWithRequest(request) : std::nullopt;
+}
+
+std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatHandler::setKorvsCertificateWithRequest(
+    const Dictionary& request) {
+  const Value* name = request.find("certificateName");
+  if (name && (!name->asString() || !isXmlText(*name->asString()))) {
+    return refusal("certificate", "\"certificateName\" must be a string without control characters");
+  }
+  auto* notification = notificationAtom();
+  return notification ? notification->setKorvsCertificateWithRequest(request) : std::nullopt;
 }
 
 }  // namespace tessard

@@ -44,7 +44,7 @@ class RecordingAtom : public NOTIFICATION_PLUGIN_ChatServiceAtom {
   std::optional<Dictionary> connectedUsers;
   std::optional<std::vector<std::string>> connectedUserNames;
   std::optional<Array> configuredServices;
-  /// What changing the client services answers, and the requests that asked for it.
+  /// What the requests answer that are handed on, and what they were.
   std::optional<Dictionary> serviceAnswer = Dictionary{{"configuredServices", Array{}}};
   std::vector<Dictionary> serviceRequests;
   std::vector<NetworkChangeContext> networkChanges;
@@ -110,6 +110,16 @@ class RecordingAtom : public NOTIFICATION_PLUGIN_ChatServiceAtom {
   }
   std::optional<Dictionary> removeServiceWithRequest(const Dictionary& request) override {
     note("removeService");
+    serviceRequests.push_back(request);
+    return serviceAnswer;
+  }
+  std::optional<Dictionary> getServiceUserWithRequest(const Dictionary& request) override {
+    note("getServiceUser");
+    serviceRequests.push_back(request);
+    return serviceAnswer;
+  }
+  std::optional<Dictionary> setKorvsCertificateWithRequest(const Dictionary& request) override {
+    note("setKorvsCertificate");
     serviceRequests.push_back(request);
     return serviceAnswer;
   }

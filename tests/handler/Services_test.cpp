@@ -1,4 +1,4 @@
-// Listing and changing the client services.
+// Listing and changing the client services, their account, and the certificate.
 
 #include "tests/handler/HandlerFixtures.h"
 
@@ -69,6 +69,94 @@ TEST_F(ServiceRequests, ChangesWithoutANotificationServiceGiveNothing) {
   handler->serviceWrangler()->setServiceAtoms({});
   EXPECT_EQ(run("addService", mail), (Dictionary{{"absent", true}}));
   EXPECT_EQ(run("removeService", mail), (Dictionary{{"absent", true}}));
+}
+
+struct AccountRequests : ServiceRequests {
+  const Dictionary calendar{{"service", "calendar"}};
+  const Dictionary account{{"userName", "x"}, {"password", "y"}};
+  AccountRequests() { notification->serviceAnswer = account; }
+};
+
+TEST_F(AccountRequests, GoToTheNotificationServiceAsTheyAreAndItsAnswerComesBack) {
+  initialise();
+  EXPECT_EQ(run("getServiceUser", calendar), account);
+  EXPECT_THAT(notification->serviceRequests, ElementsAre(calendar));
+  EXPECT_TRUE(handler->commandChangesState("getServiceUser"));
+}
+
+TEST_F(AccountRequests, AnswerNothingBeforeTheServiceDataIsThere) {
+  EXPECT_EQ(run("getServiceUser", calendar), Dictionary{});
+  EXPECT_THAT(notification->serviceRequests, IsEmpty());
+}
+
+TEST_F(AccountRequests, TryToMakeTheServiceData) {
+  finishSetup();
+  notification->ready = false;
+  EXPECT_EQ(run("getServiceUser", calendar), account);
+  EXPECT_TRUE(did("Notification initServiceData"));
+}
+
+TEST_F(AccountRequests, GiveNothingWhenTheServiceGivesNothingOrIsNotThere) {
+  initialise();
+  notification->serviceAnswer = std::nullopt;
+  EXPECT_EQ(run("getServiceUser", calendar), (Dictionary{{"absent", true}}));
+  handler->serviceWrangler()->setServiceAtoms({});
+  EXPECT_EQ(run("getServiceUser", calendar), (Dictionary{{"absent", true}}));
+}
+
+TEST_F(AccountRequests, WithoutTheNameOfAServiceAreRefusedWithTheReason) {
+  initialise();
+  const std::string missing = "service user refused: \"service\" must be a string that is not empty";
+  const std::string unfit = "service user refused: \"service\" holds characters that no name has";
+  const std::vector<std::pair<Dictionary, std::string>> cases = {
+      {{}, missing},
+      {{{"service", ""}}, missing},
+      {{{"service", 1}}, missing},
+      {{{"service", Array{"calendar"}}}, missing},
+      {{{"service", Dictionary{}}}, missing},
+      {{{"service", std::string("cal\0", 4)}}, unfit},
+      {{{"service", "cal\x1b"}}, unfit},
+      {{{"service", "cal\xff"}}, unfit},
+  };
+  for (const auto& [request, reason] : cases) {
+    forget();
+    EXPECT_EQ(run("getServiceUser", request), handler->responseForError("INVALID_ARG_ERR"));
+    EXPECT_THAT(platform.log.messages(kLogError), ElementsAre(reason));
+    EXPECT_THAT(journal, IsEmpty());
+  }
+}
+
+struct CertificateRequests : ServiceRequests {
+  const Dictionary chosen{{"certificateName", "push"}};
+  CertificateRequests() { notification->serviceAnswer = chosen; }
+};
+
+TEST_F(CertificateRequests, GoToTheNotificationServiceWithoutTheGate) {
+  EXPECT_EQ(run("setKorvsCertificate", chosen), chosen);
+  EXPECT_EQ(run("setKorvsCertificate", {{"certificateName", ""}}), chosen);
+  EXPECT_EQ(run("setKorvsCertificate", {}), chosen);
+  EXPECT_THAT(notification->serviceRequests,
+              ElementsAre(chosen, Dictionary{{"certificateName", ""}}, Dictionary{}));
+  EXPECT_THAT(journal, ElementsAre("Notification setKorvsCertificate", "Notification setKorvsCertificate",
+                                   "Notification setKorvsCertificate"));
+  EXPECT_TRUE(handler->commandChangesState("setKorvsCertificate"));
+}
+
+TEST_F(CertificateRequests, GiveNothingWithoutANotificationService) {
+  handler->serviceWrangler()->setServiceAtoms({});
+  EXPECT_EQ(run("setKorvsCertificate", chosen), (Dictionary{{"absent", true}}));
+}
+
+TEST_F(CertificateRequests, WithANameThatIsNoneAreRefusedWithTheReason) {
+  for (const Value& name : std::vector<Value>{1, true, Array{"push"}, Dictionary{}, "a\nb\x01", "\xff"}) {
+    forget();
+    EXPECT_EQ(run("setKorvsCertificate", {{"certificateName", name}}),
+              handler->responseForError("INVALID_ARG_ERR"));
+    EXPECT_THAT(platform.log.messages(kLogError),
+                ElementsAre("certificate refused: \"certificateName\" must be a string without control "
+                            "characters"));
+    EXPECT_THAT(journal, IsEmpty());
+  }
 }
 
 }  // namespace

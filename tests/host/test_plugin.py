@@ -28,8 +28,8 @@ def test_before_setup_details_are_refused_with_a_warning(plugin):
 
 @pytest.mark.parametrize(
     "command",
-    ["getState", "setState", "readSettings", "writeSettings", "initialSetup", "getConfiguredServices", "addService",
-     "removeService"],
+    ["getState", "setState", "readSettings", "writeSettings", "initialSetup", "tailFile", "getLogPaths",
+     "getConfiguredServices", "addService", "removeService", "getServiceUser", "setKorvsCertificate"],
 )
 def test_its_commands_are_known(plugin, command):
     answer = plugin.post({"command": command})

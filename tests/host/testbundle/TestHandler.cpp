@@ -20,7 +20,7 @@ constexpr std::uint32_t kPollMicroseconds = 5000;
 // A plug-in that does what a test tells it to do.
 class HostTestHandler : public PluginRequestHandler {
  public:
-  explicit HostTestHandler(Platform& platform) : PluginRequestHandler(platform.log), platform_(platform) {}
+  explicit HostTestHandler(Platform& platform) : PluginRequestHandler(platform), platform_(platform) {}
 
   Operation operationForCommand(std::string_view command) override {
     if (command == "echo") return [](const Dictionary& request) { return request; };
