@@ -14,6 +14,10 @@ bool takeFlag(CtlArguments& result, const std::string& argument) {
     result.json = true;
   } else if (argument == "--details") {
     result.details = true;
+  } else if (argument == "--follow" || argument == "-f") {
+    result.follow = true;
+  } else if (argument == "--list") {
+    result.list = true;
   } else if (argument == "--help" || argument == "-h") {
     result.help = true;
   } else if (argument == "--version") {
@@ -31,6 +35,10 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
     result.plugin = value;
   } else if (option == "--file") {
     result.file = value;
+  } else if (option == "--lines" || option == "-n") {
+    result.lines = value;
+  } else if (option == "--filter") {
+    result.filters.push_back(value);
   } else {
     return false;
   }
@@ -38,7 +46,8 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
 }
 
 bool needsValue(const std::string& option) {
-  return option == "--socket" || option == "--plugin" || option == "--file";
+  return option == "--socket" || option == "--plugin" || option == "--file" || option == "--lines" ||
+         option == "-n" || option == "--filter";
 }
 
 }  // namespace
@@ -90,6 +99,24 @@ std::string ctlHelp() {
          "                              tessardctl --json settings get | tessardctl settings set --file -\n"
          "  setup                       first-time setup\n"
          "                              tessardctl setup\n"
+         "  services list               the client services, one SERVICE HOST [KEY=VALUE]... a line\n"
+         "                              tessardctl services list\n"
+         "  services add SERVICE HOST [KEY=VALUE]...\n"
+         "                              tessardctl services add mail mail.example.com port=993\n"
+         "  services remove SERVICE HOST\n"
+         "                              tessardctl services remove mail mail.example.com\n"
+         "  service-user SERVICE        the account for a service, with its password; made if there is none\n"
+         "                              tessardctl service-user calendar\n"
+         "  certificate set NAME        the push bridge's certificate, by a part of its subject\n"
+         "                              tessardctl certificate set push.example.com\n"
+         "  certificate clear           takes that back\n"
+         "                              tessardctl certificate clear\n"
+         "  log [IDENTIFIER] [--lines N] [--filter TEXT]... [--follow]\n"
+         "                              the newest lines (100) of a log (JABBER_LOG) that hold every TEXT;\n"
+         "                              --follow goes on with new ones until Ctrl-C\n"
+         "                              tessardctl log --filter c2s --follow\n"
+         "  log --list                  the identifiers of the logs and their files\n"
+         "                              tessardctl log --list\n"
          "  request COMMAND [JSON]      any request, with further entries of its dictionary; prints JSON\n"
          "                              tessardctl request getState '{\"variant\": \"withDetails\"}'\n"
          "  health                      what the daemon is doing\n"

@@ -13,7 +13,11 @@ struct CtlArguments {
   std::vector<std::string> words;  ///< the verb and what belongs to it, without options
   std::string socketPath = "/run/tessardd/tessardd.sock";
   std::string plugin = "notification";
-  std::optional<std::string> file;  ///< of --file
+  std::optional<std::string> file;     ///< of --file
+  std::optional<std::string> lines;    ///< of --lines, as it was given
+  std::vector<std::string> filters{};  ///< of every --filter
+  bool follow = false;
+  bool list = false;
   bool json = false;
   bool details = false;
   bool help = false;

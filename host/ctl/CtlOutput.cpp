@@ -11,17 +11,25 @@ namespace tessard {
 
 namespace {
 
+// Whether a terminal could take the two bytes for a control character: C1, as UTF-8.
+bool isLateControl(const std::string& text, std::size_t index) {
+  return text[index] == '\xc2' && index + 1 < text.size() && static_cast<signed char>(text[index + 1]) < -96;
+}
+
 std::string printable(const std::string& text) {
   std::string result;
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (byte >= 0x20 && byte != 0x7f) {
-      result += character;
+  bool escapesNext = false;
+  for (std::size_t index = 0; index < text.size(); ++index) {
+    const auto byte = static_cast<unsigned char>(text[index]);
+    const bool late = isLateControl(text, index);
+    if (byte >= 0x20 && byte != 0x7f && !late && !escapesNext) {
+      result += text[index];
     } else {
       char escape[8];
       std::snprintf(escape, sizeof escape, "\\x%02x", byte);
       result += escape;
     }
+    escapesNext = late;
   }
   return result;
 }
@@ -42,6 +50,10 @@ void CtlOutput::line(const std::string& text) const {
 
 void CtlOutput::document(const Dictionary& answer) const {
   std::fprintf(stdout, "%s\n", serializeJson(answer, true).c_str());
+}
+
+void CtlOutput::record(const Dictionary& answer) const {
+  std::fprintf(stdout, "%s\n", serializeJson(answer).c_str());
 }
 
 void CtlOutput::message(const std::string& level, const std::string& text) const {

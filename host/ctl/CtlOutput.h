@@ -17,6 +17,8 @@ class CtlOutput {
 
   void line(const std::string& text) const;
   void document(const Dictionary& answer) const;
+  /// A JSON document on one line, for output that goes on.
+  void record(const Dictionary& answer) const;
   /// A line "warning: ..." or "error: ..." on standard error, coloured on a terminal unless NO_COLOR is set.
   void message(const std::string& level, const std::string& text) const;
   void note(const std::string& text) const;

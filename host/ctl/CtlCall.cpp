@@ -1,0 +1,140 @@
+#include "host/ctl/CtlCall.h"
+
+#include <sysexits.h>
+
+#include "common/Format.h"
+#include "host/JsonCodec.h"
+
+namespace tessard {
+
+namespace {
+
+int exitCodeFor(int status, const std::string& id) {
+  if (id == "unknown-command") return EX_USAGE;
+  switch (status) {
+    case 400:
+    case 413:
+    case 415:
+      return EX_DATAERR;
+    case 403:
+      return EX_NOPERM;
+    case 404:
+      return EX_UNAVAILABLE;
+    case 408:
+    case 503:
+      return EX_TEMPFAIL;
+    default:
+      return EX_SOFTWARE;
+  }
+}
+
+}  // namespace
+
+std::string textFor(const Dictionary& dictionary, std::string_view key, const std::string& otherwise) {
+  const std::string* text = dictionary.stringFor(key);
+  return text ? *text : otherwise;
+}
+
+CtlCall::CtlCall(const CtlArguments& arguments, const CtlOutput& output)
+    : arguments_(arguments),
+      output_(output),
+      client_(arguments.socketPath, [this](int seconds) { showWaiting(seconds); }),
+      watch_(arguments.socketPath, output) {}
+
+int CtlCall::usage(const std::string& problem) const {
+  return output_.failure("usage", problem + " See tessardctl --help.", EX_USAGE);
+}
+
+void CtlCall::showWaiting(int seconds) {
+  if (showsParts_) watch_.showProgress();
+  output_.progress(seconds);
+}
+
+int CtlCall::printEntries(const Dictionary& answer) const {
+  if (output_.json()) {
+    output_.document(answer);
+    return EX_OK;
+  }
+  for (const DictionaryEntry& entry : answer) output_.line(entry.key + ": " + readable(entry.value));
+  return EX_OK;
+}
+
+// The answer dictionary of a request that the daemon carried out; otherwise the failure has been told.
+std::optional<Dictionary> CtlCall::exchange(const std::string& method, const std::string& path,
+                                            const std::string& body, std::string_view expected,
+                                            std::string& id, int& exitCode) {
+  const auto reply = client_.send(method, path, body);
+  output_.endProgress();
+  if (const auto* failure = std::get_if<ClientFailure>(&reply)) {
+    exitCode = output_.failure(failure->id, failure->message, failure->exitCode);
+    return std::nullopt;
+  }
+  const auto& [status, text] = std::get<ClientReply>(reply);
+  const auto answer = parseJson(text);
+  if (!answer || !answer.value().asDictionary()) {
+    exitCode = output_.failure("malformed-answer", "The daemon's answer cannot be read.", EX_PROTOCOL);
+    return std::nullopt;
+  }
+  if (status == 200) return *answer.value().asDictionary();
+  id = textFor(*answer.value().asDictionary(), "error", "");
+  if (!id.empty() && id == expected) return std::nullopt;
+  showLog(*answer.value().asDictionary());
+  exitCode = hostFailure(status, *answer.value().asDictionary());
+  return std::nullopt;
+}
+
+std::optional<Dictionary> CtlCall::exchange(const std::string& method, const std::string& path,
+                                            const std::string& body, int& exitCode) {
+  std::string id;
+  return exchange(method, path, body, "", id, exitCode);
+}
+
+int CtlCall::send(Dictionary request, const Finish& finish) {
+  int exitCode = EX_OK;
+  const auto wrapped = exchange("POST", "/v1/plugins/" + arguments_.plugin + "?with=log",
+                                serializeJson(std::move(request)), exitCode);
+  if (!wrapped) return exitCode;
+  errorLogged_ = showLog(*wrapped);
+  const Dictionary* answer = wrapped->dictionaryFor("answer");
+  if (!answer) return output_.failure("malformed-answer", "The daemon's answer cannot be read.", EX_PROTOCOL);
+  exitCode = answer->contains("error") ? pluginFailure(*answer) : finish(*answer);
+  return exitCode == EX_OK && errorLogged_ ? EX_SOFTWARE : exitCode;
+}
+
+int CtlCall::hostFailure(int status, const Dictionary& answer) const {
+  const std::string id = textFor(answer, "error", "malformed-answer");
+  std::string message = textFor(answer, "message", "The daemon gave no reason.");
+  if (status == 403) message += " " + client_.whoMayConnect();
+  return output_.failure(id, message, exitCodeFor(status, id));
+}
+
+int CtlCall::pluginFailure(const Dictionary& answer) const {
+  const std::string id = textFor(answer, "error", "unknown");
+  std::string message = fill("The plug-in answered %@", {id});
+  if (const Value* code = answer.find("serviceError")) {
+    message += fill(" (%@: %@)", {*code, SystemError(static_cast<int>(code->integerValue())).description()});
+  }
+  if (output_.json()) {
+    output_.document(answer);
+  } else {
+    output_.message("error", message + ".");
+  }
+  return id == "INVALID_ARG_ERR" ? EX_DATAERR : EX_SOFTWARE;
+}
+
+// Shows the lines that the request logged; true when one of them is an error.
+bool CtlCall::showLog(const Dictionary& wrapped) const {
+  bool error = false;
+  const Array* log = wrapped.arrayFor("log");
+  if (!log) return false;
+  for (const Value& line : *log) {
+    const Dictionary* entry = line.asDictionary();
+    if (!entry) continue;
+    const std::string level = textFor(*entry, "level", "warning");
+    output_.message(level, textFor(*entry, "message", ""));
+    error = error || level == "error";
+  }
+  return error;
+}
+
+}  // namespace tessard

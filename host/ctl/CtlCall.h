@@ -1,0 +1,69 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/Value.h"
+#include "host/ctl/CtlArguments.h"
+#include "host/ctl/CtlOutput.h"
+#include "host/ctl/ServiceWatch.h"
+#include "host/ctl/UnixHttpClient.h"
+
+namespace tessard {
+
+/// One call of tessardctl on its way to an exit code: what the verbs have in common. Exit codes are those of
+/// sysexits; whatever gives one has told the failure.
+class CtlCall {
+ public:
+  using Words = std::vector<std::string>;
+  /// What is left to do with an answer that holds no error.
+  using Finish = std::function<int(const Dictionary& answer)>;
+
+  /// Both are borrowed.
+  CtlCall(const CtlArguments& arguments, const CtlOutput& output);
+
+  const CtlArguments& arguments() const { return arguments_; }
+  const CtlOutput& output() const { return output_; }
+  ServiceWatch& watch() { return watch_; }
+
+  /// Shows the progress of the services' parts while an answer is awaited.
+  void showParts() { showsParts_ = true; }
+  /// Whether the request that was sent last has logged an error.
+  bool errorLogged() const { return errorLogged_; }
+
+  int usage(const std::string& problem) const;
+
+  /// Sends a request to the plug-in, shows the lines that it logged, and finishes with its answer.
+  int send(Dictionary request, const Finish& finish);
+  /// The dictionary that the daemon itself answers; absent, with the exit code, when there is none.
+  std::optional<Dictionary> exchange(const std::string& method, const std::string& path,
+                                     const std::string& body, int& exitCode);
+  /// The same, but an error answer whose id is `expected` is the caller's to deal with: `id` has it then.
+  std::optional<Dictionary> exchange(const std::string& method, const std::string& path,
+                                     const std::string& body, std::string_view expected, std::string& id,
+                                     int& exitCode);
+
+  /// "key: value" for each entry, or the JSON document.
+  int printEntries(const Dictionary& answer) const;
+
+ private:
+  void showWaiting(int seconds);
+  int hostFailure(int status, const Dictionary& answer) const;
+  int pluginFailure(const Dictionary& answer) const;
+  bool showLog(const Dictionary& wrapped) const;
+
+  const CtlArguments& arguments_;
+  const CtlOutput& output_;
+  UnixHttpClient client_;
+  ServiceWatch watch_;
+  bool showsParts_ = false;
+  bool errorLogged_ = false;
+};
+
+/// The string under a key, or another text.
+std::string textFor(const Dictionary& dictionary, std::string_view key, const std::string& otherwise);
+
+}  // namespace tessard

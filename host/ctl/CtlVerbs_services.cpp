@@ -1,0 +1,88 @@
+#include <sysexits.h>
+
+#include "common/Format.h"
+#include "host/ctl/CtlVerbGroups.h"
+#include "host/ctl/SettingsArguments.h"
+
+namespace tessard {
+
+namespace {
+
+using Words = CtlCall::Words;
+
+const char* const kServicesKey = "configuredServices";
+
+// "mail mail.example.com port=993": what "services add" takes.
+std::string lineOf(const Dictionary& service) {
+  std::string line = textFor(service, "service", "-") + " " + textFor(service, "hostName", "-");
+  for (const DictionaryEntry& entry : service) {
+    if (entry.key != "service" && entry.key != "hostName")
+      line += " " + settingAsWord(entry.key, entry.value);
+  }
+  return line;
+}
+
+int printServices(const CtlCall& call, const Dictionary& answer) {
+  if (call.output().json()) {
+    call.output().document(answer);
+    return EX_OK;
+  }
+  const Array* services = answer.arrayFor(kServicesKey);
+  if (!services) return EX_OK;
+  for (const Value& service : *services) {
+    call.output().line(service.asDictionary() ? lineOf(*service.asDictionary()) : readable(service));
+  }
+  return EX_OK;
+}
+
+int listServices(CtlCall& call) {
+  return call.send({{"command", "getConfiguredServices"}}, [&](const Dictionary& answer) {
+    const int exitCode = printServices(call, answer);
+    if (answer.contains(kServicesKey)) return exitCode;
+    call.output().message("error", "There is no list yet; first-time setup is not done (tessardctl setup).");
+    return EX_UNAVAILABLE;
+  });
+}
+
+int changeServices(CtlCall& call, const char* command, const Words& words) {
+  if (words.size() < 4) return call.usage(fill("\"services %@\" needs a SERVICE and a HOST.", {words[1]}));
+  auto request = parseSettings(Words(words.begin() + 4, words.end()));
+  if (!request) return call.usage(fill("Wrong entry: %@.", {request.error().description()}));
+  for (const char* key : {"command", "service", "hostName"}) {
+    if (request.value().contains(key)) return call.usage(fill("\"%@\" cannot be set like that.", {key}));
+  }
+  request.value().set("command", command);
+  request.value().set("service", words[2]);
+  request.value().set("hostName", words[3]);
+  return call.send(std::move(request).value(),
+                   [&](const Dictionary& answer) { return printServices(call, answer); });
+}
+
+}  // namespace
+
+int runServices(CtlCall& call) {
+  const Words& words = call.arguments().words;
+  if (words.size() < 2) return call.usage("\"services\" needs \"list\", \"add\" or \"remove\".");
+  if (words[1] == "add") return changeServices(call, "addService", words);
+  if (words[1] == "remove" && words.size() > 4) {
+    return call.usage("\"services remove\" takes a SERVICE and a HOST alone.");
+  }
+  if (words[1] == "remove") return changeServices(call, "removeService", words);
+  if (words[1] != "list") return call.usage(fill("There is no verb \"services %@\".", {words[1]}));
+  if (words.size() > 2) return call.usage("\"services list\" takes no arguments.");
+  return listServices(call);
+}
+
+int runServiceUser(CtlCall& call) {
+  const Words& words = call.arguments().words;
+  if (words.size() != 2) return call.usage("\"service-user\" needs a SERVICE, such as calendar.");
+  return call.send({{"command", "getServiceUser"}, {"service", words[1]}}, [&](const Dictionary& answer) {
+    const int exitCode = call.printEntries(answer);
+    if (!answer.empty()) return exitCode;
+    call.output().message("error",
+                          "There is no account yet; first-time setup is not done (tessardctl setup).");
+    return EX_UNAVAILABLE;
+  });
+}
+
+}  // namespace tessard
