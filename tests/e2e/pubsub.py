@@ -20,9 +20,10 @@ ERROR_LOG = "/var/log/idavoll/error.log"
 DOMAIN = "push.example.test"
 ADDRESS = f"pubsub.{DOMAIN}"
 
-# Carries out the words after the addresses and the file of authorities one by one, "create NODE", "subscribe NODE", "publish NODE TEXT",
-# "delete NODE", "items NODE", "features", and says each result as one line of JSON; "listen" says what comes in until the
-# standard input ends.
+# Takes an address, the component's, a port and the file of authorities, and the password as the first line of standard
+# input. Carries out the words after them one by one, "create NODE", "subscribe NODE", "publish NODE TEXT", "delete NODE",
+# "items NODE", "features", and says each result as one line of JSON; "listen" says what comes in until the standard input
+# ends.
 _CLIENT = """
 import asyncio, json, sys
 import slixmpp
@@ -32,15 +33,18 @@ def say(*words):
     print(json.dumps(words), flush=True)
 class Client(slixmpp.ClientXMPP):
     def __init__(self, jid, service, authorities, words):
-        super().__init__(jid, "secret of " + jid.split("@")[0])
+        super().__init__(jid, sys.stdin.readline().rstrip("\\n"))
         self.ca_certs = authorities
         self.register_plugin("xep_0030")
         self.register_plugin("xep_0060")
         self.service, self.words = service, words
         self.add_event_handler("session_start", self.begin)
-        self.add_event_handler("failed_all_auth", lambda _: say("refused"))
+        self.add_event_handler("failed_all_auth", lambda _: self.refused())
         self.add_event_handler("pubsub_publish", lambda message: say(
             "event", message["pubsub_event"]["items"]["node"], message["pubsub_event"]["items"]["item"]["payload"].text))
+    def refused(self):
+        say("refused")
+        self.abort()
     async def begin(self, _):
         self.send_presence()
         try:
@@ -71,10 +75,15 @@ class Client(slixmpp.ClientXMPP):
         elif word == "listen":
             say("listening")
             await asyncio.get_event_loop().run_in_executor(None, sys.stdin.read)
-client = Client(sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:])
-client.connect(("127.0.0.1", 5218))
+client = Client(sys.argv[1], sys.argv[2], sys.argv[4], sys.argv[5:])
+client.connect(("127.0.0.1", int(sys.argv[3])))
 client.process(forever=False)
 """
+
+
+def password_of(jid):
+    """Of an account that `add_user` made."""
+    return f"secret of {jid.split('@')[0]}"
 
 
 class Pubsub:
@@ -164,9 +173,11 @@ class Pubsub:
         add_user(self.machine, name)
         return f"{name}@{DOMAIN}"
 
-    def ask(self, jid, *words):
-        """What the client says to each of the words, in order; not what it is told by the way."""
-        result = self.machine.run("python3", "-c", _CLIENT, jid, ADDRESS, PUBLIC_CA_FILE, *words, user=65534)
+    def ask(self, jid, *words, password=None, port=5218):
+        """What the client says to each of the words, in order; not what it is told by the way. The password is that of
+        `add_account` where none is given."""
+        result = self.machine.run("python3", "-c", _CLIENT, jid, ADDRESS, port, PUBLIC_CA_FILE, *words, user=65534,
+                                  input=f"{password or password_of(jid)}\n")
         said = [json.loads(line) for line in result.stdout.splitlines()]
         return [words for words in said if words[0] != "event"]
 
@@ -182,8 +193,10 @@ class Listener:
     """A client that stays and tells what it is told."""
 
     def __init__(self, machine, jid, words):
-        self._client = machine.popen("python3", "-c", _CLIENT, jid, ADDRESS, PUBLIC_CA_FILE, *words, "listen", user=65534,
-                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self._client = machine.popen("python3", "-c", _CLIENT, jid, ADDRESS, 5218, PUBLIC_CA_FILE, *words, "listen",
+                                     user=65534, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self._client.stdin.write(f"{password_of(jid)}\n")
+        self._client.stdin.flush()
 
     def __enter__(self):
         while self.next() != ["listening"]:

@@ -24,7 +24,6 @@ using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
-using testing::StartsWith;
 
 constexpr auto kLong = 20s;  // longer than anything here takes
 constexpr auto kShort = 20ms;
@@ -54,7 +53,7 @@ class Place {
       for (const char piece : answer) ::send(client.get(), &piece, 1, MSG_NOSIGNAL);
       if (question) *question = text;
     });
-    const auto accepted = SaslauthdClient(path(), kLong).accepts(name, password);
+    auto accepted = SaslauthdClient(path(), kLong).accepts(name, password);
     server.join();
     return accepted;
   }
