@@ -75,6 +75,10 @@ char lower(char character) {
   return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
 }
 
+bool sameLetter(char one, char other) {
+  return lower(one) == lower(other);
+}
+
 }  // namespace
 
 std::optional<Certificate> Certificate::parse(std::string_view der) {
@@ -105,7 +109,8 @@ std::optional<std::string> Certificate::topic() const {
 
 bool Certificate::subjectContains(std::string_view text) const {
   return std::ranges::any_of(subjectAttributes(), [&](const Attribute& attribute) {
-    return attribute.value && !std::ranges::search(*attribute.value, text, {}, lower, lower).empty();
+    return attribute.value && std::search(attribute.value->begin(), attribute.value->end(), text.begin(),
+                                          text.end(), sameLetter) != attribute.value->end();
   });
 }
 
@@ -141,8 +146,7 @@ std::string Certificate::publicKeyDigest() const {
   unsigned char* encoded = nullptr;
   const int size = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate_.get()), &encoded);
   if (size < 0) return "";
-  const std::string digest =
-      sha256Of({reinterpret_cast<const char*>(encoded), static_cast<std::size_t>(size)});
+  std::string digest = sha256Of({reinterpret_cast<const char*>(encoded), static_cast<std::size_t>(size)});
   OPENSSL_free(encoded);
   return digest;
 }

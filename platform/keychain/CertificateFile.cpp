@@ -166,10 +166,11 @@ KeychainResult<void> checkChain(const std::vector<Certificate>& certificates) {
   std::vector<const Certificate*> others;
   for (std::size_t index = 1; index < certificates.size(); ++index) others.push_back(&certificates[index]);
   for (std::size_t index = 0; index < chain.size(); ++index) {
-    const auto rest = std::ranges::stable_partition(
-        others, [&](const Certificate* other) { return !chain[index]->isSignedBy(*other); });
-    chain.insert(chain.end(), rest.begin(), rest.end());
-    others.erase(rest.begin(), rest.end());
+    const auto rest = std::stable_partition(others.begin(), others.end(), [&](const Certificate* other) {
+      return !chain[index]->isSignedBy(*other);
+    });
+    chain.insert(chain.end(), rest, others.end());
+    others.erase(rest, others.end());
   }
   if (others.empty()) return {};
   const Certificate& stray = *others.front();

@@ -66,7 +66,7 @@ KeychainResult<bool> KeychainManager::removing(Work work) {
   auto store = KeychainStore::openToChangeIfThere(root_);
   if (!store) return store.error();
   if (!store.value()) return false;
-  const KeychainResult<bool> removed = work(*store.value());
+  KeychainResult<bool> removed = work(*store.value());
   if (!removed || !removed.value()) return removed;
   if (auto committed = store.value()->commit(); !committed) return committed.error();
   return removed;
