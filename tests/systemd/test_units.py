@@ -263,3 +263,30 @@ def test_saslauthd_runs_as_long_as_jabberd_and_comes_back_by_itself(service):
     service.tool("stop")
     wait_until(lambda: unit(machine, SASLAUTHD)[0] == "inactive", "the end of saslauthd")
     assert machine.system_state() == "running"
+
+
+def test_the_log_of_a_machine_without_a_log_file_is_its_journal(service):
+    machine = service.machine
+    assert not machine.outside("/var/log/system.log").exists()
+    begin = service.post({"command": "tailFile", "identifier": "JABBER_LOG", "lines": 0})["position"]
+    start(service)
+    shown = service.tool("log", "--lines", "1000").stdout.splitlines()
+    for component in ("router", "sm", "c2s", "s2s", "launcher"):
+        assert any(re.fullmatch(rf"\d{{4}}-\d\d-\d\dT\d\d:\d\d:\d\dZ \S+ jabberd_notification/{component}\[\d+\]: .+", line)
+                   for line in shown), component
+    assert all("_notification" in line for line in shown)
+    # Everything since then once, in pieces.
+    lines, position, more = [], begin, True
+    while more:
+        answer = service.post({"command": "tailFile", "identifier": "JABBER_LOG", "lines": 3, "position": position})
+        assert answer["complete"] and len(answer["lines"]) <= 3
+        lines, position, more = lines + answer["lines"], answer["position"], answer["more"]
+    assert lines and lines == shown[-len(lines):]
+    newest = service.post({"command": "tailFile", "identifier": "JABBER_LOG", "lines": 2})
+    assert (newest["lines"], newest["complete"], newest["reason"]) == (shown[-2:], False, "lines")
+    refused = service.post({"command": "tailFile", "identifier": "JABBER_LOG", "position": "journal:nonsense"})
+    assert refused == {"error": "INVALID_ARG_ERR"}
+    # A file takes the journal's place, and what lies between is not known.
+    machine.write("/var/log/system.log", "x jabberd_notification/sm[1]: of the file\n")
+    answer = service.post({"command": "tailFile", "identifier": "JABBER_LOG", "position": position})
+    assert (answer["lines"], answer["reason"]) == (["x jabberd_notification/sm[1]: of the file"], "lost")
