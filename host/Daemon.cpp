@@ -15,6 +15,7 @@
 #include "common/Format.h"
 #include "common/Platform.h"
 #include "host/BundleLoader.h"
+#include "host/Certificates.h"
 #include "host/HostLog.h"
 #include "host/HttpServer.h"
 #include "host/ListeningSocket.h"
@@ -198,7 +199,8 @@ class Daemon {
 
   int serve(const PeerCheck& peers, int stopEvent, ListeningSocket& socket) {
     const ServiceReports services(configuration_.root);
-    const RequestRouter router(plugins_, executor_, slot_, services);
+    Certificates certificates(configuration_.root, real_.clock);
+    const RequestRouter router(plugins_, executor_, slot_, services, certificates);
     const HttpLimits limits{std::chrono::seconds(configuration_.requestSeconds),
                             std::chrono::seconds(configuration_.queueSeconds),
                             configuration_.maximumConnections};

@@ -15,6 +15,7 @@ constexpr std::string_view kIdlePath = "/v1/events/idle";
 constexpr std::string_view kNetworkChangePath = "/v1/events/network-change";
 constexpr std::string_view kHealthPath = "/v1/health";
 constexpr std::string_view kServicesPath = "/v1/services";
+constexpr std::string_view kCertificatesPath = "/v1/certificates";
 
 RoutedRequest answered(HttpAnswer answer) {
   return {std::move(answer)};
@@ -63,6 +64,11 @@ HttpAnswer answerTo(const HttpRequest& request, const MediaType& sent, std::stri
       fill("The plug-in failed while it handled \"%@\"; the system log says more.", {command}), outcome.log);
 }
 
+HttpAnswer answerTo(const HttpRequest& request, const MediaType& sent, KeychainResult<Dictionary> answer) {
+  if (!answer) return Certificates::failure(answer.error());
+  return answerTo(request, sent, std::move(answer).value(), {});
+}
+
 HttpAnswer methodNotAllowed(std::string_view allowed) {
   HttpAnswer answer = errorAnswer(405, "method-not-allowed", fill("Only %@ is possible here.", {allowed}));
   answer.allow = allowed;
@@ -104,13 +110,15 @@ RoutedRequest RequestRouter::route(HttpRequest request) const {
   const bool isPlugin = request.path.starts_with(kPluginsPath);
   const bool isEvent = request.path == kIdlePath || request.path == kNetworkChangePath;
   const bool isRead = request.path == kHealthPath || request.path == kServicesPath;
-  if (!isPlugin && !isEvent && !isRead) {
+  const bool isCertificates = request.path == kCertificatesPath;
+  if (!isPlugin && !isEvent && !isRead && !isCertificates) {
     return answered(errorAnswer(404, "not-found", fill("There is nothing at \"%@\".", {request.path})));
   }
   if (request.with && *request.with != "log") {
     return answered(errorAnswer(400, "bad-query", "The query argument \"with\" can only be \"log\"."));
   }
   if (isRead) return answered(routeRead(request));
+  if (isCertificates) return routeCertificates(std::move(request));
   if (request.method != "POST") return answered(methodNotAllowed("POST"));
   return isPlugin ? routePlugin(std::move(request)) : routeEvent(std::move(request));
 }
@@ -145,6 +153,20 @@ RoutedRequest RequestRouter::routeEvent(HttpRequest request) const {
   const std::string name = lastPathComponent(request.path);
   return {std::nullopt, name,
           [this, request = std::move(request), body = std::move(body)] { return runEvent(request, body); }};
+}
+
+RoutedRequest RequestRouter::routeCertificates(HttpRequest request) const {
+  if (request.method == "GET" || request.method == "HEAD") {
+    return {std::nullopt, "certificates", [this, request = std::move(request)] {
+              return answerTo(request, MediaType::json(), certificates_.all());
+            }};
+  }
+  if (request.method != "POST") return answered(methodNotAllowed("GET, HEAD, POST"));
+  Body body = Body::of(std::exchange(request.body, {}), request.contentType, false);
+  if (body.refusal) return answered(std::move(*body.refusal));
+  return {std::nullopt, "certificate import", [this, request = std::move(request), body = std::move(body)] {
+            return answerTo(request, body.type, certificates_.import(body.content));
+          }};
 }
 
 HttpAnswer RequestRouter::runEvent(const HttpRequest& request, const Body& body) const {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/BundleLoader.h"
+#include "host/Certificates.h"
 #include "host/HttpMessage.h"
 #include "host/MediaType.h"
 #include "host/RequestExecutor.h"
@@ -25,6 +26,8 @@ struct RoutedRequest {
 ///   POST /v1/events/idle             an empty body, or a dictionary with "count"
 ///   POST /v1/events/network-change   a dictionary, see `NetworkChangeContext::fromEvent`
 ///   GET  /v1/health                  what the daemon is doing; answered at once
+///   GET  /v1/certificates            the keychain's certificates, see `Certificates`
+///   POST /v1/certificates            a dictionary with the "file" to import, see `Certificates`
 ///   GET  /v1/services                {"services": how each is doing}, see `ServiceReports`; answered at once
 /// Events answer {"plugins": [names]}. With "?with=log" the answer is {"answer": ..., "log": [...]}.
 /// Errors are those of `errorAnswer`, with the ids that docs/requests.md lists.
@@ -32,8 +35,12 @@ class RequestRouter {
  public:
   /// All is borrowed; `plugins` is not changed any more.
   RequestRouter(const Plugins& plugins, RequestExecutor& executor, const WorkSlot& slot,
-                const ServiceReports& services)
-      : plugins_(plugins), executor_(executor), slot_(slot), services_(services) {}
+                const ServiceReports& services, Certificates& certificates)
+      : plugins_(plugins),
+        executor_(executor),
+        slot_(slot),
+        services_(services),
+        certificates_(certificates) {}
 
   /// May be called on any thread; `work` runs on the slot's. May throw.
   RoutedRequest route(HttpRequest request) const;
@@ -48,12 +55,14 @@ class RequestRouter {
   Dictionary health() const;
   RoutedRequest routePlugin(HttpRequest request) const;
   RoutedRequest routeEvent(HttpRequest request) const;
+  RoutedRequest routeCertificates(HttpRequest request) const;
   HttpAnswer runEvent(const HttpRequest& request, const Body& body) const;
 
   const Plugins& plugins_;
   RequestExecutor& executor_;
   const WorkSlot& slot_;
   const ServiceReports& services_;
+  Certificates& certificates_;
 };
 
 }  // namespace tessard

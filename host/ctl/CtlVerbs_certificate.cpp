@@ -1,7 +1,13 @@
 #include <sysexits.h>
 
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+
 #include "common/Format.h"
+#include "host/JsonCodec.h"
 #include "host/ctl/CtlVerbGroups.h"
+#include "platform/keychain/SecretInput.h"
 
 namespace tessard {
 
@@ -10,6 +16,91 @@ namespace {
 using Words = CtlCall::Words;
 
 const char* const kNameKey = "certificateName";
+const char* const kPath = "/v1/certificates";
+constexpr std::size_t kShownDigits = 16;
+constexpr std::size_t kFileLimit = std::size_t{700} * 1024;  // what a request can carry as base64
+
+bool isTrue(const Dictionary& dictionary, std::string_view key) {
+  const Value* value = dictionary.find(key);
+  return value && value->boolValue();
+}
+
+// "8F3A6C1D2E4B5A79  until 2027-01-01  with key  CN = push.example.com", and what it is chosen for.
+std::string lineOf(const Dictionary& certificate) {
+  const Value* end = certificate.find("notAfter");
+  const std::string date = end && end->asDate() ? describeDate(*end->asDate()).substr(0, 10) : "unknown";
+  std::string line = fill("%@  %@ %@  %@  %@", {textFor(certificate, "sha256", "").substr(0, kShownDigits),
+                                                isTrue(certificate, "expired") ? "expired" : "until", date,
+                                                isTrue(certificate, "hasKey") ? "with key" : "without key",
+                                                textFor(certificate, "subject", "")});
+  const Array* names = certificate.arrayFor("preferredFor");
+  if (names) {
+    for (const Value& name : *names) line += "  for " + readable(name);
+  }
+  return line;
+}
+
+int printCertificates(const CtlCall& call, const Dictionary& answer) {
+  if (call.output().json()) {
+    call.output().document(answer);
+    return EX_OK;
+  }
+  const Array* certificates = answer.arrayFor("certificates");
+  if (!certificates) return EX_OK;
+  for (const Value& certificate : *certificates) {
+    if (certificate.asDictionary()) call.output().line(lineOf(*certificate.asDictionary()));
+  }
+  return EX_OK;
+}
+
+int listCertificates(CtlCall& call) {
+  int exitCode = EX_OK;
+  const auto answer = call.exchange("GET", kPath, "", exitCode);
+  return answer ? printCertificates(call, *answer) : exitCode;
+}
+
+Result<std::string> contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return SystemError::last();
+  std::string content(kFileLimit + 1, '\0');
+  file.read(content.data(), static_cast<std::streamsize>(content.size()));
+  if (file.bad() || (file.gcount() == 0 && !file.eof())) return SystemError(EIO);
+  content.resize(static_cast<std::size_t>(file.gcount()));
+  if (content.size() > kFileLimit) return SystemError(EFBIG);
+  return content;
+}
+
+int tellImported(const CtlCall& call, const Dictionary& answer) {
+  const int exitCode = printCertificates(call, answer);
+  const Value* added = answer.find("added");
+  const bool nothing = added && added->integerValue() == 0 && !isTrue(answer, "keyAdded");
+  if (nothing) call.output().note("All of it was there already.");
+  return exitCode;
+}
+
+int importCertificates(CtlCall& call, const std::string& path) {
+  const auto content = contentOf(path);
+  if (!content) {
+    return call.output().failure(
+        "unusable-file", fill("Cannot use %@: %@.", {path, content.error().description()}), EX_NOINPUT);
+  }
+  constexpr std::string_view kNeeded = "pass-phrase-needed";
+  Dictionary request = {{"file", Data{content.value()}}};
+  int exitCode = EX_OK;
+  std::string id;
+  auto answer = call.exchange("POST", kPath, serializeJson(request), kNeeded, id, exitCode);
+  if (!answer && id == kNeeded) {
+    const auto phrase = readSecret(fill("Pass phrase of %@: ", {path}));
+    if (!phrase) {
+      return call.output().failure(
+          std::string(kNeeded),
+          fill("%@ needs a pass phrase; none was typed, or is on standard input.", {path}), EX_DATAERR);
+    }
+    request.set("passPhrase", phrase->view());
+    answer = call.exchange("POST", kPath, serializeJson(request), exitCode);
+  }
+  return answer ? tellImported(call, *answer) : exitCode;
+}
 
 int setCertificate(CtlCall& call, const std::string& name) {
   if (name.empty()) return call.usage("The NAME is empty; \"certificate clear\" takes the choice back.");
@@ -32,7 +123,16 @@ int clearCertificate(CtlCall& call) {
 
 int runCertificate(CtlCall& call) {
   const Words& words = call.arguments().words;
-  if (words.size() < 2) return call.usage("\"certificate\" needs \"set\" or \"clear\".");
+  if (words.size() < 2)
+    return call.usage("\"certificate\" needs \"list\", \"import\", \"set\" or \"clear\".");
+  if (words[1] == "list") {
+    return words.size() == 2 ? listCertificates(call)
+                             : call.usage("\"certificate list\" takes no arguments.");
+  }
+  if (words[1] == "import") {
+    return words.size() == 3 ? importCertificates(call, words[2])
+                             : call.usage("\"certificate import\" needs a FILE.");
+  }
   if (words[1] == "set") {
     return words.size() == 3 ? setCertificate(call, words[2])
                              : call.usage("\"certificate set\" needs a NAME.");

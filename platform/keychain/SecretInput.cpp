@@ -1,4 +1,4 @@
-#include "programs/warden/SecretInput.h"
+#include "platform/keychain/SecretInput.h"
 
 #include <openssl/ui.h>
 #include <unistd.h>

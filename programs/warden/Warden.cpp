@@ -11,8 +11,8 @@
 #include "platform/PosixFileSystem.h"
 #include "platform/SystemCalls.h"
 #include "platform/SystemClock.h"
+#include "platform/keychain/SecretInput.h"
 #include "programs/warden/KeyFiles.h"
-#include "programs/warden/SecretInput.h"
 
 namespace tessard {
 

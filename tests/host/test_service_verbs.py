@@ -53,6 +53,9 @@ def test_a_list_before_the_first_time_setup_is_told(plugin):
         ["certificate", "set", ""],
         ["certificate", "set", "a", "b"],
         ["certificate", "clear", "a"],
+        ["certificate", "list", "a"],
+        ["certificate", "import"],
+        ["certificate", "import", "a", "b"],
     ],
     ids=" ".join,
 )
