@@ -10,7 +10,6 @@ inline constexpr const char* kJabberDefaultDatabasePath =
     "/private/var/jabberd/sqlite/jabberd2_notification.db";
 inline constexpr const char* kJabberDatabaseScript = "/private/var/jabberd/db-setup.sqlite";
 inline constexpr const char* kJabberLabel = "org.jabber.jabberd_notification";
-inline constexpr const char* kDatabaseTool = "/usr/bin/sqlite3";
 inline constexpr const char* kPassPhraseTool = "/usr/sbin/keywarden";
 inline constexpr const char* kNetstatTool = "/usr/sbin/netstat";
 inline constexpr const char* kPluginBundleIdentifier = "com.velto.tessard_notification";

@@ -81,10 +81,7 @@ class NOTIFICATION_PLUGIN_JabberServiceAtom : public NOTIFICATION_PLUGIN_ChatSer
   void readSwitch(const char* key, const std::string& path, SettingsDictionary& settings);
   std::optional<std::vector<std::string>> liveValuesAt(const std::string& path, const char* preferenceKey);
   bool isDirectory(const std::string& path);
-  bool runDatabaseScript(const std::string& path);
-  bool databaseHasTables(const std::string& path);
   void databaseCreationFailed(std::string_view output, std::string_view error);
-  void removeDatabase(const std::string& path);
 };
 
 }  // namespace tessard

@@ -6,8 +6,11 @@
 #include "atoms/ChatServiceAtom.h"
 #include "atoms/X509Name.h"
 #include "common/Keychain.h"
+#include "common/Result.h"
 
 namespace tessard {
+
+struct NotificationDatabase;
 
 /// The publish-subscribe service and its push bridge. Service name "Notification".
 class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_ChatServiceAtom {
@@ -29,6 +32,15 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   /// Nothing is kept here: what hosts resolve to is remembered for one request only.
   const std::optional<Dictionary>& hostCache() const { return hostCache_; }
   void setHostCache(std::optional<Dictionary> cache) { hostCache_ = std::move(cache); }
+
+  /// Whether every directory, database and file of the service exists, and its account where it has one.
+  /// Makes the settings file where there is none.
+  bool serviceDataReady() override;
+  /// Makes what is missing. What cannot be made is an error line and does not end the work, so that only
+  /// `serviceDataReady` tells whether all is there; false when the service's name ("jid") or the host's is
+  /// not known or the settings cannot be brought up to date. Symbolic links in the places of data are
+  /// refused.
+  bool initServiceData() override;
 
   /// The settings file over the defaults, the served domain and the router's secret. Written back when it has
   /// another number of keys then; an unreadable file becomes the ".bak" of the new one. Absent when no domain
@@ -64,6 +76,27 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   /// Answer and failures like those of adding.
   std::optional<Dictionary> removeServiceWithRequest(const Dictionary& request) override;
 
+  /// The account for client services, made when the keychain has no password of it: "userName", "password",
+  /// "xmppHostName", "JID", "jabberdClientPortTLS", "jabberdS2SPort" and, where the bridge is on and the
+  /// asking "service" has a topic, "korpsTopic" and "subscriptionURL", up to the first of them that is not
+  /// known. Absent when no domain is known. What cannot be made is an error line; a password that could not
+  /// be set is answered and not kept.
+  std::optional<Dictionary> getServiceUserWithRequest(const Dictionary& request) override;
+  /// 16 letters and digits; absent when the device for random numbers cannot be read.
+  std::optional<std::string> generateRandomPassword();
+  /// Replaces the password of the account in the keychain, whatever its label, or adds it, to be used by root
+  /// alone. A failure is an error line.
+  void storePasswordInKeychain_account_label(const std::string& password, const std::string& account,
+                                             const std::string& label);
+  /// Lets processes of one user, and no others, do everything with an item.
+  static SecAccess makeUidAccess(std::uint32_t userID);
+  /// Makes the system's the preferred keychain. Absent where it does not give the password as text; why is an
+  /// error line unless there is none.
+  std::optional<std::string> serviceUserPasswordFromKeychain();
+  /// Adds the account for client services to the group of those who may use all services or, where that is
+  /// not there, of those who may chat. Nothing without the account or either group.
+  void checkChatAccessForServiceUser();
+
   /// Makes the identity with the certificate whose subject contains "certificateName" the one that the bridge
   /// serves HTTPS with, and switches "enableHTTPS" on; {"certificateName"}. Without a name, or with an empty
   /// one, clears the choice, switches it off and answers nothing; so does every failure, with an error line.
@@ -82,6 +115,24 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   std::optional<std::string> getSecret();
 
  private:
+  static bool connectsAsClient(const SettingsDictionary& settings);
+  bool isLink(const std::string& path);
+  bool refusesLink(const std::string& path);
+  bool makeDataDirectory(const std::string& path, const FileOwnership& ownership);
+  void makeDatabase(const NotificationDatabase& database);
+  void databaseNotMade(const std::string& path, const std::string& reason);
+  bool isUnfinishedDatabase(const std::string& path);
+  static Result<std::string> freeUniqueID(DirectoryNode& node);
+  static Result<DirectoryRecord> createUser(DirectoryNode& node, const std::string& name,
+                                            const char* fullName);
+  void prepareComponentAccount(const std::string& account, SettingsDictionary& settings);
+  void giveComponentPassword(DirectoryNode& node, const std::string& account,
+                             const std::optional<std::string>& password, SettingsDictionary& settings);
+  void componentPasswordNotSet(const SystemError& reason);
+  std::optional<std::string> makeServiceUser();
+  void addPrivilegedUser(SettingsDictionary& settings);
+  void logAccountProblem(const std::string& what, const SystemError& reason);
+  void saveSettings(const SettingsDictionary& settings);
   std::unique_lock<std::mutex> lockSettings() const;
   Dictionary defaultSettings();
   std::optional<std::string> servedDomain(const char* warning);

@@ -130,10 +130,14 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::writeServiceConfiguration_erro
   for (const DictionaryEntry& entry : *settings) {
     writeValue_forKey_inSettings(&entry.value, entry.key, *stored);
   }
-  const auto written = writePropertyListFile(platform().files, kNotificationConfigFilePath, *stored,
+  saveSettings(*stored);
+  return true;
+}
+
+void NOTIFICATION_PLUGIN_NotificationServiceAtom::saveSettings(const SettingsDictionary& settings) {
+  const auto written = writePropertyListFile(platform().files, kNotificationConfigFilePath, settings,
                                              kNotificationConfigOwnership);
   if (!written) logError_source(notSaved(written.error()), "");
-  return true;
 }
 
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::updateHostFrom(const SettingsDictionary& settings) {

@@ -64,8 +64,8 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::handleChangeIPRequest(const Ne
   }
   if (context.hasHostChanged()) {
     // A database that is not there is as good as removed.
-    for (const char* database : kNotificationDatabasePaths) {
-      static_cast<void>(platform().files.remove(database).ok());
+    for (const NotificationDatabase& database : kNotificationDatabases) {
+      static_cast<void>(platform().files.remove(database.path).ok());
     }
     logDebug_source("Removing notification database since hostname changed.", "");
   }

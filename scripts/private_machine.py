@@ -216,6 +216,7 @@ class PrivateMachine:
         self._show(self.build / "programs/keywarden", "sbin/keywarden")
         self._show(self.build / "bundles", "share/tessardd/bundles")
         self._show(PROJECT / "share/templates", "share/tessardd/templates")
+        self._show(PROJECT / "share/Beaconry", "share/Beaconry")
         self._show(PROJECT / "programs/pubsub", "libexec/tessardd/pubsub")
         for directory in (PROJECT / "programs", self.build / "programs", self.build / "libexec"):
             for program in sorted(directory.iterdir()) if directory.is_dir() else ():

@@ -167,8 +167,9 @@ class SystemdMachine:
         _copy(self.build / "bin/tessardd", root / "usr/sbin/tessardd")
         _copy(self.build / "programs/keywarden", root / "usr/sbin/keywarden")
         _copy(self.build / "bundles", root / "usr/share/tessardd/bundles")
-        for name, place in (("templates", "usr/share/tessardd/templates"), ("systemd", "usr/lib/systemd/system"),
-                            ("sysusers.d", "usr/lib/sysusers.d"), ("pam.d", "etc/pam.d"), ("tmpfiles.d", "usr/lib/tmpfiles.d")):
+        for name, place in (("templates", "usr/share/tessardd/templates"), ("Beaconry", "usr/share/Beaconry"),
+                            ("systemd", "usr/lib/systemd/system"), ("sysusers.d", "usr/lib/sysusers.d"),
+                            ("pam.d", "etc/pam.d"), ("tmpfiles.d", "usr/lib/tmpfiles.d")):
             if (PROJECT / "share" / name).is_dir():
                 _copy(PROJECT / "share" / name, root / place)
         _copy(PROJECT / "programs/pubsub", root / "usr/libexec/tessardd/pubsub")

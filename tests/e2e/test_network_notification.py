@@ -60,11 +60,13 @@ def test_a_change_without_a_new_name_is_told_to_whoever_asked(unwatched):  # noq
     assert settings_file(unwatched)["domain"] == HOST_NAME
 
 
-def test_a_changeip_request_with_a_new_name_removes_the_databases_and_renames_the_service(unwatched):  # noqa: F811
+def test_a_changeip_request_with_a_new_name_begins_the_databases_anew_and_renames_the_service(unwatched):  # noqa: F811
     for path in DATABASES:
         unwatched.machine.write(path, "of the old name", 0o640, (84, 84))
+    rename(unwatched.machine, NEW)
     assert changeip(unwatched, oldHost=HOST_NAME, newHost=NEW)["writeStatus"] == 0
-    assert not any(unwatched.machine.outside(path).exists() for path in DATABASES)
+    # Removed by the change, and made by the reading of the settings that answers the request.
+    assert all(unwatched.machine.outside(path).read_bytes().startswith(b"SQLite format 3") for path in DATABASES)
     assert settings_file(unwatched)["domain"] == NEW
 
 

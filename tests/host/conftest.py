@@ -55,12 +55,17 @@ def pluginRoot(root):
     (root / "etc").mkdir()
     (root / "etc/hostname").write_text("push.example.com\n")
     (root / "etc/hosts").write_text("127.0.0.1 push.example.com push\n")
-    for directory in ["private", "run", "var/jabberd"]:
+    for directory in ["private", "run", "var/db", "var/log", "var/jabberd"]:
         (root / directory).mkdir(parents=True)
     (root / "private/etc").symlink_to("../etc")
     (root / "private/var").symlink_to("../var")
     (root / "var/run").symlink_to("../run")
     shutil.copytree(f"{SOURCE}/share/templates", root / "etc/jabberd_notification")
+    shutil.copytree(f"{SOURCE}/share/Beaconry", root / "usr/share/Beaconry")
+    (root / "etc/passwd").write_text("root:x:0:0:root:/root:/bin/sh\n")
+    (root / "etc/shadow").write_text("root:!:20000:0:99999:7:::\n")
+    (root / "etc/shadow").chmod(0o640)
+    (root / "etc/group").write_text("root:x:0:\nstaff:x:20:\n")
     database = root / "var/jabberd"
     (database / "db-setup.sqlite").write_text("CREATE TABLE active (owner TEXT);\n")
     return root

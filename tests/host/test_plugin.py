@@ -1,12 +1,13 @@
 """The notification plug-in itself, as an installed host runs it."""
 
 import json
+import os
 import plistlib
 import sqlite3
 
 import pytest
 
-from hosttools import needsPlugin
+from hosttools import NOBODY, needsPlugin
 
 pytestmark = needsPlugin
 
@@ -211,3 +212,21 @@ def test_a_change_of_address_replaces_the_domain_and_writes_no_other_setting(plu
     after = shown["answer"]["configuration"]
     assert after["hosts"] == ["new.example.com"]
     assert after["jabberdS2SPort"] == before["jabberdS2SPort"]
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="only root can become another user")
+def test_what_an_ordinary_user_may_not_set_up_is_told_and_left_for_root(pluginRoot, makeDaemon):
+    for path in [pluginRoot, *pluginRoot.rglob("*")]:
+        os.chown(path, NOBODY, NOBODY, follow_symlinks=False)
+    daemon = makeDaemon("--idle-seconds", "0", user=NOBODY)
+    accounts = {name: (pluginRoot / "etc" / name).read_bytes() for name in ("passwd", "shadow", "group")}
+    for _ in range(2):
+        done = daemon.tool("setup")
+        assert done.returncode == 70
+        assert "unable to create the database directory for the service: 'Operation not permitted'" in done.stderr
+    assert {name: (pluginRoot / "etc" / name).read_bytes() for name in accounts} == accounts
+    assert sorted((pluginRoot / "var/db").iterdir()) == []
+    daemon.end()
+    again = makeDaemon("--idle-seconds", "0")
+    assert again.tool("setup").returncode == 0
+    assert sorted(path.name for path in (pluginRoot / "var/db/idavoll").iterdir()) == ["items.db", "pubsub.db"]
