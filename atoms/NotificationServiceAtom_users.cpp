@@ -198,7 +198,7 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::getServic
 
 // The password goes to the keychain once the account has it: what is there is never tried out again.
 std::optional<std::string> NOTIFICATION_PLUGIN_NotificationServiceAtom::makeServiceUser() {
-  const auto password = generateRandomPassword();
+  auto password = generateRandomPassword();
   const auto opened = platform().directory.nodeWithType(kODNodeTypeLocalNodes);
   if (!opened) {
     logAccountProblem("the accounts of this machine cannot be reached", opened.error());

@@ -91,7 +91,7 @@ Result<AccountChanges::Workplace> AccountChanges::prepare() {
 Result<void> AccountChanges::checkFiles(int directory) const {
   for (const std::string file : kFiles) {
     for (const char* suffix : kSuffixes) {
-      if (const auto checked = checkKind(directory, file + suffix); !checked) return checked;
+      if (auto checked = checkKind(directory, file + suffix); !checked) return checked;
     }
   }
   return {};
@@ -139,10 +139,10 @@ Result<void> AccountChanges::addUser(const NewUser& user) {
   if (!place) return place.error();
   const auto taken = numbersBesides(user);
   if (!taken) return taken.error();
-  if (const auto removed = removeOrphan(place.value(), user.name); !removed) return removed;
+  if (auto removed = removeOrphan(place.value(), user.name); !removed) return removed;
   auto session = LibuserSession::start(place.value().places, LibuserSession::Files::all);
   if (!session) return session.error();
-  if (const auto added = session.value().addUser(user, taken.value()); !added) {
+  if (auto added = session.value().addUser(user, taken.value()); !added) {
     // Half of it may be done; what cannot be taken back now the next attempt takes away.
     if (!userNamed(files_, user.name)) static_cast<void>(removeOrphan(place.value(), user.name).ok());
     return added;
@@ -161,14 +161,14 @@ Result<void> AccountChanges::setPasswordHash(const std::string& user, const std:
   auto shadow = LibuserSession::start(place.value().places, LibuserSession::Files::shadowAlone);
   if (!shadow) return shadow.error();
   if (!line.value()) {
-    const auto added = shadow.value().addUser({.name = user, .uid = entry.value().uid}, {});
+    auto added = shadow.value().addUser({.name = user, .uid = entry.value().uid}, {});
     if (!added) return added;
   }
-  if (const auto set = shadow.value().setPasswordHash(user, entry.value().uid, hash); !set) return set;
+  if (auto set = shadow.value().setPasswordHash(user, entry.value().uid, hash); !set) return set;
   if (!entry.value().hasShadowPassword) {
     auto passwd = LibuserSession::start(place.value().places, LibuserSession::Files::passwdAlone);
     if (!passwd) return passwd.error();
-    if (const auto pointed = passwd.value().pointToShadow(user); !pointed) return pointed;
+    if (auto pointed = passwd.value().pointToShadow(user); !pointed) return pointed;
   }
   return place.value().flush();
 }
@@ -182,7 +182,7 @@ Result<void> AccountChanges::addMember(const std::string& group, const std::stri
   if (!entry) return entry.error();
   auto session = LibuserSession::start(place.value().places, LibuserSession::Files::all);
   if (!session) return session.error();
-  if (const auto added = session.value().addMember(group, user); !added) return added;
+  if (auto added = session.value().addMember(group, user); !added) return added;
   return place.value().flush();
 }
 

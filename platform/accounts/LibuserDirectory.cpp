@@ -133,7 +133,7 @@ class LocalNode : public DirectoryNode {
 
   Result<void> changePassword_toPassword(const DirectoryRecord& user, std::string_view newPassword) override {
     if (user.recordType != kODRecordTypeUsers) return refused(user.recordType, "has no passwords");
-    if (const auto checked = checkedName(user.recordName); !checked) return checked;
+    if (auto checked = checkedName(user.recordName); !checked) return checked;
     const auto hash = hashPassword(newPassword, passwordMethod(files_));
     if (!hash) return hash.error();
     return changes_.setPasswordHash(user.recordName, hash.value());
@@ -150,7 +150,7 @@ class LocalNode : public DirectoryNode {
 
   Result<void> addMemberRecord(const DirectoryRecord& user, const DirectoryRecord& group) override {
     for (const std::string_view name : {user.recordName, group.recordName}) {
-      if (const auto checked = checkedName(name); !checked) return checked;
+      if (auto checked = checkedName(name); !checked) return checked;
     }
     const auto member = isMemberRecord(user, group);
     if (!member) return member.error();
