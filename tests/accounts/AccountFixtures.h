@@ -30,7 +30,7 @@ std::string reasonOf(const Result<T>& result) {
 class AccountsTest : public testing::Test {
  protected:
   ScratchRoot root;
-  LibuserDirectory directory{root.path(), std::chrono::milliseconds(100)};
+  LibuserDirectory directory{root.path(), std::chrono::seconds(60)};
   std::unique_ptr<DirectoryNode> node = directory.nodeWithType(kODNodeTypeLocalNodes).value();
 
   AccountsTest() {

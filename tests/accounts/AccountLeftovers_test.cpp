@@ -51,7 +51,16 @@ class Sleeper {
   pid_t pid_;
 };
 
-class AccountLeftovers : public AccountsTest {};
+class AccountLeftovers : public AccountsTest {
+ protected:
+  /// With little patience, for locks that nobody gives up.
+  Result<DirectoryRecord> createAtOnce(const std::string& name) {
+    LibuserDirectory impatient(root.path(), std::chrono::milliseconds(0));
+    return impatient.nodeWithType(kODNodeTypeLocalNodes)
+        .value()
+        ->createRecordWithRecordType_name_attributes(kODRecordTypeUsers, name, attributes("250"));
+  }
+};
 
 TEST_F(AccountLeftovers, DoNotCountWhenTheirProcessHasEnded) {
   Sleeper sleeper;
@@ -98,7 +107,7 @@ TEST_F(AccountLeftovers, OfALockThatIsHeldAreRespected) {
   const Sleeper sleeper;
   root.write("/etc/passwd.lock", lockOf(sleeper.pid()));
   const std::string before = everything();
-  const auto made = create("somebody");
+  const auto made = createAtOnce("somebody");
   EXPECT_EQ(codeOf(made), EBUSY);
   EXPECT_EQ(reasonOf(made), "the account files are locked: process " + std::to_string(sleeper.pid()) +
                                 ", by \"/etc/passwd.lock\"");
@@ -107,7 +116,7 @@ TEST_F(AccountLeftovers, OfALockThatIsHeldAreRespected) {
 
 TEST_F(AccountLeftovers, OfALockThatNamesNobodyAreRespectedWhileTheyMayBeInUse) {
   root.write("/etc/group.lock", "who knows");
-  const auto made = create("somebody");
+  const auto made = createAtOnce("somebody");
   EXPECT_EQ(codeOf(made), EBUSY);
   EXPECT_THAT(reasonOf(made), HasSubstr("\"/etc/group.lock\", which names no process"));
 }
