@@ -21,7 +21,6 @@ namespace {
 using testing::AnyOf;
 using testing::Eq;
 using testing::HasSubstr;
-using testing::Not;
 
 std::string lockOf(pid_t process) {
   return std::to_string(process) + std::string(1, '\0');

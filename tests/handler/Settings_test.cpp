@@ -77,7 +77,15 @@ TEST_F(ReadSettings, ComesFromTheServicesOfTheirOwnInTheEnd) {
   const auto real = Handler::init(platform);
   real->serviceWrangler()->setPreferenceValue_forKey(true, "initialized");
   platform.root.write("/private/var/jabberd/sqlite/jabberd2_notification.db", "");
-  platform.root.makeDirectory("/private/var/run/jabberd_notification");
+  for (const char* file : {"/var/db/idavoll/pubsub.db", "/var/db/idavoll/items.db"}) {
+    platform.root.write(file, "");
+  }
+  for (const char* directory :
+       {"/private/var/run/jabberd_notification", "/var/log/idavoll", "/var/db/korvbridge"}) {
+    platform.root.makeDirectory(directory);
+  }
+  platform.root.write("/Library/Preferences/com.velto.Beaconry.plist",
+                      serializePropertyList(Dictionary{{"jid", "pubsub"}}).value());
   const auto answer =
       real->readSettingsWithRequest(parameters(Array{"hosts", "jabberdS2SPort", "authLevel"}));
   EXPECT_EQ(answer, (Dictionary{{"configuration", Dictionary{{"hosts", Array{"chat.example.com"}},
