@@ -33,6 +33,7 @@ class TopicInAName : public NotificationTest {
       auto& list = pairs.emplace_back();
       for (const Pair& pair : part) list.push_back({borrowed(pair.type), pair.tag, borrowed(pair.value)});
     }
+    names.reserve(pairs.size());
     for (const auto& list : pairs) names.push_back({static_cast<std::uint32_t>(list.size()), list.data()});
     testing::internal::CaptureStderr();
     auto topic = atom->otherNameForX509Name({static_cast<std::uint32_t>(names.size()), names.data()});
