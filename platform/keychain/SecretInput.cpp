@@ -1,11 +1,9 @@
 #include "platform/keychain/SecretInput.h"
 
-#include <openssl/ui.h>
+#include <bsd/readpassphrase.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstring>
-#include <memory>
 
 #include "platform/SystemCalls.h"
 
@@ -16,18 +14,15 @@ namespace {
 // More than any pass phrase.
 constexpr std::size_t kLongest = 4096;
 
-struct FreeUi {
-  void operator()(UI* ui) const { UI_free(ui); }
-};
-
+// The terminal shows nothing any more before it shows the prompt, so that an answer that is there at once
+// stays unseen too.
 std::optional<Secret> ask(const std::string& prompt) {
   Secret typed(kLongest);
-  const std::unique_ptr<UI, FreeUi> ui(UI_new_method(UI_OpenSSL()));
-  if (!ui || UI_add_input_string(ui.get(), prompt.c_str(), 0, typed.data(), 0, kLongest - 1) <= 0 ||
-      UI_process(ui.get()) != 0) {
-    return std::nullopt;
-  }
-  return Secret(std::string_view(typed.data(), ::strnlen(typed.data(), kLongest)));
+  if (!::readpassphrase(prompt.c_str(), typed.data(), kLongest, RPP_REQUIRE_TTY)) return std::nullopt;
+  const std::size_t size = ::strnlen(typed.data(), kLongest);
+  // As much as fits may be the beginning of more.
+  if (size + 1 >= kLongest) return std::nullopt;
+  return Secret(std::string_view(typed.data(), size));
 }
 
 std::optional<Secret> readLine() {

@@ -8,8 +8,8 @@
 namespace tessard {
 
 /// A secret from the person at the terminal, who does not see it while typing, or else the first line of
-/// standard input. Absent when there is none or it was called off. On a signal the terminal shows again what
-/// is typed.
+/// standard input. Absent when there is none or it was called off. A signal that ends the
+/// process does so once the terminal shows again what is typed.
 std::optional<Secret> readSecret(const std::string& prompt);
 
 }  // namespace tessard

@@ -191,7 +191,7 @@ class Daemon:
 
 class TerminalTool:
     """The command-line tool on a terminal of its own, which is its standard error, and with `whole` its standard
-    input and output too."""
+    input and output too, and controls it."""
 
     def __init__(self, daemon, *words, whole=False, **environment):
         self._ours, its = pty.openpty()
@@ -200,6 +200,7 @@ class TerminalTool:
             stdin=its if whole else subprocess.DEVNULL,
             stdout=its if whole else subprocess.DEVNULL,
             stderr=its,
+            preexec_fn=(lambda: os.login_tty(its)) if whole else None,
             env={**{k: v for k, v in os.environ.items() if k != "NO_COLOR"}, **environment},
         )
         os.close(its)
