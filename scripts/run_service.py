@@ -18,6 +18,7 @@ DOMAINS = ("a.example.test", "b.example.test")
 PREFERENCES = "/Library/Preferences/com.velto.tessard_notification.plist"
 KEY_FILE = f"{CONFIGURATION}/server.pem"
 CA_FILE = f"{CONFIGURATION}/ca.pem"
+PUSH_FILE = "/root/calendar.pem"
 
 SETTINGS = (
     f"hostsCommaDelimitedString={','.join(DOMAINS)}",
@@ -30,7 +31,7 @@ SETTINGS = (
 def mask(text):
     """The text with every password left out."""
     text = re.sub(r"(<(pass|secret|private_key_password)>).*?(</\2>)", r"\1********\3", text, flags=re.DOTALL)
-    text = re.sub(r"^(secret|password|dbpass)=.+$", r"\1=********", text, flags=re.MULTILINE)
+    text = re.sub(r"^(secret|password|dbpass)(=|: ).+$", r"\1\2********", text, flags=re.MULTILINE)
     return re.sub(r"""(private-key-password=)("[^"]*"|'[^']*')""", r"\1********", text)
 
 
@@ -78,6 +79,13 @@ def make_certificate(show):
     show.run("sh", "-c", f"cat {CA_FILE} >>{KEY_FILE}; chown 0:84 {KEY_FILE} {CA_FILE}; chmod 0640 {KEY_FILE} {CA_FILE}")
 
 
+def make_push_certificate(show):
+    """One file with a key and its certificate, whose subject holds a topic."""
+    show.run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-noenc", "-days", "30",
+             "-subj", "/UID=com.example.push.calendar/CN=Calendar Push", "-keyout", PUSH_FILE, "-out", "/root/calendar.crt")
+    show.run("sh", "-c", f"cat /root/calendar.crt >>{PUSH_FILE}")
+
+
 def demonstrate(machine):
     show = Show(machine)
     show.title(f"a private machine named {HOST_NAME}, with the templates in place and tessardd running")
@@ -112,33 +120,64 @@ def demonstrate(machine):
     show.run("ps", "-u", "84", "-o", "pid,user,args")
     show.run("tessardctl", "state")
 
-    show.title("a client logs in with an account of the machine, publishes and stays a while")
-    with logged_in_client(show):
+    show.title("certificates: one with the push topic of the calendar, and the bridge's own")
+    make_push_certificate(show)
+    for file in (PUSH_FILE, KEY_FILE):
+        show.run("tessardctl", "certificate", "import", file)
+    show.run("keywarden", "prefer", "korvs:com.velto.calendar", "Calendar Push")
+    show.run("tessardctl", "certificate", "set", DOMAINS[0])
+    show.run("tessardctl", "certificate", "list")
+    show.run("tessardctl", "settings", "set", "korvbridgeEnabled=true")
+
+    show.title("the account that the calendar service may use, and what it needs to know")
+    show.run("tessardctl", "service-user", "calendar")
+    answer = json.loads(machine.run("tessardctl", "--json", "service-user", "calendar").stdout)
+
+    show.title("with exactly that it makes a node and publishes; ann, another account of the machine, follows")
+    calendar = (answer["JID"], answer["password"])
+    ann = (f"ann@{answer['xmppHostName']}", secrets.token_urlsafe())
+    add_account(machine, "ann", ann[1])
+    port = str(answer["jabberdClientPortTLS"])
+    with client(show, port, calendar, "create", "events") as made:
+        made.says("logged in as ", "made the node events ")
+    with client(show, port, ann, "follow", "events") as follower:
+        follower.says("logged in as ", "follows the node events ")
+        with client(show, port, calendar, "publish", "events", "Hello") as publisher:
+            publisher.says("logged in as ", "published on ")
+        follower.says("received from the node events: Hello\n")
         show.run("tessardctl", "state", "--details")
         details = json.loads(machine.run("tessardctl", "--json", "state", "--details").stdout)
     if (details["state"], details["currentConnections"]) != ("RUNNING", "1"):
         raise MachineError("the service does not run with one client")
 
 
+class Client:
+    def __init__(self, process):
+        self._process = process
+
+    def says(self, *beginnings):
+        """Shows the next lines, which begin like this."""
+        for beginning in beginnings:
+            line = self._process.stdout.readline()
+            if not line.startswith(beginning):
+                raise MachineError(line.strip() or self._process.stderr.read().strip() or "the client has ended")
+            print(line, end="", flush=True)
+
+
 @contextlib.contextmanager
-def logged_in_client(show):
-    address, password = f"ann@{DOMAINS[0]}", secrets.token_urlsafe()
-    add_account(show.machine, "ann", password)
-    words = ("python3", "/run/machine/xmpp_client.py", address, CA_FILE, "news", "Hello")
+def client(show, port, account, *words):
+    """A client of the account (address and password) that carries out the words and then ends, or is told to."""
+    address, password = account
+    words = ("python3", "/run/machine/xmpp_client.py", address, port, CA_FILE, *words)
     print(f"# {shlex.join(words)}", flush=True)
     with show.machine.popen(*words, user=84, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                            text=True) as client:
-        client.stdin.write(f"{password}\n")
-        client.stdin.flush()
-        for _ in ("logged in", "published"):
-            line = client.stdout.readline()
-            if not line:
-                raise MachineError(client.stderr.read().strip() or "the client has ended")
-            print(line, end="", flush=True)
-        yield
-        client.stdin.close()
-        if client.wait(30) != 0:
-            raise MachineError("the client has not ended well")
+                            text=True) as process:
+        process.stdin.write(f"{password}\n")
+        process.stdin.flush()
+        yield Client(process)
+        process.stdin.close()
+        if process.wait(30) != 0:
+            raise MachineError(process.stderr.read().strip() or "the client has not ended well")
 
 
 def stay_up(machine):

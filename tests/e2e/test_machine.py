@@ -91,9 +91,14 @@ def test_running_once_shows_what_settings_change_and_no_password():
     assert "+++ /private/etc/jabberd_notification/sm_b.example.test.xml" in shown.stdout
     assert "hosts=[a.example.test, b.example.test]" in shown.stdout
     assert "\nstate: RUNNING\n" in shown.stdout
-    assert "published on pubsub.a.example.test, node news: Hello\n" in shown.stdout
+    assert "\nJID: com.velto.notificationuser@a.example.test\n" in shown.stdout
+    assert "\nkorpsTopic: com.example.push.calendar\n" in shown.stdout
+    assert "\nsubscriptionURL: https://a.example.test:5290/subscription\n" in shown.stdout
+    assert "made the node events on pubsub.a.example.test\n" in shown.stdout
+    assert "received from the node events: Hello\n" in shown.stdout
     assert "\ncurrentConnections: 1\n" in shown.stdout
     assert set(re.findall(r"^secret=(.*)$", shown.stdout, re.MULTILINE)) == {"********"}
+    assert set(re.findall(r"^password: (.*)$", shown.stdout, re.MULTILINE)) == {"********"}
     assert set(re.findall(r"<(?:pass|secret)>(.*)</", shown.stdout)) <= {"********"}
 
 
