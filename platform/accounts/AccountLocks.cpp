@@ -28,6 +28,9 @@ constexpr std::chrono::milliseconds kPause{50};
 
 using Obstacle = std::optional<std::string>;
 
+// Nothing.
+const Obstacle kNone;
+
 bool isFromBeforeTheStart(const struct stat& file) {
   timespec now{};
   timespec running{};
@@ -51,7 +54,7 @@ std::optional<pid_t> processIn(const FileDescriptor& file) {
 Result<Obstacle> obstacleOf(int directory, const char* name) {
   const FileDescriptor file(openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file) {
-    if (errno == ENOENT) return Obstacle();
+    if (errno == ENOENT) return kNone;
     return SystemError(errno, fill("/etc/%@: %@", {name, SystemError::last().description()}));
   }
   struct stat status {};
@@ -60,7 +63,7 @@ Result<Obstacle> obstacleOf(int directory, const char* name) {
   const bool ended = holder && kill(*holder, 0) != 0 && errno == ESRCH;
   if (ended || holder == getpid() || isFromBeforeTheStart(status)) {
     if (unlinkat(directory, name, 0) != 0 && errno != ENOENT) return SystemError::last();
-    return Obstacle();
+    return kNone;
   }
   if (!holder) return Obstacle(fill("\"/etc/%@\", which names no process", {name}));
   return Obstacle(fill("process %d, by \"/etc/%@\"", {*holder, name}));
