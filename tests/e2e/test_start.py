@@ -226,7 +226,7 @@ def test_files_that_cannot_be_used_start_nothing(service, name, text, sentence):
 
 @pytest.mark.parametrize("name, old, new, sentence", [
     ("router.xml", "<ip>127.0.0.1</ip>\n    <port>5347", "<ip>192.0.2.1</ip>\n    <port>5347", "The component router has ended"),
-    ("c2s.xml", "<module>sqlite</module>", "<module>nonesuch</module>", "The component c2s has ended"),
+    ("c2s.xml", "<module>pipe</module>", "<module>nonesuch</module>", "The component c2s has ended"),
     # The router turns it away and it tries again and again.
     ("s2s.xml", "<user>jabberd</user>", "<user>stranger</user>", "The component s2s has ended"),
 ])
