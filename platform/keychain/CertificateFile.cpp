@@ -1,7 +1,6 @@
 #include "platform/keychain/CertificateFile.h"
 
 #include <openssl/err.h>
-#include <openssl/provider.h>
 
 #include <algorithm>
 
@@ -50,17 +49,13 @@ KeychainResult<Pieces> readPem(std::string_view bytes, const Secret* passPhrase)
   return pieces;
 }
 
-// Files of older programs are sealed with ciphers that OpenSSL keeps in a provider of their own.
-LibraryContextPointer contextWithOldCiphers() {
-  LibraryContextPointer context(OSSL_LIB_CTX_new());
-  if (context) {
-    // They are unloaded with the context; without the old ones only newer files can be read.
-    OSSL_PROVIDER_load(context.get(), "default");
-    OSSL_PROVIDER_load(context.get(), "legacy");
-  }
-  ERR_clear_error();
-  return context;
-}
+// Files of older programs are sealed with ciphers that OpenSSL keeps in a provider of their own; without it
+// only newer files can be read. The context does not unload what was loaded into it.
+struct OldCiphers {
+  LibraryContextPointer context{OSSL_LIB_CTX_new()};
+  ProviderPointer present{context ? OSSL_PROVIDER_load(context.get(), "default") : nullptr};
+  ProviderPointer old{context ? OSSL_PROVIDER_load(context.get(), "legacy") : nullptr};
+};
 
 // So many rounds keep one core busy for some seconds; a hostile file could ask for two thousand million.
 constexpr std::int64_t kMostRounds = 10'000'000;
@@ -126,8 +121,8 @@ KeychainResult<Pieces> takeApart(PKCS12* file, const char* phrase) {
 }
 
 KeychainResult<Pieces> readPkcs12(std::string_view bytes, const Secret* passPhrase) {
-  const LibraryContextPointer context = contextWithOldCiphers();
-  PKCS12* file = context ? PKCS12_init_ex(NID_pkcs7_data, context.get(), nullptr) : nullptr;
+  const OldCiphers ciphers;
+  PKCS12* file = ciphers.context ? PKCS12_init_ex(NID_pkcs7_data, ciphers.context.get(), nullptr) : nullptr;
   const unsigned char* at = bytesOf(bytes);
   // When it fails, OpenSSL frees the one that it was given.
   const Pkcs12Pointer parsed(file ? d2i_PKCS12(&file, &at, static_cast<long>(bytes.size())) : nullptr);

@@ -3,6 +3,7 @@
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 #include <openssl/pkcs12.h>
+#include <openssl/provider.h>
 #include <openssl/x509.h>
 
 #include <memory>
@@ -24,6 +25,7 @@ using CipherContextPointer = std::unique_ptr<EVP_CIPHER_CTX, OpenSslFree<EVP_CIP
 using KeyPointer = std::unique_ptr<EVP_PKEY, OpenSslFree<EVP_PKEY_free>>;
 using LibraryContextPointer = std::unique_ptr<OSSL_LIB_CTX, OpenSslFree<OSSL_LIB_CTX_free>>;
 using Pkcs12Pointer = std::unique_ptr<PKCS12, OpenSslFree<PKCS12_free>>;
+using ProviderPointer = std::unique_ptr<OSSL_PROVIDER, OpenSslFree<OSSL_PROVIDER_unload>>;
 using X509Pointer = std::unique_ptr<X509, OpenSslFree<X509_free>>;
 using X509SignaturePointer = std::unique_ptr<X509_SIG, OpenSslFree<X509_SIG_free>>;
 
