@@ -16,6 +16,7 @@ from certificates import CA_FILE, PUBLIC_CA_FILE, make_certificate, serve_over_t
 from jabberd import Jabberd, mechanisms
 from private_machine import CONFIGURATION, PrivateMachine, add_account, set_password, wait_until
 from service import Service
+from watch import watching
 
 DOMAINS = ["a.example.test", "b.example.test"]
 SERVICE_USER = "com.velto.notificationuser"
@@ -83,21 +84,6 @@ for message in json.load(sys.stdin):
     link.sendall(message.encode())
     print(re.search("<([a-z]+)", until(link, "/>", "</")).group(1), flush=True)
     link.close()
-"""
-
-# Gathers the argument lists and environments of all processes until its standard input ends.
-_WATCH = """
-import pathlib, select, sys
-seen = set()
-print("watching", flush=True)
-while not select.select([sys.stdin], [], [], 0.02)[0]:
-    for place in pathlib.Path("/proc").glob("[0-9]*"):
-        for name in ("cmdline", "environ"):
-            try:
-                seen.add((place / name).read_bytes())
-            except OSError:
-                pass
-sys.stdout.buffer.write(b"\\n".join(seen))
 """
 
 
@@ -372,16 +358,12 @@ def test_the_components_alone_reach_saslauthd(running):
 def test_a_password_is_in_no_argument_list_environment_log_or_file(running):
     canary = "canary-zq7-of-the-login"
     add_account(running, "kate", canary)
-    # Root has not all its powers in there, so both look.
-    watchers = [running.popen("python3", "-c", _WATCH, user=user, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-                for user in (0, 84)]
-    for watcher in watchers:
-        assert watcher.stdout.readline() == b"watching\n"
-    assert login(running, "kate", canary) == here("kate")
-    assert login(running, "kate", canary + "!") == "refused"
-    assert attempt(running, canary, canary) == "failure"  # in the wrong field
-    assert attempt(running, "kate " + canary, canary) == "failure"
-    seen = b"".join(watcher.communicate(timeout=60)[0] for watcher in watchers)
+    with watching(running) as seen_so_far:
+        assert login(running, "kate", canary) == here("kate")
+        assert login(running, "kate", canary + "!") == "refused"
+        assert attempt(running, canary, canary) == "failure"  # in the wrong field
+        assert attempt(running, "kate " + canary, canary) == "failure"
+        seen = seen_so_far()
     assert b"jabberd2-c2s" in seen and b"saslauthd" in seen and PROGRAM.encode() in seen
     encoded = base64.b64encode(canary.encode())
     log = running.system_log()

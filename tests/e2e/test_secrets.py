@@ -4,12 +4,11 @@ import base64
 import json
 import plistlib
 import stat
-import subprocess
 
-import pytest
-
-from certificates import CA_FILE, KEY_FILE, PUBLIC_CA_FILE, make_certificate
+from certificates import CA_FILE, KEY_FILE, make_certificate
 from private_machine import add_account
+from pubsub import Pubsub
+from watch import watching
 
 DOMAIN = "push.example.test"
 SETTINGS = "/Library/Preferences/com.velto.Beaconry.plist"
@@ -18,44 +17,6 @@ BUNDLE_PHRASE = "canary-phrase-of-the-bundle-3Ws"
 PASSWORD = "canary-password-of-ann-9Lp"
 # All that a run writes to, but for what is Debian's.
 PLACES = ("etc", "var", "run", "Library", "tmp", "private")
-
-# Gathers the argument lists and environments of all processes until its standard input ends.
-WATCH = """
-import pathlib, select, sys
-seen = set()
-print("watching", flush=True)
-while not select.select([sys.stdin], [], [], 0.01)[0]:
-    for place in pathlib.Path("/proc").glob("[0-9]*"):
-        for name in ("cmdline", "environ"):
-            try:
-                seen.add((place / name).read_bytes())
-            except OSError:
-                pass
-sys.stdout.buffer.write(b"\\n".join(seen))
-"""
-
-# Logs in over TLS with the answer of standard input, and says as whom.
-LOGIN = """
-import json, sys
-import slixmpp
-answer = json.load(sys.stdin)
-class Client(slixmpp.ClientXMPP):
-    def __init__(self):
-        super().__init__(answer["JID"], answer["password"])
-        self.ca_certs = sys.argv[1]
-        self.add_event_handler("failed_all_auth", lambda _: self.end("refused"))
-        self.add_event_handler("session_start", self.begin)
-    async def begin(self, _):
-        self.send_presence()
-        await self.get_roster()
-        self.end("here as " + self.boundjid.bare)
-    def end(self, word):
-        print(word, flush=True)
-        self.abort()
-client = Client()
-client.connect(("127.0.0.1", int(answer["jabberdClientPortTLS"])))
-client.process(forever=False)
-"""
 
 
 def make_push_certificate(machine):
@@ -77,21 +38,8 @@ def files_below(machine):
                 yield path
 
 
-@pytest.fixture
-def watched(daemon):
-    """The daemon, and a function that gives what its machine's processes were given so far."""
-    watchers = [daemon.machine.popen("python3", "-c", WATCH, user=user, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-                for user in (0, 84)]
-    for watcher in watchers:
-        assert watcher.stdout.readline() == b"watching\n"
-    yield daemon, lambda: b"".join(watcher.communicate(timeout=60)[0] for watcher in watchers)
-    for watcher in watchers:
-        watcher.kill()
-        watcher.wait()
-
-
-def test_the_secrets_of_a_run_are_nowhere_but_where_they_are_kept(watched):
-    service, seen = watched
+def run_with_secrets(service):
+    """A whole run, and the secrets that it had to do with."""
     machine = service.machine
     service.tool("setup")
     key_line = make_push_certificate(machine)
@@ -107,20 +55,24 @@ def test_the_secrets_of_a_run_are_nowhere_but_where_they_are_kept(watched):
     answer = json.loads(service.tool("--json", "service-user", "calendar").stdout)
     assert answer["korpsTopic"] == "com.example.push.calendar"
     add_account(machine, "ann", PASSWORD)
-    for login in (answer, answer | {"JID": f"ann@{DOMAIN}", "password": PASSWORD}):
-        said = machine.run("python3", "-c", LOGIN, PUBLIC_CA_FILE, user=65534, input=json.dumps(login), timeout=60).stdout
-        assert said == f"here as {login['JID']}\n"
+    pubsub = Pubsub(service)
+    for node, (jid, password) in {"events": (answer["JID"], answer["password"]), "news": (f"ann@{DOMAIN}", PASSWORD)}.items():
+        assert pubsub.ask(jid, "create", node, password=password) == [["created", "result"]]
     service.tool("restart", check=False)
 
     settings = plistlib.loads(machine.outside(SETTINGS).read_bytes())
-    secrets = {"pass phrase": PHRASE, "pass phrase of the bundle": BUNDLE_PHRASE, "password of ann": PASSWORD,
-               "password of the service user": answer["password"], "router secret": service.router_password(),
-               "private key": key_line}
-    if "password" in settings:
-        secrets["password of the component"] = settings["password"]
-    given = seen()
+    return {"pass phrase": PHRASE, "pass phrase of the bundle": BUNDLE_PHRASE, "password of ann": PASSWORD,
+            "password of the service user": answer["password"], "password of the component": settings["password"],
+            "router secret": service.router_password(), "private key": key_line}
+
+
+def test_the_secrets_of_a_run_are_nowhere_but_where_they_are_kept(daemon):
+    machine = daemon.machine
+    with watching(machine) as seen:
+        secrets = run_with_secrets(daemon)
+        given = seen()
     assert b"jabberd2-c2s" in given and b"keywarden" in given and b"saslauthd" in given
-    log = service.log() + (machine.directory / "boot.log").read_text()
+    log = daemon.log() + (machine.directory / "boot.log").read_text()
     kept = {}
     for name, secret in secrets.items():
         forms = [secret.encode(), base64.b64encode(secret.encode())]
