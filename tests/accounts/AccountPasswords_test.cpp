@@ -99,7 +99,9 @@ TEST_F(AccountPasswords, GoToTheShadowFileAlsoOfAUserThatHadOneWhereAllCanRead) 
   const std::string shadow = root.read("/etc/shadow");
   for (const std::string former : {"$1$salt$hash", "", "*", "!", "!!"}) {
     for (const std::string line : {"", "old:!:1:0:99999:7:::\n", "old::1:0:99999:7:::\n"}) {
-      root.write("/etc/passwd", passwd + "old:" + former + ":260:20::/:/bin/false\n");
+      std::string users = passwd;
+      users.append("old:").append(former).append(":260:20::/:/bin/false\n");
+      root.write("/etc/passwd", users);
       root.write("/etc/shadow", shadow + line);
       ASSERT_TRUE(node->changePassword_toPassword(user("old"), "secret"));
       EXPECT_EQ(lineOf("old", "/etc/passwd"), "old:x:260:20::/:/bin/false") << former << line;
