@@ -68,11 +68,11 @@ class NOTIFICATION_PLUGIN_ChatHandler : public PluginRequestHandler {
   std::optional<Dictionary> addServiceWithRequest(const Dictionary& request);
   std::optional<Dictionary> removeServiceWithRequest(const Dictionary& request);
   /// What the notification atom answers, an empty dictionary before the service data is there. Makes the
-  /// account when there is none yet. A "service" that is missing or no string is answered with
-  /// "INVALID_ARG_ERR".
+  /// account when there is none yet. A "service" that is no string, or holds control characters, is answered
+  /// with "INVALID_ARG_ERR".
   std::optional<Dictionary> getServiceUserWithRequest(const Dictionary& request);
-  /// What the notification atom answers. A "certificateName" that is no string is answered with
-  /// "INVALID_ARG_ERR".
+  /// What the notification atom answers. A "certificateName" that is no string, or holds control characters,
+  /// is answered with "INVALID_ARG_ERR".
   std::optional<Dictionary> setKorvsCertificateWithRequest(const Dictionary& request);
 
  protected:

@@ -5,6 +5,16 @@
 
 namespace tessard {
 
+namespace {
+
+// What may come back in a line of a log.
+bool isName(const Value& value) {
+  const std::string* text = value.asString();
+  return text && isXmlText(*text) && text->find_first_of("\t\n\r\x7f") == std::string::npos;
+}
+
+}  // namespace
+
 NOTIFICATION_PLUGIN_ChatServiceAtom* NOTIFICATION_PLUGIN_ChatHandler::notificationAtom() const {
   return serviceWrangler_->serviceAtomForName("Notification");
 }
@@ -45,11 +55,10 @@ Dictionary NOTIFICATION_PLUGIN_ChatHandler::refusal(std::string_view what, std::
 
 std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatHandler::getServiceUserWithRequest(
     const Dictionary& request) {
-  const std::string* service = request.stringFor("service");
-  if (!service || service->empty()) {
-    return refusal("service user", "\"service\" must be a string that is not empty");
+  const Value* service = request.find("service");
+  if (service && !isName(*service)) {
+    return refusal("service user", "\"service\" must be a string without control characters");
   }
-  if (!isXmlText(*service)) return refusal("service user", "\"service\" holds characters that no name has");
   if (!passGate()) return Dictionary{};
   auto* notification = notificationAtom();
   return notification ? notification->getServiceUserWithRequest(request) : std::nullopt;
@@ -58,7 +67,7 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatHandler::getServiceUserWithReq
 std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatHandler::setKorvsCertificateWithRequest(
     const Dictionary& request) {
   const Value* name = request.find("certificateName");
-  if (name && (!name->asString() || !isXmlText(*name->asString()))) {
+  if (name && !isName(*name)) {
     return refusal("certificate", "\"certificateName\" must be a string without control characters");
   }
   auto* notification = notificationAtom();

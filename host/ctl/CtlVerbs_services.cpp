@@ -75,7 +75,9 @@ int runServices(CtlCall& call) {
 
 int runServiceUser(CtlCall& call) {
   const Words& words = call.arguments().words;
-  if (words.size() != 2) return call.usage("\"service-user\" needs a SERVICE, such as calendar.");
+  if (words.size() != 2 || words[1].empty()) {
+    return call.usage("\"service-user\" needs a SERVICE, such as calendar.");
+  }
   return call.send({{"command", "getServiceUser"}, {"service", words[1]}}, [&](const Dictionary& answer) {
     const int exitCode = call.printEntries(answer);
     if (!answer.empty()) return exitCode;
