@@ -157,7 +157,8 @@ class Keychain {
 
   /// What the certificate says, by `kSecOIDX509V1SubjectName` and the like: dictionaries with
   /// `kSecPropertyKeyLabel` and `kSecPropertyKeyValue`. The subject's value is an array of such dictionaries,
-  /// one for each attribute in the order of the certificate, labelled with its dotted object identifier.
+  /// one for each attribute in the order of the certificate, labelled with its dotted object identifier. An
+  /// attribute that is no text, or holds a NUL or another control character, has no `kSecPropertyKeyValue`.
   virtual Result<Dictionary> SecCertificateCopyValues(const KeychainCertificate& certificate) = 0;
 };
 
