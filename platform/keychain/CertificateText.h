@@ -12,7 +12,8 @@ namespace tessard {
 /// differently in other places.
 ///
 /// UTF8String is UTF-8; PrintableString, IA5String, VisibleString and NumericString are ASCII; TeletexString
-/// is ISO Latin 1; UniversalString is UTF-32 and BMPString UTF-16, both with the high byte first.
+/// is ISO Latin 1; UniversalString is UTF-32 and BMPString UTF-16, both as common/StringEncodings.h reads
+/// them.
 std::optional<std::string> textOf(const ASN1_STRING* value);
 
 }  // namespace tessard

@@ -62,6 +62,7 @@ INSTANTIATE_TEST_SUITE_P(
         StringCase{"BmpWithLoneHighSurrogate", V_ASN1_BMPSTRING, "\xd8\x3d\0a"sv, std::nullopt},
         StringCase{"BmpWithLoneLowSurrogate", V_ASN1_BMPSTRING, "\xde\0"sv, std::nullopt},
         StringCase{"BmpBrokenOffInAPair", V_ASN1_BMPSTRING, "\0a\xd8\x3d"sv, std::nullopt},
+        StringCase{"BmpWithByteOrderMark", V_ASN1_BMPSTRING, "\xfe\xff\0a"sv, "a"},
         StringCase{"BmpOfABrokenLength", V_ASN1_BMPSTRING, "\0a\0"sv, std::nullopt},
         StringCase{"BmpNul", V_ASN1_BMPSTRING, "\0a\0\0"sv, std::nullopt},
         StringCase{"Empty", V_ASN1_UTF8STRING, "", ""},
