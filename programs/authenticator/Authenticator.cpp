@@ -3,11 +3,11 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <utility>
 
 #include "common/Format.h"
+#include "platform/SystemCalls.h"
 #include "programs/authenticator/LoginRules.h"
 
 namespace tessard {
@@ -22,15 +22,6 @@ constexpr std::string_view kNo = "NO\n";
 
 // c2s writes at most 1,023 bytes at a time.
 constexpr std::size_t kLongestQuestion = 4096;
-
-Result<void> writeAll(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t length = ::write(descriptor, text.data(), text.size());
-    if (length < 0 && errno != EINTR) return SystemError::last();
-    if (length > 0) text.remove_prefix(static_cast<std::size_t>(length));
-  }
-  return {};
-}
 
 bool moreIsThere(int descriptor) {
   pollfd look{.fd = descriptor, .events = POLLIN, .revents = 0};
@@ -47,10 +38,8 @@ class Question {
 
   // Waits for the next one. The number of bytes, 0 at the end; fails when it cannot be read.
   Result<std::size_t> read(int descriptor) {
-    ssize_t length = 0;
-    while ((length = ::read(descriptor, bytes_.data(), bytes_.size())) < 0) {
-      if (errno != EINTR) return SystemError::last();
-    }
+    const ssize_t length = uninterrupted([&] { return ::read(descriptor, bytes_.data(), bytes_.size()); });
+    if (length < 0) return SystemError::last();
     length_ = static_cast<std::size_t>(length);
     return length_;
   }
