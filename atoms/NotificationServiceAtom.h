@@ -33,8 +33,8 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   const std::optional<Dictionary>& hostCache() const { return hostCache_; }
   void setHostCache(std::optional<Dictionary> cache) { hostCache_ = std::move(cache); }
 
-  /// Whether every directory, database and file of the service exists, and its account where it has one.
-  /// Makes the settings file where there is none.
+  /// Whether every directory, database and file of the service exists, and its account where it has one. An
+  /// empty file is no database. Makes the settings file where there is none.
   bool serviceDataReady() override;
   /// Makes what is missing. What cannot be made is an error line and does not end the work, so that only
   /// `serviceDataReady` tells whether all is there; false when the service's name ("jid") or the host's is

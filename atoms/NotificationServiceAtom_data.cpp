@@ -7,6 +7,16 @@
 
 namespace tessard {
 
+namespace {
+
+// What an attempt leaves that was cut off at its beginning.
+bool isEmptyFile(FileSystem& files, const std::string& path) {
+  const auto attributes = files.attributes(path);
+  return attributes && attributes.value().size == 0;
+}
+
+}  // namespace
+
 bool NOTIFICATION_PLUGIN_NotificationServiceAtom::serviceDataReady() {
   FileSystem& files = platform().files;
   const auto settings = dictionaryFromSettingsFile();
@@ -15,7 +25,7 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::serviceDataReady() {
   if (!jid) return false;
   if (!files.exists(kNotificationDataDirectory)) return false;
   for (const NotificationDatabase& database : kNotificationDatabases) {
-    if (!files.exists(database.path)) return false;
+    if (!files.exists(database.path) || isEmptyFile(files, database.path)) return false;
   }
   if (!files.exists(kNotificationLogDirectory)) return false;
   if (connectsAsClient(*settings)) {
@@ -90,6 +100,12 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::makeDatabase(const Notificatio
   if (refusesLink(path)) return;
   if (platform().files.exists(path) && !isUnfinishedDatabase(path)) return;
   removeDatabase(platform().files, path);
+  // It belongs to the service before there is anything in it, so that no attempt leaves one that does not.
+  const auto begun = platform().files.createFile(path, "", kNotificationDataOwnership);
+  if (!begun) {
+    databaseNotMade(path, begun.error().description());
+    return;
+  }
   const DatabaseOutcome outcome = makeDatabaseFromScript(platform(), database.script, path);
   if (!outcome.made) {
     databaseNotMade(path, outcome.errorText.empty() ? outcome.output : outcome.errorText);
@@ -108,8 +124,7 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::databaseNotMade(const std::str
 
 // All tables are made in one transaction: the daemon's death meanwhile leaves none of them.
 bool NOTIFICATION_PLUGIN_NotificationServiceAtom::isUnfinishedDatabase(const std::string& path) {
-  const auto attributes = platform().files.attributes(path);
-  if (attributes && attributes.value().size == 0) return true;
+  if (isEmptyFile(platform().files, path)) return true;
   return platform().files.exists(path + "-journal") && !databaseHasTables(platform(), path);
 }
 

@@ -353,6 +353,35 @@ TEST_F(NotificationDatabases, AreMadeAnewWhenTheirMakingWasInterrupted) {
   EXPECT_THAT(platform.root.list(kDataDirectory), ElementsAre("items.db", "pubsub.db"));
 }
 
+TEST_F(NotificationDatabases, AreMadeAnewWhenTheyAreTheOnlyPieceThatWasInterrupted) {
+  for (const auto& database : {kNodes, kItems}) {
+    makeAll();
+    platform.root.write(database, "");
+    EXPECT_FALSE(atom->serviceDataReady()) << database;
+    EXPECT_TRUE(atom->initServiceData());
+    EXPECT_TRUE(atom->serviceDataReady()) << database;
+    EXPECT_EQ(ask(database, "PRAGMA user_version;"), "1\n");
+  }
+}
+
+TEST_F(NotificationDatabases, BelongToTheServiceBeforeTheToolFillsThem) {
+  Lines filled;
+  platform.tasks.on(kSqlite, [&](const ScriptedTasks::Call& call) {
+    const std::string path = call.arguments.back().content;
+    filled.push_back(path);
+    EXPECT_EQ(platform.root.mode(path), 0750U) << path;
+    EXPECT_EQ(platform.posixFiles.attributes(path).value().owner, 84U) << path;
+    return TaskResult{1, "", "cut off"};
+  });
+  EXPECT_TRUE(atom->initServiceData());
+  EXPECT_THAT(filled, ElementsAre(kNodes, kItems));
+}
+
+TEST_F(NotificationDatabases, AreNotMadeOnAFullDisk) {
+  platform.files.failPath("createFile", "/pubsub.db", ENOSPC);
+  expectNone("No space left on device");
+}
+
 TEST_F(NotificationDatabases, AreKeptWhenOnlyALaterChangeOfThemWasInterrupted) {
   makeAll();
   ask(kNodes, "INSERT INTO nodes (node) VALUES ('kept');");

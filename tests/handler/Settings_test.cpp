@@ -78,7 +78,7 @@ TEST_F(ReadSettings, ComesFromTheServicesOfTheirOwnInTheEnd) {
   real->serviceWrangler()->setPreferenceValue_forKey(true, "initialized");
   platform.root.write("/private/var/jabberd/sqlite/jabberd2_notification.db", "");
   for (const char* file : {"/var/db/idavoll/pubsub.db", "/var/db/idavoll/items.db"}) {
-    platform.root.write(file, "");
+    platform.root.write(file, "nodes");
   }
   for (const char* directory :
        {"/private/var/run/jabberd_notification", "/var/log/idavoll", "/var/db/korvbridge"}) {
