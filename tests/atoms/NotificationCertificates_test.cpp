@@ -276,6 +276,13 @@ TEST_F(PushTopic, IsMissingWhereTheSubjectHasNone) {
   EXPECT_EQ(debug(), Lines{"Did not find topic for Korv certificate for identity: korvs:com.velto.calendar"});
 }
 
+TEST_F(PushTopic, IsMissingWhereItHoldsANulAndIsNotTakenFromALaterOne) {
+  prefer("korvs:com.velto.calendar",
+         {TestCertificate::topic(std::string("good\0.evil", 10)), TestCertificate::topic("a later one")});
+  EXPECT_EQ(topicOf("calendar"), std::nullopt);
+  EXPECT_EQ(debug(), Lines{"Did not find topic for Korv certificate for identity: korvs:com.velto.calendar"});
+}
+
 TEST_F(PushTopic, IsTheFirstOfTwo) {
   prefer("korvs:com.velto.calendar", {TestCertificate::topic("first"), TestCertificate::commonName("x"),
                                       TestCertificate::topic("second")});

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 
+#include "platform/keychain/AccessList.h"
+#include "platform/keychain/KeychainStore.h"
 #include "tests/atoms/NotificationDataFixtures.h"
 
 // The accounts of the notification service: the component's own, and the one for client services.
@@ -222,6 +224,18 @@ TEST_F(NotificationServiceUser, IsMadeAndAnsweredKeyByKey) {
   EXPECT_THAT(errors(), IsEmpty());
 }
 
+TEST_F(NotificationServiceUser, HasItsPasswordKeptUnderItsLabelForRootAlone) {
+  answer();
+  auto store = KeychainStore::openToRead(platform.root.path());
+  ASSERT_TRUE(store && store.value());
+  const auto passwords = store.value()->passwords();
+  ASSERT_TRUE(passwords && passwords.value().size() == 1);
+  const KeychainStore::Password& password = passwords.value().front();
+  EXPECT_EQ(password.account, kServiceUser);
+  EXPECT_EQ(password.label, "com.velto.tessard_notification");
+  EXPECT_EQ(parseAccess(password.access), NotificationAtom::makeUidAccess(0));
+}
+
 TEST_F(NotificationServiceUser, IsTheSameForEveryServiceThatAsks) {
   const Dictionary first = answer("calendar");
   const std::string passwd = platform.root.read("/etc/passwd");
@@ -269,6 +283,14 @@ TEST_F(NotificationServiceUser, IsNotAnsweredWithoutADomain) {
   owner.hostDomain.reset();
   EXPECT_FALSE(atom->getServiceUserWithRequest({}));
   EXPECT_THAT(warnings(), ElementsAre("Unable to determine jabber domain for getServiceUserWithRequest"));
+  EXPECT_EQ(lineOf(kServiceUser, "/etc/passwd"), "");
+}
+
+TEST_F(NotificationServiceUser, IsNotAnsweredForAnEmptyListOfDomains) {
+  owner.domains = Lines{};
+  owner.hostDomain = "host.example.com";
+  EXPECT_FALSE(atom->getServiceUserWithRequest({{"service", "calendar"}}));
+  EXPECT_THAT(errors(), ElementsAre("the jabberd service has no domain for the notification service"));
   EXPECT_EQ(lineOf(kServiceUser, "/etc/passwd"), "");
 }
 
