@@ -15,7 +15,7 @@ from pathlib import Path
 import systemd_machine
 
 PROJECT = Path(__file__).resolve().parent.parent
-NAMES = {"unit": "unit", "host": "host", "e2e": "end to end", "systemd": "systemd"}
+NAMES = {"unit": "unit", "host": "host", "sweeps": "sweeps", "e2e": "end to end", "systemd": "systemd"}
 
 
 class Count:

@@ -255,3 +255,24 @@ class RunningRequest:
 
     def leave(self):
         self.connection.close()
+
+
+def openConnections(daemon):
+    """How many clients the daemon has. Listening and datagram sockets are none."""
+    kinds = {}
+    for line in open("/proc/net/unix").read().splitlines()[1:]:
+        fields = line.split()
+        listening = int(fields[3], 16) & 0x10000 != 0
+        kinds[fields[6]] = fields[4] == "0001" and not listening
+    return sum(1 for target in targets(daemon) if target.startswith("socket:[") and kinds.get(target[8:-1]))
+
+
+def targets(daemon):
+    directory = f"/proc/{daemon.process.pid}/fd"
+    found = []
+    for name in os.listdir(directory):
+        try:
+            found.append(os.readlink(f"{directory}/{name}"))
+        except FileNotFoundError:
+            pass
+    return found

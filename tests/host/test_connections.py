@@ -12,9 +12,11 @@ from hosttools import (
     NOBODY,
     Answer,
     RunningRequest,
+    openConnections,
     parseRaw,
     readAll,
     shortName,
+    targets,
     waitUntil,
 )
 
@@ -369,27 +371,6 @@ def test_a_member_of_the_group_is_served(makeDaemon):
     # Far more groups than fit into the first question to the kernel.
     done = daemon.tool("state", user=NOBODY, groups=[60, *range(1000, 1100)])
     assert (done.returncode, done.stdout) == (0, "state: STOPPED\n")
-
-
-def openConnections(daemon):
-    """How many clients the daemon has. Listening and datagram sockets are none."""
-    kinds = {}
-    for line in open("/proc/net/unix").read().splitlines()[1:]:
-        fields = line.split()
-        listening = int(fields[3], 16) & 0x10000 != 0
-        kinds[fields[6]] = fields[4] == "0001" and not listening
-    return sum(1 for target in targets(daemon) if target.startswith("socket:[") and kinds.get(target[8:-1]))
-
-
-def targets(daemon):
-    directory = f"/proc/{daemon.process.pid}/fd"
-    found = []
-    for name in os.listdir(directory):
-        try:
-            found.append(os.readlink(f"{directory}/{name}"))
-        except FileNotFoundError:
-            pass
-    return found
 
 
 def descriptors(daemon):
