@@ -4,7 +4,7 @@ import contextlib
 import re
 import subprocess
 
-from private_machine import CONFIGURATION, add_account, wait_until
+from private_machine import CONFIGURATION, MachineError, add_account, wait_until
 
 _STREAM = ("<stream:stream xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams' "
            "version='1.0' to='%s'>")
@@ -117,7 +117,15 @@ class Jabberd:
         return [line for line in self.machine.system_log().splitlines() if "jabberd_notification/" in line]
 
     def wait_for_port(self, port):
-        wait_until(lambda: port in self.listening_ports(), f"port {port}", still_possible=self.running)
+        self._wait(lambda: port in self.listening_ports(), f"port {port}")
+
+    def _wait(self, condition, what):
+        try:
+            return wait_until(condition, what, still_possible=self.running)
+        except MachineError as error:
+            ended = [f"{path} ended with {process.returncode}" for path, process in self.processes.items()
+                     if process.poll() is not None]
+            raise MachineError("\n".join([str(error), *ended, *self.log()[-40:]])) from error
 
     def listening_ports(self):
         table = self.machine.run("cat", "/proc/net/tcp").stdout.splitlines()[1:]
@@ -135,7 +143,7 @@ class Jabberd:
         def features():
             answer = self.greet(domain, port)
             return answer if "<stream:features" in answer else None
-        return wait_until(features, f"stream features of {domain}", still_possible=self.running)
+        return self._wait(features, f"stream features of {domain}")
 
 
 def _routers_first(component):
