@@ -10,36 +10,21 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <memory>
 
 #include "common/Format.h"
-#include "common/Platform.h"
 #include "host/BundleLoader.h"
 #include "host/Certificates.h"
 #include "host/HostLog.h"
 #include "host/HttpServer.h"
 #include "host/ListeningSocket.h"
 #include "host/NetworkMonitor.h"
-#include "host/Networks.h"
 #include "host/PeerCheck.h"
+#include "host/RealPlatform.h"
 #include "host/RequestExecutor.h"
 #include "host/RequestRouter.h"
-#include "host/ServiceManagers.h"
 #include "host/Version.h"
 #include "host/WorkSlot.h"
-#include "platform/DirectoryBundles.h"
 #include "platform/FileDescriptor.h"
-#include "platform/LinuxHostNames.h"
-#include "platform/LinuxProcesses.h"
-#include "platform/PosixFileSystem.h"
-#include "platform/PosixTasks.h"
-#include "platform/SystemClock.h"
-#include "platform/SystemRandom.h"
-#include "platform/SystemSyslog.h"
-#include "platform/UnistringUnicode.h"
-#include "platform/accounts/LibuserDirectory.h"
-#include "platform/keychain/SqliteKeychain.h"
-#include "platform/logs/LinuxLogReader.h"
 
 namespace tessard {
 
@@ -69,69 +54,6 @@ void catchSignals(int stopEvent) {
   sigaction(SIGPIPE, &action, nullptr);
   sigaction(SIGHUP, &action, nullptr);
 }
-
-// The service's account and root's group, to which files are given.
-constexpr uid_t kServiceUser = 84;
-constexpr gid_t kRootGroup = 0;
-
-// An ordinary user can give files to nobody else: on that user's scratch root its own ids stand for those.
-OwnerMap ownersForThisUser() {
-  if (geteuid() == 0) return {};
-  return {{{kServiceUser, geteuid()}}, {{kRootGroup, getegid()}}};
-}
-
-// The same for the access lists of the keychain, which name root.
-constexpr uid_t kRootUser = 0;
-
-OwnerMap rootIsThisUser() {
-  if (geteuid() == 0) return {};
-  return {{{kRootUser, geteuid()}}, {}};
-}
-
-// How long a change of a unit may take before the wait for the service's own state goes on.
-constexpr double kUnitPatienceSeconds = 10;
-
-// How long a question to a tool of the machine may take.
-constexpr double kQuestionPatienceSeconds = 10;
-
-// The real parts of everything outside.
-struct RealPlatform {
-  explicit RealPlatform(const HostConfiguration& configuration)
-      : directory(configuration.root),
-        files(configuration.root, ownersForThisUser()),
-        tasks(configuration.root, configuration.programsDirectory),
-        unitTasks(configuration.root, configuration.programsDirectory, kUnitPatienceSeconds),
-        questionTasks(configuration.root, configuration.programsDirectory, kQuestionPatienceSeconds),
-        services(chooseServiceManager(configuration, files, tasks, unitTasks, clock, log)),
-        processes(files),
-        hostNames(files),
-        network(chooseNetwork(configuration, files, questionTasks, log, syslog)),
-        bundles(files),
-        keychain(configuration.root, rootIsThisUser(),
-                 [this](const std::string& problem) { Object(log).logError_source(problem, ""); }),
-        logs(configuration.root) {}
-
-  // Before the parts that have threads.
-  LibuserDirectory directory;
-  SystemSyslog syslog;
-  Log log{syslog};
-  PosixFileSystem files;
-  PosixTasks tasks;
-  PosixTasks unitTasks;
-  PosixTasks questionTasks;
-  SystemClock clock;
-  std::unique_ptr<ServiceManager> services;
-  LinuxProcesses processes;
-  LinuxHostNames hostNames;
-  std::unique_ptr<Network> network;
-  SystemRandom random;
-  UnistringUnicode unicode;
-  DirectoryBundles bundles;
-  SqliteKeychain keychain;
-  LinuxLogReader logs;
-  Platform platform{files,  tasks,   *services, processes, hostNames, *network, clock,
-                    random, unicode, bundles,   directory, keychain,  logs,     log};
-};
 
 class Daemon {
  public:

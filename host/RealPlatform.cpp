@@ -1,0 +1,53 @@
+#include "host/RealPlatform.h"
+
+#include <unistd.h>
+
+#include "host/Networks.h"
+#include "host/ServiceManagers.h"
+
+namespace tessard {
+
+namespace {
+
+// The service's account and root's group, to which files are given.
+constexpr uid_t kServiceUser = 84;
+constexpr gid_t kRootGroup = 0;
+
+// An ordinary user can give files to nobody else: on that user's scratch root its own ids stand for those.
+OwnerMap ownersForThisUser() {
+  if (geteuid() == 0) return {};
+  return {{{kServiceUser, geteuid()}}, {{kRootGroup, getegid()}}};
+}
+
+// The same for the access lists of the keychain, which name root.
+constexpr uid_t kRootUser = 0;
+
+OwnerMap rootIsThisUser() {
+  if (geteuid() == 0) return {};
+  return {{{kRootUser, geteuid()}}, {}};
+}
+
+// How long a change of a unit may take before the wait for the service's own state goes on.
+constexpr double kUnitPatienceSeconds = 10;
+
+// How long a question to a tool of the machine may take.
+constexpr double kQuestionPatienceSeconds = 10;
+
+}  // namespace
+
+RealPlatform::RealPlatform(const HostConfiguration& configuration)
+    : directory(configuration.root),
+      files(configuration.root, ownersForThisUser()),
+      tasks(configuration.root, configuration.programsDirectory),
+      unitTasks(configuration.root, configuration.programsDirectory, kUnitPatienceSeconds),
+      questionTasks(configuration.root, configuration.programsDirectory, kQuestionPatienceSeconds),
+      services(chooseServiceManager(configuration, files, tasks, unitTasks, clock, log)),
+      processes(files),
+      hostNames(files),
+      network(chooseNetwork(configuration, files, questionTasks, log, syslog)),
+      bundles(files),
+      keychain(configuration.root, rootIsThisUser(),
+               [this](const std::string& problem) { Object(log).logError_source(problem, ""); }),
+      logs(configuration.root) {}
+
+}  // namespace tessard

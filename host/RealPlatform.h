@@ -1,0 +1,51 @@
+#pragma once
+
+#include <memory>
+
+#include "common/Platform.h"
+#include "host/HostConfiguration.h"
+#include "platform/DirectoryBundles.h"
+#include "platform/LinuxHostNames.h"
+#include "platform/LinuxProcesses.h"
+#include "platform/PosixFileSystem.h"
+#include "platform/PosixTasks.h"
+#include "platform/SystemClock.h"
+#include "platform/SystemRandom.h"
+#include "platform/SystemSyslog.h"
+#include "platform/UnistringUnicode.h"
+#include "platform/accounts/LibuserDirectory.h"
+#include "platform/keychain/SqliteKeychain.h"
+#include "platform/logs/LinuxLogReader.h"
+
+namespace tessard {
+
+/// The real parts of everything outside, for the system root of a configuration. Where the process is not
+/// root's, its own ids stand on disk for those of root and of the service's account.
+struct RealPlatform {
+  explicit RealPlatform(const HostConfiguration& configuration);
+  RealPlatform(const RealPlatform&) = delete;
+  RealPlatform& operator=(const RealPlatform&) = delete;
+
+  // Before the parts that have threads.
+  LibuserDirectory directory;
+  SystemSyslog syslog;
+  Log log{syslog};
+  PosixFileSystem files;
+  PosixTasks tasks;
+  PosixTasks unitTasks;      ///< with the patience that a change of a unit is given
+  PosixTasks questionTasks;  ///< with the patience that the machine's tools are given
+  SystemClock clock;
+  std::unique_ptr<ServiceManager> services;
+  LinuxProcesses processes;
+  LinuxHostNames hostNames;
+  std::unique_ptr<Network> network;
+  SystemRandom random;
+  UnistringUnicode unicode;
+  DirectoryBundles bundles;
+  SqliteKeychain keychain;
+  LinuxLogReader logs;
+  Platform platform{files,  tasks,   *services, processes, hostNames, *network, clock,
+                    random, unicode, bundles,   directory, keychain,  logs,     log};
+};
+
+}  // namespace tessard
