@@ -1,10 +1,10 @@
 """Debian's own jabberd files, edited through the daemon, still suit the real components."""
 
 import re
-from pathlib import Path
 
 import pytest
 from certificates import CA_FILE, KEY_FILE, make_certificate
+from debian_files import KINDS, adapted
 from jabberd import Jabberd
 from private_machine import CONFIGURATION
 
@@ -21,26 +21,11 @@ SETTINGS = {
 READ_BACK = {**SETTINGS, "jabberdS2SPort": 5268, "savedChatsArchiveInterval": 0}
 del READ_BACK["enableSavedChats"], READ_BACK["savedChatsLocation"]
 
-# What ties Debian's files to Debian's own instance.
-ADAPTATIONS = [
-    (r"/var/run/jabberd2/", "/var/run/jabberd_notification/"),
-    (r"<log type='file'>", "<log type='syslog'>"),
-    (r"<ident>jabberd/", "<ident>jabberd_notification/"),
-    (r"/etc/jabberd2/router-users.xml", f"{CONFIGURATION}/router-users.xml"),
-    (r"/var/lib/jabberd2/sqlite.db", "/private/var/jabberd/sqlite/jabberd2_notification.db"),
-    (r"<driver>db</driver>", "<driver>sqlite</driver>"),
-    (r"<module>db</module>", "<module>sqlite</module>"),
-]
-
 
 def put_debians_files(service):
     password = service.router_password()
-    for kind in ("router", "sm", "c2s", "s2s"):
-        text = Path(f"/etc/jabberd2/{kind}.xml").read_text(encoding="utf-8")
-        for pattern, replacement in ADAPTATIONS:
-            text = re.sub(pattern, replacement, text)
-        text = re.sub(r"<(pass|secret)>secret<", lambda found: f"<{found.group(1)}>{password}<", text)
-        service.machine.write(f"{CONFIGURATION}/{kind}.xml", text, 0o600, (84, 0))
+    for kind in KINDS:
+        service.machine.write(f"{CONFIGURATION}/{kind}.xml", adapted(kind, password), 0o600, (84, 0))
 
 
 def without_changed_parts(text):
