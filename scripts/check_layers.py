@@ -18,6 +18,7 @@ ALLOWED = {
     "bundle": {"handler", "coordinator", "atoms", "config", "common", "platform"},
     "host": {"platform", "common"},
     "programs": {"platform", "config", "common"},
+    "bench": {"host", "platform", "config", "common"},
 }
 INNER = ("common", "config", "atoms", "coordinator", "handler")
 # Headers of libc that the inner folders use; the standard library's have no dot in their names.

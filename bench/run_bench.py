@@ -1,0 +1,147 @@
+"""Measures this product, the floor and other programs at the same work, and prints one table.
+Usage: run_bench.py BUILD [--json FILE] [--short] [--only NAME] [--directory DIR]"""
+
+import argparse
+import datetime
+import json
+import os
+import platform
+import shutil
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+
+import edits  # noqa: E402
+import places  # noqa: E402
+import works  # noqa: E402
+from report import Report, reached, target_lines, targets  # noqa: E402
+from runs import Tools  # noqa: E402
+from trees import Base  # noqa: E402
+
+SECTIONS = ("read", "state", "write")
+# Number of domains -> repetitions of a write.
+WRITES = {1: 21, 10: 15, 100: 9, 1000: 5, 10000: 3}
+READS = {1: 15, 1000: 3}
+ROUNDS = 200  # requests of one repetition over one connection
+# What the largest tree takes, with backups, temporary files and room for the file system's own needs.
+MEBIBYTES = {1: 64, 10: 64, 100: 96, 1000: 256, 10000: 1600}
+SHORT = {"read": {1: 1}, "state": {1: 1}, "write": {1: 1, 3: 1}}
+FULL = {"read": READS, "state": {1: 15}, "write": WRITES}
+
+
+def say(sentence):
+    print(sentence, file=sys.stderr, flush=True)
+
+
+class Bench:
+    def __init__(self, options, scratch):
+        self.build = options.build.resolve()
+        self.short = options.short
+        self.only = options.only
+        self.tools = Tools(self.build, scratch)
+        self.base = Base(scratch, self.build)
+        self.report = Report()
+
+    def _plan(self):
+        for section, counts in (SHORT if self.short else FULL).items():
+            if self.only in (None, section):
+                for count, repetitions in counts.items():
+                    yield section, count, repetitions
+
+    def run(self, file_systems):
+        for work, count, repetitions in self._plan():
+            variants = works.variants(self.tools, work, count, 5 if self.short else ROUNDS)
+            # What only reads is the same everywhere.
+            for place in file_systems if work == "write" else file_systems[-1:]:
+                say(f"{work}, {count} domains, {place.name}")
+                self._measure(work, count, place, variants, repetitions)
+
+    def _measure(self, work, count, place, variants, repetitions):
+        for variant in variants:
+            for name, floor in variant.rows:
+                self.report.row(work, place.name, count, name, floor)
+        for repetition in range(repetitions):
+            # In turn, each time begun with another one, so that a drift of the machine meets all alike.
+            first = repetition % len(variants)
+            for variant in variants[first:] + variants[:first]:
+                self._sample(work, count, place, variant, check=repetition == 0)
+        if count <= 1000:
+            for variant in variants:
+                self._count(work, count, place, variant)
+
+    def _rows(self, work, place, count, variant):
+        return [self.report.row(work, place.name, count, name, floor) for name, floor in variant.rows]
+
+    def _sample(self, work, count, place, variant, check):
+        with place.fresh() as directory:
+            tree = self.base.tree(directory, count)
+            places.touch_memory(256 if count >= 1000 else 16)
+            os.sync()
+            samples = variant.run(tree)
+            if check and work == "write" and not variant.rows[0][0].startswith("floor"):
+                problem = edits.difference(tree, edits.expected(tree, self.base.texts))
+                if problem:
+                    raise RuntimeError(f"{variant.rows[0][0]} wrote something else: {problem}")
+        for row, sample in zip(self._rows(work, place, count, variant), samples):
+            row.samples.append(sample)
+
+    def _count(self, work, count, place, variant):
+        if variant.calls is None:
+            return
+        with place.fresh() as directory:
+            calls = variant.calls(self.base.tree(directory, count))
+        for row, number in zip(self._rows(work, place, count, variant), calls):
+            row.calls = number
+
+
+def machine():
+    model = next((line.partition(":")[2].strip() for line in Path("/proc/cpuinfo").read_text(encoding="utf-8").splitlines()
+                  if line.startswith("model name")), platform.machine())
+    return f"{os.cpu_count()} x {model}, Linux {platform.release()}"
+
+
+def in_own_mounts():
+    """Once more in a mount namespace of this run's own, so that nothing stays mounted when it is killed."""
+    if os.geteuid() == 0 and "TESSARD_BENCH_MOUNTS" not in os.environ and shutil.which("unshare"):
+        probe = subprocess.run(["unshare", "--mount", "true"], stderr=subprocess.DEVNULL, check=False)
+        if probe.returncode == 0:
+            os.environ["TESSARD_BENCH_MOUNTS"] = "1"
+            os.execvp("unshare", ["unshare", "--mount", "--propagation", "private", sys.executable, *sys.argv])
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="./dev bench")
+    parser.add_argument("build", type=Path, help=argparse.SUPPRESS)
+    parser.add_argument("--json", type=Path, metavar="FILE", help="write every row and target")
+    parser.add_argument("--short", action="store_true", help="one repetition of a few domains, without other programs")
+    parser.add_argument("--only", choices=SECTIONS, metavar="NAME", help=f"one of {', '.join(SECTIONS)} alone")
+    parser.add_argument("--directory", default=str(Path.home() / ".cache/tessardd/bench"),
+                        help="a directory on a disk with ext4 (default %(default)s)")
+    options = parser.parse_args()
+    in_own_mounts()
+    plan = SHORT if options.short else FULL
+    largest = max(count for section, counts in plan.items() if options.only in (None, section) for count in counts)
+    with (tempfile.TemporaryDirectory(prefix="tessard-bench-") as scratch,
+          places.places(options.directory, MEBIBYTES.get(largest, 64)) as file_systems):
+        os.chmod(scratch, 0o755)
+        bench = Bench(options, scratch)
+        bench.run(file_systems)
+    report = bench.report
+    made = [] if options.short else targets(report, [])
+    print(report.table())
+    if made:
+        print(f"\nTargets\n{target_lines(made)}")
+    if options.json:
+        options.json.write_text(json.dumps(
+            {"machine": machine(), "date": datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="seconds"),
+             "rows": report.as_values(),
+             "targets": [{"name": what, "kind": kind, "limit": limit, "value": number,
+                          "reached": reached((what, limit, number, kind))} for what, limit, number, kind in made]},
+            indent=1) + "\n", encoding="utf-8")
+    return 0
+
+
+sys.exit(main())
