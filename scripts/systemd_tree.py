@@ -1,20 +1,7 @@
-"""A Debian tree that boots: systemd, and the programs that an installation of ours needs. It is made once and kept
-outside the checkout, for every machine that starts from it; none of them changes it."""
+"""A Debian tree that boots: systemd, and the programs that an installation of ours needs."""
 
-import contextlib
-import fcntl
-import hashlib
-import os
-import re
-import shutil
-import subprocess
-import tempfile
-import time
-from pathlib import Path
+from debian_tree import DEBS_IN, DEBS_OUT, Recipe, debian_tree
 
-from private_machine import MachineError
-
-SUITE = "bookworm"
 PACKAGES = (
     # the system
     "systemd systemd-sysv dbus util-linux procps "
@@ -31,22 +18,16 @@ MASKED = (
     "console-getty.service getty.target apt-daily.timer apt-daily-upgrade.timer dpkg-db-backup.timer e2scrub_all.timer "
     "e2scrub_reap.service systemd-logind.service systemd-logind.socket systemd-modules-load.service"
 ).split()
-_KEYRING = "/usr/share/keyrings/debian-archive-keyring.gpg"
-_MIRROR = f"deb [signed-by={_KEYRING}] http://deb.debian.org/debian {SUITE} main"
-_LONGEST_SECONDS = 1500
-_KEEP_SECONDS = 7 * 24 * 3600
 
-# Run by mmdebstrap; "$1" is the tree. A cluster of PostgreSQL's own would start with every machine. Packages that
-# were fetched before need no network.
+# Run by mmdebstrap; "$1" is the tree. A cluster of PostgreSQL's own would start with every machine.
 _BEFORE = f"""
 mkdir -p "$1/etc/postgresql-common/createcluster.d" "$1/var/cache/apt/archives/partial"
 echo create_main_cluster = false >"$1/etc/postgresql-common/createcluster.d/tessardd.conf"
-cp -a --reflink=auto "$TESSARD_DEBS/." "$1/var/cache/apt/archives/"
+{DEBS_IN}
 """
 # A known machine id: without one, systemd takes every boot for the first and enables all units.
 _AFTER = f"""
-find "$TESSARD_DEBS" -name '*.deb' -delete
-cp -a --reflink=auto "$1"/var/cache/apt/archives/*.deb "$TESSARD_DEBS/"
+{DEBS_OUT}
 chroot "$1" systemctl mask {' '.join(MASKED)}
 chroot "$1" systemctl set-default multi-user.target
 chroot "$1" systemd-machine-id-setup
@@ -55,89 +36,6 @@ rm -f "$1/etc/hostname" "$1/etc/resolv.conf" "$1/etc/postgresql-common/createclu
 """
 
 
-def _cache():
-    base = os.environ.get("XDG_CACHE_HOME", "")
-    return Path(base if base.startswith("/") else Path.home() / ".cache") / "tessardd"
-
-
-def _name():
-    # Whatever changes the tree changes its name.
-    recipe = "\n".join([SUITE, *PACKAGES, _BEFORE, _AFTER])
-    return f"debian-{SUITE}-{hashlib.sha256(recipe.encode()).hexdigest()[:12]}"
-
-
-def _sources():
-    """The lines of the machine's own mirrors for Debian, or of Debian's when apt knows none."""
-    listed = subprocess.run(["apt-get", "indextargets", "--format", "$(ORIGIN) $(REPO_URI) $(RELEASE) $(COMPONENT)",
-                             "Created-By: Packages"], capture_output=True, text=True, check=False).stdout
-    rows = [line.split() for line in listed.splitlines()]
-    lines = [f"deb [signed-by={_KEYRING}] {uri} {release} main" for origin, uri, release, component in
-             (row for row in rows if len(row) == 4)
-             if origin == "Debian" and component == "main" and release.split("-")[0] == SUITE]
-    return sorted(set(lines)) if any(f" {SUITE} main" in line for line in lines) else [_MIRROR]
-
-
-def _apt_options():
-    """How this machine's apt fetches: proxies, and what it checks of mirrors."""
-    dump = subprocess.run(["apt-config", "dump"], capture_output=True, text=True, check=False).stdout
-    wanted = re.compile(r'Acquire::((https?::|Check-|Retries)\S*) "[^"]+";')
-    return [line for line in dump.splitlines() if wanted.fullmatch(line)]
-
-
-def _remove(directory):
-    # Mounts of a run that was killed ended with its mount namespace; nothing else is ever entered.
-    subprocess.run(["rm", "-rf", "--one-file-system", "--", str(directory)], check=False)
-
-
-def _remove_old(cache, kept):
-    for directory in cache.glob("debian-*"):
-        abandoned = ".new-" in directory.name
-        if directory != kept and (abandoned or directory.stat().st_mtime < time.time() - _KEEP_SECONDS):
-            _remove(directory)
-
-
-def _make(place):
-    debs = place.parent / "debs"
-    debs.mkdir(exist_ok=True)
-    work = Path(tempfile.mkdtemp(prefix=f"{place.name}.new-", dir=place.parent))
-    tree = work / "tree"
-    # In namespaces of its own, so that nothing stays mounted or runs on when this process is killed.
-    command = ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc",
-               "mmdebstrap", "--quiet", "--mode=root", "--variant=apt", "--format=directory",
-               "--skip=essential/unlink,cleanup/apt/cache", "--dpkgopt=force-unsafe-io", f"--include={','.join(PACKAGES)}",
-               f"--setup-hook={_BEFORE}", f"--customize-hook={_AFTER}",
-               *(f"--aptopt={line}" for line in _apt_options()), SUITE, str(tree), *_sources()]
-    try:
-        with open(work / "log", "wb") as log:
-            status = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log, check=False,
-                                    timeout=_LONGEST_SECONDS,
-                                    env={**os.environ, "TESSARD_DEBS": str(debs)}).returncode
-        if status != 0:
-            said = [line for line in (work / "log").read_text(errors="replace").splitlines() if re.match("(E|W|Err)[:!]", line)]
-            raise MachineError("the Debian tree cannot be made: " +
-                               (" | ".join(said[-3:]) or f"mmdebstrap ended with {status}"))
-        shutil.rmtree(tree / "var/cache/apt", ignore_errors=True)
-        os.sync()
-        tree.rename(place)
-    finally:
-        _remove(work)
-
-
 def systemd_tree(say=lambda sentence: None):
-    """The directory of a whole tree, made now when there is none yet; that takes some minutes and the network.
-    Raises MachineError with the reason when it cannot be made."""
-    cache = _cache()
-    try:
-        cache.mkdir(parents=True, exist_ok=True)
-        place = cache / _name()
-        with open(cache / "lock", "w", encoding="ascii") as lock:
-            fcntl.flock(lock, fcntl.LOCK_EX)  # one makes it, all others wait
-            if not place.is_dir():
-                say(f"making a Debian tree with systemd in {place}")
-                _make(place)
-            with contextlib.suppress(OSError):
-                os.utime(place)
-            _remove_old(cache, place)
-    except (OSError, subprocess.TimeoutExpired) as problem:
-        raise MachineError(f"the Debian tree cannot be made: {problem}") from None
-    return place
+    """Its directory, made now when there is none yet; see `debian_tree`."""
+    return debian_tree(Recipe(PACKAGES, _BEFORE, _AFTER), "systemd", say)
