@@ -1,7 +1,8 @@
 """Measures this product, the floor and other programs at the same work, and prints one table.
-Usage: run_bench.py BUILD [--json FILE] [--short] [--only NAME] [--directory DIR]"""
+Usage: run_bench.py BUILD [--json FILE] [--short] [--only NAME] [--without-peers] [--directory DIR]"""
 
 import argparse
+import contextlib
 import datetime
 import json
 import os
@@ -15,8 +16,12 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
 import edits  # noqa: E402
+import peertree  # noqa: E402
 import places  # noqa: E402
 import works  # noqa: E402
+import xmppservers  # noqa: E402
+from peers import PEERS, Peers  # noqa: E402
+from private_machine import MachineError  # noqa: E402
 from report import Report, reached, target_lines, targets  # noqa: E402
 from runs import Tools  # noqa: E402
 from trees import Base  # noqa: E402
@@ -44,6 +49,19 @@ class Bench:
         self.tools = Tools(self.build, scratch)
         self.base = Base(scratch, self.build)
         self.report = Report()
+        self.tree = None if options.short or options.without_peers else self._peer_tree()
+        self.peers = self.tree and Peers(self.tools, self.tree, scratch)
+
+    @staticmethod
+    def _peer_tree():
+        if os.geteuid() != 0:
+            say("nothing is compared with other programs, which need root to be installed in a tree of their own")
+            return None
+        try:
+            return peertree.peer_tree(say)
+        except MachineError as problem:
+            say(f"nothing is compared with other programs: {problem}")
+            return None
 
     def _plan(self):
         for section, counts in (SHORT if self.short else FULL).items():
@@ -53,11 +71,18 @@ class Bench:
 
     def run(self, file_systems):
         for work, count, repetitions in self._plan():
-            variants = works.variants(self.tools, work, count, 5 if self.short else ROUNDS)
-            # What only reads is the same everywhere.
-            for place in file_systems if work == "write" else file_systems[-1:]:
-                say(f"{work}, {count} domains, {place.name}")
-                self._measure(work, count, place, variants, repetitions)
+            rounds = 5 if self.short else ROUNDS
+            variants = works.variants(self.tools, work, count, rounds)
+            with contextlib.ExitStack() as stack:
+                if self.tree and work == "state":
+                    variants += stack.enter_context(xmppservers.Servers(self.tools, self.tree)).variants(rounds)
+                # With more domains the daemon looks at more files than those programs read.
+                elif self.tree and (work == "write" or count == 1):
+                    variants += self.peers.variants(work, count, self.base.texts)
+                # What only reads is the same everywhere.
+                for place in file_systems if work == "write" else file_systems[-1:]:
+                    say(f"{work}, {count} domains, {place.name}")
+                    self._measure(work, count, place, variants, repetitions)
 
     def _measure(self, work, count, place, variants, repetitions):
         for variant in variants:
@@ -118,6 +143,7 @@ def main():
     parser.add_argument("--json", type=Path, metavar="FILE", help="write every row and target")
     parser.add_argument("--short", action="store_true", help="one repetition of a few domains, without other programs")
     parser.add_argument("--only", choices=SECTIONS, metavar="NAME", help=f"one of {', '.join(SECTIONS)} alone")
+    parser.add_argument("--without-peers", action="store_true", help="without other programs")
     parser.add_argument("--directory", default=str(Path.home() / ".cache/tessardd/bench"),
                         help="a directory on a disk with ext4 (default %(default)s)")
     options = parser.parse_args()
@@ -130,7 +156,7 @@ def main():
         bench = Bench(options, scratch)
         bench.run(file_systems)
     report = bench.report
-    made = [] if options.short else targets(report, [])
+    made = [] if options.short else targets(report, PEERS)
     print(report.table())
     if made:
         print(f"\nTargets\n{target_lines(made)}")

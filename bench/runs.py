@@ -35,9 +35,9 @@ class Tools:
             raise RuntimeError(f"{' '.join(words[:4])}: status {done.returncode}: {done.stderr[-500:]}")
         return done.stdout
 
-    def whole(self, *words, environment=None, statuses=(0,)):
-        """A program from its start to its end. What it prints is `said`."""
-        said = self._checked([self.program("bench_timer"), self.output, *words], environment).split()
+    def whole(self, *words, environment=None, statuses=(0,), inside=()):
+        """A program from its start to its end. What it prints is `said`. `inside` are words that enter namespaces."""
+        said = self._checked([*inside, self.program("bench_timer"), self.output, *words], environment).split()
         nanoseconds, peak, status = map(int, said)
         if status not in statuses:
             raise RuntimeError(f"{words[0]} ended with {status}")
@@ -52,9 +52,9 @@ class Tools:
         whole = self.whole(self.program("bench_floor"), work, tree.files("read" if work == "read" else "write"))
         return whole, Sample(int(self.said.split()[0]), whole.peak)
 
-    def requests(self, server, path, body="-", *options, method="POST"):
+    def requests(self, server, path, body="-", *options, method="POST", inside=()):
         """The median time of one answer, in nanoseconds."""
-        said = self._checked([self.program("bench_client"), *options, server, method, path, body, self.answer])
+        said = self._checked([*inside, self.program("bench_client"), *options, server, method, path, body, self.answer])
         return median(int(line) for line in said.splitlines() if line.isdigit())
 
     def started(self, words, server, path, body):

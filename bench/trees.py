@@ -82,6 +82,8 @@ class Base:
         if state != {"state": "STOPPED"}:
             raise RuntimeError(f"first-time setup failed: {state}")
         _make_certificate(Path(f"{self.root}{CONFIGURATION}"))
+        # A write names another database, which need not be made.
+        shutil.copy(f"{self.root}{DATABASE}", f"{self.root}{SETTINGS['jabberdDatabasePath']}")
         self.texts = {kind: adapted(kind, "secret") for kind in KINDS}
 
     def tree(self, directory, count):
@@ -128,7 +130,7 @@ class Tree:
 
     def note(self):
         """Writes the lists of files and the requests."""
-        component = [str(self.configuration / name) for name in ("c2s.xml", "s2s.xml", "sm.xml", "router.xml")]
+        component = [str(self.configuration / name) for name in ("router.xml", *self.edited)]
         others = [f"{self.root}{PREFERENCES}", str(self.configuration / "jabberd.cfg")]
         changed = [str(self.configuration / name) for name in self.edited]
         self.list("read", component + others)
