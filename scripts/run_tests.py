@@ -78,7 +78,7 @@ def run_unit(build, scratch):
 
 def run_python(kind, build, scratch, expression):
     report = Path(scratch, f"{kind}.xml")
-    command = [sys.executable, "-m", "pytest", "-q", "--tb=short", "-p", "no:cacheprovider",
+    command = [sys.executable, "-m", "pytest", "-q", "-rs", "--tb=short", "-p", "no:cacheprovider",
                f"--junitxml={report}", f"--basetemp={scratch}/{kind}", "-o", "junit_family=xunit2", str(PROJECT / "tests" / kind)]
     if expression:
         command += ["-k", expression]

@@ -48,12 +48,9 @@ def daemon(makeDaemon):
     return makeDaemon("--idle-seconds", "0")
 
 
-@pytest.fixture
-def pluginRoot(root):
-    """A scratch root as it is after installing, before first-time setup."""
-    target = root / "usr/share/tessardd/bundles/tessard_notification.bundle"
-    shutil.rmtree(target)
-    shutil.copytree(PLUGIN_BUNDLE, target)
+def layOut(root):
+    """Fills a directory with what a system root has after installing, all but the plug-in's bundle, before first-time
+    setup."""
     (root / "etc").mkdir()
     (root / "etc/hostname").write_text("push.example.com\n")
     (root / "etc/hosts").write_text("127.0.0.1 push.example.com push\n")
@@ -70,6 +67,15 @@ def pluginRoot(root):
     (root / "etc/group").write_text("root:x:0:\nstaff:x:20:\n")
     database = root / "var/jabberd"
     (database / "db-setup.sqlite").write_text("CREATE TABLE active (owner TEXT);\n")
+
+
+@pytest.fixture
+def pluginRoot(root):
+    """A scratch root as it is after installing, before first-time setup."""
+    target = root / "usr/share/tessardd/bundles/tessard_notification.bundle"
+    shutil.rmtree(target)
+    shutil.copytree(PLUGIN_BUNDLE, target)
+    layOut(root)
     return root
 
 

@@ -113,14 +113,14 @@ class Answer:
 
 
 class Daemon:
-    def __init__(self, root, *options, user=None):
+    def __init__(self, root, *options, user=None, prefix=()):
         self.root = pathlib.Path(root)
         self.socket = self.root / "run/tessardd/tessardd.sock"
         self.notification = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.notification.bind("")  # an abstract name that the kernel chooses
         self.notification.settimeout(PATIENCE)
         name = "@" + self.notification.getsockname()[1:].decode()
-        prefix = [] if user is None else asUser(user)
+        prefix = [*prefix, *([] if user is None else asUser(user))]
         self.process = subprocess.Popen(
             [*prefix, buildDirectory() / "bin/tessardd", "--root", str(root), *options],
             stdin=subprocess.DEVNULL,

@@ -1,6 +1,7 @@
 """What the sweeps share: their two sizes, and what they measure of a process."""
 
 import os
+import random
 from pathlib import Path
 
 from hosttools import buildDirectory
@@ -19,6 +20,13 @@ def size(short, full):
 def report(sentence):
     """Tells a figure. Shown by "./dev sweep"."""
     print(f"\n  {sentence}", flush=True)
+
+
+def seedOfThisRun():
+    """What chance begins with: TESSARD_SEED where that is set, otherwise something new. Shown in either case."""
+    seed = int(os.environ.get("TESSARD_SEED", random.randrange(2**32)))
+    report(f"seed {seed}; TESSARD_SEED={seed} repeats it")
+    return seed
 
 
 def anonymousMemory(pid):
