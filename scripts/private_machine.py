@@ -72,7 +72,7 @@ class MachineError(Exception):
     """Something that the machine needs is missing or did not work; the text is for a person."""
 
 
-def wait_until(condition, what, seconds=20.0, still_possible=lambda: True):
+def wait_until(condition, what, seconds=60.0, still_possible=lambda: True):
     """Returns the first true answer of `condition`. Raises MachineError, naming `what`, when `seconds` have
     passed or `still_possible` says that waiting has become pointless."""
     end = time.monotonic() + seconds
