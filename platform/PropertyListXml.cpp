@@ -108,6 +108,9 @@ class Builder {
           if (std::string_view(name) == "plist" && !hasInternalSubset) return;
           static_cast<Builder*>(self)->refuse("a document type other than the plain one of property lists");
         });
+    XML_SetSkippedEntityHandler(parser, [](void* self, const char* name, int) {
+      static_cast<Builder*>(self)->refuse("the unknown entity \"" + std::string(name) + "\"");
+    });
   }
 
   Result<Value> parse(std::string_view bytes) {

@@ -243,13 +243,10 @@ TEST(PropertyListXml, RefusesWhatIsNoPropertyList) {
   EXPECT_EQ(refusal(inList(nestedArrays(64))), "accepted");
 }
 
-TEST(PropertyListXml, AnEntityBehindAnExternalTypeIsNeverExpanded) {
-  // With a type that is never fetched the parser cannot know the entity, and leaves it out.
-  const Result<Value> value =
-      parsePropertyList("<!DOCTYPE plist SYSTEM 'file:///etc/passwd'><plist><string>a&e;b</string></plist>");
-  if (value) {
-    EXPECT_EQ(value.value(), Value("ab"));
-  }
+TEST(PropertyListXml, AnEntityBehindAnExternalTypeIsRefusedAndNotLeftOut) {
+  // With a type that is never fetched the parser cannot know the entity, and would go on without its text.
+  EXPECT_THAT(refusal("<!DOCTYPE plist SYSTEM 'file:///etc/passwd'><plist><string>a&e;b</string></plist>"),
+              HasSubstr("line 1: the unknown entity \"e\""));
 }
 
 TEST(PropertyListXml, RefusesMoreBytesThanTheLimit) {
