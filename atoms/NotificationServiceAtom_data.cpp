@@ -101,7 +101,7 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::makeDatabase(const Notificatio
   if (platform().files.exists(path) && !isUnfinishedDatabase(path)) return;
   removeDatabase(platform().files, path);
   // It belongs to the service before there is anything in it, so that no attempt leaves one that does not.
-  const auto begun = platform().files.createFile(path, "", kNotificationDataOwnership);
+  const auto begun = platform().files.createFile(path, "", kNotificationDataOwnership, Flush::now);
   if (!begun) {
     databaseNotMade(path, begun.error().description());
     return;

@@ -1,7 +1,8 @@
 #include "common/DurableReplace.h"
 
 #include <cerrno>
-#include <functional>
+#include <map>
+#include <utility>
 
 #include "common/Format.h"
 
@@ -19,19 +20,6 @@ void syncQuietly(FileSystem& files, std::string_view directory) {
 // is what the caller must know.
 void removeQuietly(FileSystem& files, std::string_view path) {
   static_cast<void>(files.remove(path).ok());
-}
-
-// The new content has just got the real name, and the displaced version the temporary one. Makes that last
-// and disposes of the displaced version, or exchanges the two back.
-Replacement settle(FileSystem& files, const std::string& temporary, std::string_view path,
-                   const std::function<Result<void>()>& dispose) {
-  const std::string directory = directoryOf(path);
-  auto done = files.syncDirectory(directory);
-  if (done) done = dispose();
-  if (done) return {ReplaceOutcome::replaced, SystemError(0)};
-  if (!files.exchange(temporary, path)) return {ReplaceOutcome::notExchangedBack, done.error()};
-  syncQuietly(files, directory);
-  return {ReplaceOutcome::notExchanged, done.error()};
 }
 
 Result<void> putUnderFreeName(FileSystem& files, const std::string& temporary, std::string_view path) {
@@ -55,34 +43,101 @@ std::string backupPathFor(std::string_view path) {
   return fill("%@.bak", {path});
 }
 
+ReplacementBatch::~ReplacementBatch() {
+  for (const Staged& file : staged_) removeQuietly(files_, file.temporary);
+}
+
+Result<void> ReplacementBatch::stage(std::string_view path, std::string_view content,
+                                     const FileOwnership& ownership) {
+  if (const auto present = files_.attributes(path);
+      present && present.value().kind == FileAttributes::Kind::directory) {
+    return SystemError(EISDIR);
+  }
+  std::string temporary = temporaryPathFor(path);
+  if (auto made = files_.createFile(temporary, content, ownership, Flush::later); !made) return made;
+  staged_.push_back(
+      {std::string(path), std::move(temporary), {ReplaceOutcome::notExchanged, SystemError(0)}});
+  return {};
+}
+
+std::vector<Replacement> ReplacementBatch::replace() {
+  if (staged_.empty()) return {};
+  std::vector<std::string> temporaries;
+  temporaries.reserve(staged_.size());
+  for (const Staged& file : staged_) temporaries.push_back(file.temporary);
+  if (const auto flushed = files_.flush(temporaries); !flushed) return giveUp(flushed.error());
+  for (Staged& file : staged_) {
+    const auto exchanged = files_.exchange(file.temporary, file.path);
+    file.result = exchanged ? Replacement{ReplaceOutcome::replaced, SystemError(0)}
+                            : Replacement{ReplaceOutcome::notExchanged, exchanged.error()};
+  }
+  flushDirectories();
+  std::vector<Replacement> results;
+  results.reserve(staged_.size());
+  for (Staged& file : staged_) {
+    if (file.result.outcome == ReplaceOutcome::replaced) keepDisplaced(file);
+    results.push_back(file.result);
+  }
+  staged_.clear();
+  return results;
+}
+
+std::vector<Replacement> ReplacementBatch::giveUp(const SystemError& reason) {
+  std::vector<Replacement> results(staged_.size(), {ReplaceOutcome::temporaryNotWritten, reason});
+  for (const Staged& file : staged_) removeQuietly(files_, file.temporary);
+  staged_.clear();
+  return results;
+}
+
+// Files in a directory that cannot be flushed are exchanged back: their new names would not last.
+void ReplacementBatch::flushDirectories() {
+  std::map<std::string, std::vector<Staged*>> exchanged;
+  for (Staged& file : staged_) {
+    if (file.result.outcome == ReplaceOutcome::replaced) exchanged[directoryOf(file.path)].push_back(&file);
+  }
+  for (const auto& [directory, files] : exchanged) {
+    const auto flushed = files_.syncDirectory(directory);
+    if (flushed) continue;
+    for (Staged* file : files) exchangeBack(*file, flushed.error());
+    syncQuietly(files_, directory);
+  }
+}
+
+void ReplacementBatch::keepDisplaced(Staged& file) {
+  const auto kept = files_.rename(file.temporary, backupPathFor(file.path));
+  if (kept) return;
+  exchangeBack(file, kept.error());
+  syncQuietly(files_, directoryOf(file.path));
+}
+
+void ReplacementBatch::exchangeBack(Staged& file, const SystemError& reason) {
+  const bool back = files_.exchange(file.temporary, file.path).ok();
+  file.result = {back ? ReplaceOutcome::notExchanged : ReplaceOutcome::notExchangedBack, reason};
+}
+
 Replacement replaceKeepingBackup(FileSystem& files, std::string_view path, std::string_view content,
                                  const FileOwnership& ownership) {
-  const std::string temporary = temporaryPathFor(path);
-  if (const auto present = files.attributes(path);
-      present && present.value().kind == FileAttributes::Kind::directory) {
-    return {ReplaceOutcome::temporaryNotWritten, SystemError(EISDIR)};
+  ReplacementBatch batch(files);
+  if (const auto staged = batch.stage(path, content, ownership); !staged) {
+    return {ReplaceOutcome::temporaryNotWritten, staged.error()};
   }
-  if (const auto made = files.createFile(temporary, content, ownership); !made) {
-    return {ReplaceOutcome::temporaryNotWritten, made.error()};
-  }
-  if (const auto exchanged = files.exchange(temporary, path); !exchanged) {
-    return {ReplaceOutcome::notExchanged, exchanged.error()};
-  }
-  return settle(files, temporary, path, [&] { return files.rename(temporary, backupPathFor(path)); });
+  return batch.replace().front();
 }
 
 Result<void> writeAtomically(FileSystem& files, std::string_view path, std::string_view content,
                              const FileOwnership& ownership) {
   const std::string temporary = temporaryPathFor(path);
-  if (auto made = files.createFile(temporary, content, ownership); !made) return made;
+  const std::string directory = directoryOf(path);
+  if (auto made = files.createFile(temporary, content, ownership, Flush::now); !made) return made;
   auto put = files.exchange(temporary, path);
   if (!put && put.error().code() == ENOENT) return putUnderFreeName(files, temporary, path);
   if (put) {
+    put = files.syncDirectory(directory);
     // A displaced directory cannot be removed like a file, and so comes back.
-    const auto settled = settle(files, temporary, path, [&] { return files.remove(temporary); });
-    if (settled.outcome == ReplaceOutcome::replaced) return {};
-    put = settled.error;
-    if (settled.outcome == ReplaceOutcome::notExchangedBack) return put;
+    if (put) put = files.remove(temporary);
+    if (put) return put;
+    if (!files.exchange(temporary, path)) return put;
+    syncQuietly(files, directory);
   }
   removeQuietly(files, temporary);
   return put;

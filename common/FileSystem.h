@@ -41,6 +41,12 @@ struct FileOwnership {
   std::optional<mode_t> permissions;
 };
 
+/// When what is written reaches the disk.
+enum class Flush {
+  now,    ///< before success is reported
+  later,  ///< with the next `flush` that names the file; until then a loss of power may take the content away
+};
+
 /// The files below one system root. Paths are absolute and never carry the root's own path; links are
 /// followed within the root and cannot lead out of it. No operation follows a link in the last place of a
 /// path that it writes, renames or removes. Interrupted calls and short writes are carried on. A path with a
@@ -58,16 +64,21 @@ class FileSystem {
   /// The whole content. EFBIG when it is longer than `limit` bytes, EINVAL when it is not a regular file.
   virtual Result<std::string> readFile(std::string_view path, std::size_t limit) = 0;
 
-  /// Makes a new file with the content, flushed to disk before success is reported, in place of any older
-  /// file of that name. Owner, group and permissions are set before the content is complete; until then, and
-  /// where no permissions are given, nobody but the owner may read it. A failure to set them is no failure of
-  /// the call. When the call fails, no file is left under the name.
+  /// Makes a new file with the content in place of any older file of that name. Owner, group and permissions
+  /// are set before the content is complete; until then, and where no permissions are given, nobody but the
+  /// owner may read it. A failure to set them is no failure of the call. When the call fails, no file is left
+  /// under the name.
   virtual Result<void> createFile(std::string_view path, std::string_view content,
-                                  const FileOwnership& ownership) = 0;
+                                  const FileOwnership& ownership, Flush flush) = 0;
 
   /// Copies a regular file with its owner, group and permissions to a name that is free (EEXIST otherwise).
-  /// The name appears with the whole content, flushed to disk, or not at all.
+  /// The name appears with the whole content or not at all; it is flushed later.
   virtual Result<void> copyFile(std::string_view from, std::string_view to) = 0;
+
+  /// Flushes the content of these regular files, and with them their owners and permissions: one file alone,
+  /// or for several everything of the file systems that they are in, in one go each. A failure does not tell
+  /// which of the files is concerned. Their names are flushed with their directories.
+  virtual Result<void> flush(const std::vector<std::string>& paths) = 0;
 
   /// Gives a file a new name in the same file system, replacing any file of that name in one step.
   virtual Result<void> rename(std::string_view from, std::string_view to) = 0;

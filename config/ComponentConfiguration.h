@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/DurableReplace.h"
 #include "common/FileSystem.h"
 #include "common/Log.h"
 #include "common/Platform.h"
@@ -92,6 +93,12 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   /// (the new content then waits in the temporary file). The file is then as it was; only when the disk also
   /// refuses to change the names back is it the previous version that waits there (error line).
   bool saveDocument();
+
+  /// The two halves of saving changed documents together. The first puts the new content into the batch; when
+  /// it fails, the document has no part in it. The second takes what became of the replacement. Both fail as
+  /// `saveDocument` does.
+  bool stageDocument(ReplacementBatch& batch);
+  bool documentReplaced(const Replacement& saved);
 
   /// False with an error line when there is no file at the path, with a debug line when there is no path.
   bool documentFileExists() const;

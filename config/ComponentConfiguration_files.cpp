@@ -84,11 +84,19 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::fileIsAsSaved() const {
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::saveDocument() {
   if (!configDirty_) return true;
+  ReplacementBatch batch(platform_.files);
+  return stageDocument(batch) && documentReplaced(batch.replace().front());
+}
+
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::stageDocument(ReplacementBatch& batch) {
   if (!configXMLDocument_ || !configPath_) return false;
   const auto bytes = configXMLDocument_->serialize();
   if (!bytes) return false;
-  const auto saved =
-      replaceKeepingBackup(platform_.files, *configPath_, bytes.value(), kConfigurationFileOwnership);
+  const auto staged = batch.stage(*configPath_, bytes.value(), kConfigurationFileOwnership);
+  return staged || documentReplaced({ReplaceOutcome::temporaryNotWritten, staged.error()});
+}
+
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentReplaced(const Replacement& saved) {
   if (saved.outcome == ReplaceOutcome::temporaryNotWritten) {
     logError_source(fill("error saving configuration file: \"%@\"", {temporaryPathFor(*configPath_)}), "");
   }

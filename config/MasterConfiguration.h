@@ -117,8 +117,8 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   /// file is then as it was; only when the disk also refuses to change the names back is it the previous
   /// version that waits there (error line).
   bool saveMasterConfiguration();
-  /// Saves every changed component, with an error line for each that fails, then the master file, whose
-  /// result it gives.
+  /// Saves every changed component, with an error line for each that fails, and the changed master file,
+  /// whose result it gives; all in one batch, flushed together.
   bool saveAllConfigurations();
   /// Append what the file is made of: the comment lines with an empty line, and the component lines.
   void copyCachedConfigurationCommentsToString(std::string& text) const;
@@ -180,6 +180,9 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
 
  private:
   bool masterFileChanged() const;
+  std::vector<Component*> changedComponents() const;
+  bool stageMaster(ReplacementBatch& batch);
+  bool masterReplaced(const Replacement& saved);
   void takeConfigLine(const std::string& line);
 
   Platform& platform_;

@@ -27,10 +27,19 @@ void NOTIFICATION_PLUGIN_MasterConfiguration::copyCachedConfigurationPathsToStri
 
 bool NOTIFICATION_PLUGIN_MasterConfiguration::saveMasterConfiguration() {
   if (!configDirty_) return true;
+  ReplacementBatch batch(platform_.files);
+  return stageMaster(batch) && masterReplaced(batch.replace().front());
+}
+
+bool NOTIFICATION_PLUGIN_MasterConfiguration::stageMaster(ReplacementBatch& batch) {
   std::string text;
   copyCachedConfigurationCommentsToString(text);
   copyCachedConfigurationPathsToString(text);
-  const auto saved = replaceKeepingBackup(platform_.files, configPath_, text, kConfigurationFileOwnership);
+  const auto staged = batch.stage(configPath_, text, kConfigurationFileOwnership);
+  return staged || masterReplaced({ReplaceOutcome::temporaryNotWritten, staged.error()});
+}
+
+bool NOTIFICATION_PLUGIN_MasterConfiguration::masterReplaced(const Replacement& saved) {
   if (saved.outcome == ReplaceOutcome::temporaryNotWritten) {
     logError_source(fill("error saving configuration file: \"%@\" : %@",
                          {temporaryPathFor(configPath_), saved.error.description()}),
@@ -51,18 +60,41 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::saveMasterConfiguration() {
   return true;
 }
 
-bool NOTIFICATION_PLUGIN_MasterConfiguration::saveAllConfigurations() {
-  if (loadedConfigPaths_) {
-    for (const auto& [name, paths] : *loadedConfigPaths_) {
-      const ComponentList* components = loadedComponentsForName(name);
-      if (!components) continue;
-      for (const auto& component : *components) {
-        if (component->saveDocument()) continue;
-        logError_source(fill("error saving configuration file: \"%@\"", {component->configPath()}), "");
-      }
+std::vector<NOTIFICATION_PLUGIN_ComponentConfiguration*>
+NOTIFICATION_PLUGIN_MasterConfiguration::changedComponents() const {
+  std::vector<Component*> changed;
+  if (!loadedConfigPaths_) return changed;
+  for (const auto& [name, paths] : *loadedConfigPaths_) {
+    const ComponentList* components = loadedComponentsForName(name);
+    if (!components) continue;
+    for (const auto& component : *components) {
+      if (component->configDirty()) changed.push_back(component.get());
     }
   }
-  return saveMasterConfiguration();
+  return changed;
+}
+
+bool NOTIFICATION_PLUGIN_MasterConfiguration::saveAllConfigurations() {
+  ReplacementBatch batch(platform_.files);
+  std::vector<Component*> staged;
+  const auto notSaved = [this](const Component& component) {
+    logError_source(fill("error saving configuration file: \"%@\"", {component.configPath()}), "");
+  };
+  for (Component* component : changedComponents()) {
+    if (component->stageDocument(batch)) {
+      staged.push_back(component);
+    } else {
+      notSaved(*component);
+    }
+  }
+  const bool saveMaster = configDirty_;
+  const bool masterStaged = saveMaster && stageMaster(batch);
+  const auto replacements = batch.replace();
+  auto replaced = replacements.begin();
+  for (Component* component : staged) {
+    if (!component->documentReplaced(*replaced++)) notSaved(*component);
+  }
+  return masterStaged ? masterReplaced(*replaced) : !saveMaster;
 }
 
 }  // namespace tessard

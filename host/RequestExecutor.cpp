@@ -84,7 +84,7 @@ void RequestExecutor::writeSetupMarker() {
       return;
     }
   }
-  auto written = files.createFile(kSetupMarker, "", {std::nullopt, std::nullopt, 0644});
+  auto written = files.createFile(kSetupMarker, "", {std::nullopt, std::nullopt, 0644}, Flush::now);
   if (written) written = files.syncDirectory(directory);
   if (!written) {
     logError_source(fill("cannot write %@: %@", {kSetupMarker, written.error().description()}), "");

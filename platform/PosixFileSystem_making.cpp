@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <set>
 #include <vector>
 
 #include "platform/PosixFileSystem.h"
@@ -40,8 +41,22 @@ Result<void> apply(int descriptor, const FileOwnership& ownership, mode_t permis
   return owned ? permitted : owned;
 }
 
-Result<void> flush(int descriptor) {
+Result<void> flushed(int descriptor) {
   return resultOf(uninterrupted([&] { return ::fsync(descriptor); }));
+}
+
+// A new file for us alone, in place of any other of that name.
+FileDescriptor makeFile(int directory, const std::string& name) {
+  const auto make = [&] {
+    return FileDescriptor(uninterrupted([&] {
+      return ::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                      kPrivateFile);
+    }));
+  };
+  FileDescriptor file = make();
+  if (file || errno != EEXIST) return file;
+  if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) return {};
+  return make();
 }
 
 // close(2) can be the first to tell that content did not reach the disk.
@@ -84,24 +99,40 @@ std::string_view withoutSlashesAtEnd(std::string_view path) {
 }  // namespace
 
 Result<void> PosixFileSystem::createFile(std::string_view path, std::string_view content,
-                                         const FileOwnership& ownership) {
+                                         const FileOwnership& ownership, Flush flush) {
   const auto place = placeOf(path, O_PATH);
   if (!place) return place.error();
   const int directory = place.value().directory.get();
   const std::string& name = place.value().name;
-  if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) return SystemError::last();
-  FileDescriptor file(uninterrupted([&] {
-    return ::openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                    kPrivateFile);
-  }));
+  FileDescriptor file = makeFile(directory, name);
   if (!file) return SystemError::last();
   // A file that cannot be given away is still a file with the content; the caller sees its attributes.
   static_cast<void>(apply(file.get(), onDisk(ownership), ownership.permissions.value_or(kPrivateFile)).ok());
   auto made = writeAll(file.get(), content);
-  if (made) made = flush(file.get());
+  if (made && flush == Flush::now) made = flushed(file.get());
   if (made) made = closed(file);
   if (!made) removeQuietly(directory, name, 0);
   return made;
+}
+
+Result<void> PosixFileSystem::flush(const std::vector<std::string>& paths) {
+  if (paths.size() == 1) {
+    const auto file = open(paths.front(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    return file ? flushed(file.value().get()) : Result<void>(file.error());
+  }
+  std::set<std::string> directories;
+  for (const std::string& path : paths) directories.insert(directoryOf(path));
+  std::set<dev_t> done;
+  for (const std::string& path : directories) {
+    const auto directory = open(path, O_RDONLY | O_DIRECTORY);
+    if (!directory) return directory.error();
+    struct stat status {};
+    if (::fstat(directory.value().get(), &status) != 0) return SystemError::last();
+    if (!done.insert(status.st_dev).second) continue;
+    auto all = resultOf(uninterrupted([&] { return ::syncfs(directory.value().get()); }));
+    if (!all) return all;
+  }
+  return {};
 }
 
 Result<void> PosixFileSystem::copyFile(std::string_view from, std::string_view to) {
@@ -109,7 +140,7 @@ Result<void> PosixFileSystem::copyFile(std::string_view from, std::string_view t
   if (!source) return source.error();
   struct stat status {};
   if (::fstat(source.value().get(), &status) != 0) return SystemError::last();
-  const auto place = placeOf(to, O_RDONLY);
+  const auto place = placeOf(to, O_PATH);
   if (!place) return place.error();
   const int directory = place.value().directory.get();
   const std::string& name = place.value().name;
@@ -120,12 +151,10 @@ Result<void> PosixFileSystem::copyFile(std::string_view from, std::string_view t
   const FileOwnership same{status.st_uid, status.st_gid, std::nullopt};
   if (auto given = apply(copy.get(), same, status.st_mode & 07777U); !given) return given;
   if (auto copied = copyContent(source.value().get(), copy.get()); !copied) return copied;
-  if (auto flushed = flush(copy.get()); !flushed) return flushed;
   if (::linkat(AT_FDCWD, shownNameOf(copy.get()).c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
     return SystemError::last();
   }
-  auto made = flush(directory);
-  if (made) made = closed(copy);
+  auto made = closed(copy);
   if (!made) removeQuietly(directory, name, 0);
   return made;
 }

@@ -75,7 +75,7 @@ bool S6ServiceManager::stop(const std::string& label, const std::string& directo
   const std::string down = directory + "/down";
   bool disabled = files_.exists(down);
   if (!disabled) {
-    const auto made = files_.createFile(down, "", {.owner = 0, .group = 0, .permissions = 0644});
+    const auto made = files_.createFile(down, "", {.owner = 0, .group = 0, .permissions = 0644}, Flush::now);
     disabled = made.ok();
     if (!made) {
       logError_source(fill("the service \"%@\" cannot be disabled: %@", {label, made.error().description()}),

@@ -58,7 +58,7 @@ Result<void> publishServiceStatus(FileSystem& files, std::string_view label, con
   if (!made && made.error().code() != EEXIST) return made.error();
   const std::string path = pathOf(label);
   const std::string next = path + ".new";
-  if (auto created = files.createFile(next, text.value(), kPublicFile); !created) return created;
+  if (auto created = files.createFile(next, text.value(), kPublicFile, Flush::now); !created) return created;
   return files.rename(next, path);
 }
 

@@ -104,7 +104,7 @@ Result<void> AccountChanges::ensureShadowFile() {
   const bool canGive = geteuid() == 0 && group;
   const FileOwnership ownership{std::nullopt, canGive ? std::optional(group.value().gid) : std::nullopt,
                                 canGive ? 0640 : 0600};
-  return files_.createFile(kShadowFile, "", ownership);
+  return files_.createFile(kShadowFile, "", ownership, Flush::now);
 }
 
 /// The numbers that are taken, when the user's name and number are not.

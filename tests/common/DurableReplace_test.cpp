@@ -64,9 +64,9 @@ TEST_F(DurableReplaceTest, ReplacesTheFileAndKeepsThePreviousVersion) {
 TEST_F(DurableReplaceTest, FlushesTheNewNameBeforeThePreviousVersionLeavesTheOtherOne) {
   root.write(kPath, "old");
   ASSERT_EQ(replace().outcome, ReplaceOutcome::replaced);
-  EXPECT_THAT(files.changes(),
-              ElementsAre("createFile /etc/sm.xml.tmp", "exchange /etc/sm.xml.tmp /etc/sm.xml",
-                          "syncDirectory /etc", "rename /etc/sm.xml.tmp /etc/sm.xml.bak"));
+  EXPECT_THAT(files.changes(), ElementsAre("createFile /etc/sm.xml.tmp", "flush /etc/sm.xml.tmp",
+                                           "exchange /etc/sm.xml.tmp /etc/sm.xml", "syncDirectory /etc",
+                                           "rename /etc/sm.xml.tmp /etc/sm.xml.bak"));
 }
 
 TEST_F(DurableReplaceTest, ReplacesAStaleTemporaryAndAStaleBackup) {
@@ -215,6 +215,138 @@ TEST_F(DurableReplaceTest, HasAWholeFileUnderTheNameBeforeEveryStep) {
   files.beforeCall = [&](const FaultyFileSystem::Call&) { seen.insert(root.read(kPath)); };
   ASSERT_EQ(replace().outcome, ReplaceOutcome::replaced);
   EXPECT_THAT(seen, ElementsAre("new", "old"));
+}
+
+TEST_F(DurableReplaceTest, LeavesEverythingAsItWasWhenTheNewContentCannotBeFlushed) {
+  root.write(kPath, "old");
+  root.write(kBackup, "older");
+  files.failAll("flush", ENOSPC);
+  const auto replacement = replace();
+  EXPECT_EQ(replacement.outcome, ReplaceOutcome::temporaryNotWritten);
+  EXPECT_EQ(replacement.error.code(), ENOSPC);
+  EXPECT_EQ(root.read(kPath), "old");
+  EXPECT_EQ(root.read(kBackup), "older");
+  EXPECT_FALSE(root.exists(kTemporary));
+}
+
+// Three files in two directories, replaced together.
+class BatchTest : public DurableReplaceTest {
+ protected:
+  const std::vector<std::string> paths = {"/etc/a", "/var/b", "/etc/c"};
+  ReplacementBatch batch{files};
+
+  void SetUp() override {
+    for (const std::string& path : paths) root.write(path, "old" + path);
+    files.clearCalls();
+  }
+
+  void stageAll() {
+    for (const std::string& path : paths) ASSERT_TRUE(batch.stage(path, "new" + path, kOwnership));
+  }
+
+  std::vector<int> replaceAll() {
+    std::vector<int> codes;
+    for (const Replacement& result : batch.replace()) codes.push_back(result.error.code());
+    return codes;
+  }
+
+  void expectOld(const std::string& path) { EXPECT_EQ(root.read(path), "old" + path); }
+  void expectNew(const std::string& path) {
+    EXPECT_EQ(root.read(path), "new" + path);
+    EXPECT_EQ(root.read(backupPathFor(path)), "old" + path);
+    EXPECT_FALSE(root.exists(temporaryPathFor(path)));
+  }
+};
+
+TEST_F(BatchTest, FlushesAllContentsOnceAndThenEachDirectoryOnce) {
+  stageAll();
+  EXPECT_THAT(files.changes(),
+              ElementsAre("createFile /etc/a.tmp", "createFile /var/b.tmp", "createFile /etc/c.tmp"));
+  files.clearCalls();
+  EXPECT_THAT(replaceAll(), ElementsAre(0, 0, 0));
+  EXPECT_THAT(files.changes(), ElementsAre("flush /etc/a.tmp", "flush /var/b.tmp", "flush /etc/c.tmp",
+                                           "exchange /etc/a.tmp /etc/a", "exchange /var/b.tmp /var/b",
+                                           "exchange /etc/c.tmp /etc/c", "syncDirectory /etc",
+                                           "syncDirectory /var", "rename /etc/a.tmp /etc/a.bak",
+                                           "rename /var/b.tmp /var/b.bak", "rename /etc/c.tmp /etc/c.bak"));
+  for (const std::string& path : paths) expectNew(path);
+}
+
+TEST_F(BatchTest, ReplacesTheOthersWhenOneCannotBeWritten) {
+  files.failPath("createFile", "/var/b.tmp", EDQUOT);
+  ASSERT_TRUE(batch.stage(paths[0], "new" + paths[0], kOwnership));
+  const auto refused = batch.stage(paths[1], "new", kOwnership);
+  ASSERT_FALSE(refused);
+  EXPECT_EQ(refused.error().code(), EDQUOT);
+  ASSERT_TRUE(batch.stage(paths[2], "new" + paths[2], kOwnership));
+  EXPECT_THAT(replaceAll(), ElementsAre(0, 0));
+  expectNew(paths[0]);
+  expectOld(paths[1]);
+  expectNew(paths[2]);
+}
+
+TEST_F(BatchTest, ReplacesNoneWhenTheContentsCannotBeFlushed) {
+  stageAll();
+  files.failPath("flush", "/etc/c.tmp", EIO);
+  const auto results = batch.replace();
+  ASSERT_EQ(results.size(), 3U);
+  for (const Replacement& result : results) {
+    EXPECT_EQ(result.outcome, ReplaceOutcome::temporaryNotWritten);
+    EXPECT_EQ(result.error.code(), EIO);
+  }
+  for (const std::string& path : paths) {
+    expectOld(path);
+    EXPECT_FALSE(root.exists(temporaryPathFor(path)));
+    EXPECT_FALSE(root.exists(backupPathFor(path)));
+  }
+}
+
+TEST_F(BatchTest, LeavesTheOthersAloneWhenOneCannotBeExchanged) {
+  stageAll();
+  root.remove(paths[1]);
+  EXPECT_THAT(replaceAll(), ElementsAre(0, ENOENT, 0));
+  expectNew(paths[0]);
+  EXPECT_EQ(root.read("/var/b.tmp"), "new/var/b");
+  EXPECT_FALSE(root.exists(paths[1]));
+  expectNew(paths[2]);
+}
+
+TEST_F(BatchTest, ExchangesBackWhatStandsInADirectoryThatCannotBeFlushed) {
+  stageAll();
+  files.failPath("syncDirectory", "/etc", EIO);
+  EXPECT_THAT(replaceAll(), ElementsAre(EIO, 0, EIO));
+  expectOld(paths[0]);
+  EXPECT_EQ(root.read("/etc/a.tmp"), "new/etc/a");
+  expectNew(paths[1]);
+  expectOld(paths[2]);
+}
+
+TEST_F(BatchTest, ExchangesBackTheOneWhoseBackupCannotBeKept) {
+  stageAll();
+  files.failPath("rename", "/etc/a.bak", EIO);
+  EXPECT_THAT(replaceAll(), ElementsAre(EIO, 0, 0));
+  expectOld(paths[0]);
+  expectNew(paths[1]);
+  expectNew(paths[2]);
+}
+
+TEST_F(BatchTest, RemovesWhatWasStagedAndNeverReplaced) {
+  {
+    ReplacementBatch givenUp(files);
+    ASSERT_TRUE(givenUp.stage("/etc/a", "new", kOwnership));
+    ASSERT_TRUE(root.exists("/etc/a.tmp"));
+  }
+  EXPECT_FALSE(root.exists("/etc/a.tmp"));
+  expectOld("/etc/a");
+}
+
+TEST_F(BatchTest, HasNothingToReplaceWhenEmptyOrDone) {
+  EXPECT_THAT(batch.replace(), IsEmpty());
+  stageAll();
+  ASSERT_EQ(batch.replace().size(), 3U);
+  files.clearCalls();
+  EXPECT_THAT(batch.replace(), IsEmpty());
+  EXPECT_THAT(files.journal(), IsEmpty());
 }
 
 class AtomicWriteTest : public DurableReplaceTest {

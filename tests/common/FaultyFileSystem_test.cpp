@@ -34,8 +34,9 @@ class FaultyFileSystemTest : public testing::Test {
     root.remove("/area");
     root.makeDirectory("/area");
     std::vector<int> codes;
-    codes.push_back(codeOf(files.createFile("/area/a", "content", {84, 80, 0640})));
+    codes.push_back(codeOf(files.createFile("/area/a", "content", {84, 80, 0640}, Flush::now)));
     codes.push_back(codeOf(files.copyFile("/area/a", "/area/b")));
+    codes.push_back(codeOf(files.flush({"/area/b"})));
     codes.push_back(codeOf(files.exchange("/area/a", "/area/b")));
     codes.push_back(codeOf(files.rename("/area/b", "/area/c")));
     codes.push_back(codeOf(files.remove("/area/c")));
@@ -61,11 +62,11 @@ TEST_F(FaultyFileSystemTest, PassesEverythingOnWhileNothingIsToFail) {
 TEST_F(FaultyFileSystemTest, RecordsEveryCall) {
   callEverything();
   EXPECT_THAT(files.journal(),
-              ElementsAre("createFile /area/a", "copyFile /area/a /area/b", "exchange /area/a /area/b",
-                          "rename /area/b /area/c", "remove /area/c", "createDirectory /area/d",
-                          "setOwnership /area/d", "syncDirectory /area", "readFile /area/a",
-                          "attributes /area/a", "listDirectory /area", "exists /area/a"));
-  EXPECT_THAT(files.changes(), SizeIs(8));
+              ElementsAre("createFile /area/a", "copyFile /area/a /area/b", "flush /area/b",
+                          "exchange /area/a /area/b", "rename /area/b /area/c", "remove /area/c",
+                          "createDirectory /area/d", "setOwnership /area/d", "syncDirectory /area",
+                          "readFile /area/a", "attributes /area/a", "listDirectory /area", "exists /area/a"));
+  EXPECT_THAT(files.changes(), SizeIs(9));
   const auto made = files.calls("createFile");
   ASSERT_THAT(made, SizeIs(1));
   EXPECT_EQ(made.front().ownership.owner, 84U);
@@ -94,15 +95,15 @@ TEST_F(FaultyFileSystemTest, FailsTheNthCallOnceAndDoesNotCarryItOut) {
 }
 
 TEST_F(FaultyFileSystemTest, CountsTheNthCallFromTheMomentItIsAskedFor) {
-  EXPECT_EQ(codeOf(files.createFile("/one", "", {})), 0);
+  EXPECT_EQ(codeOf(files.createFile("/one", "", {}, Flush::now)), 0);
   files.failNth("createFile", 1, EIO);
-  EXPECT_EQ(codeOf(files.createFile("/two", "", {})), EIO);
-  EXPECT_EQ(codeOf(files.createFile("/three", "", {})), 0);
+  EXPECT_EQ(codeOf(files.createFile("/two", "", {}, Flush::now)), EIO);
+  EXPECT_EQ(codeOf(files.createFile("/three", "", {}, Flush::now)), 0);
 }
 
 TEST_F(FaultyFileSystemTest, FailsEveryOperationThatItIsToldToFail) {
   const std::vector<std::string> operations = {
-      "createFile",   "copyFile",      "exchange", "rename",     "remove",        "createDirectory",
+      "createFile",   "copyFile",      "flush",    "exchange",   "rename",        "remove", "createDirectory",
       "setOwnership", "syncDirectory", "readFile", "attributes", "listDirectory", "exists"};
   for (std::size_t i = 0; i < operations.size(); ++i) {
     files.failAll(operations[i], EROFS);
@@ -112,6 +113,15 @@ TEST_F(FaultyFileSystemTest, FailsEveryOperationThatItIsToldToFail) {
     files.heal();
   }
   EXPECT_THAT(callEverything(), testing::Each(0));
+}
+
+TEST_F(FaultyFileSystemTest, RecordsEachFileOfOneFlushAndFailsItForAnyOfThem) {
+  root.write("/a", "");
+  root.write("/b", "");
+  EXPECT_EQ(codeOf(files.flush({"/a", "/b"})), 0);
+  EXPECT_THAT(files.journal(), ElementsAre("flush /a", "flush /b"));
+  files.failPath("flush", "/a", ENOSPC);
+  EXPECT_EQ(codeOf(files.flush({"/a", "/b"})), ENOSPC);
 }
 
 TEST_F(FaultyFileSystemTest, FailsThePathsThatEndWithASuffix) {
@@ -134,7 +144,7 @@ TEST_F(FaultyFileSystemTest, FailsOneOperationOnOnePath) {
 TEST_F(FaultyFileSystemTest, HasNoRoomOnAFullDisk) {
   root.write("/old", "old");
   files.fillDisk();
-  EXPECT_EQ(codeOf(files.createFile("/file", "", {})), ENOSPC);
+  EXPECT_EQ(codeOf(files.createFile("/file", "", {}, Flush::now)), ENOSPC);
   EXPECT_EQ(codeOf(files.copyFile("/old", "/copy")), ENOSPC);
   EXPECT_EQ(codeOf(files.createDirectory("/directory", {}, true)), ENOSPC);
   EXPECT_EQ(codeOf(files.rename("/old", "/new")), 0);

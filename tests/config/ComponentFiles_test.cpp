@@ -219,7 +219,8 @@ TEST(SavingAComponent, OwnerAndPermissionsAreThereBeforeTheFileTakesTheName) {
   EXPECT_EQ(made[0].ownership.permissions, kConfigurationFilePermissions);
   const auto changes = sm.platform.files.changes();
   EXPECT_EQ(changes.at(0), "createFile " + kTemporary);
-  EXPECT_EQ(changes.at(1), "exchange " + kTemporary + " " + kSm);
+  EXPECT_EQ(changes.at(1), "flush " + kTemporary);
+  EXPECT_EQ(changes.at(2), "exchange " + kTemporary + " " + kSm);
 }
 
 TEST(SavingAComponent, AnOlderBackupIsReplaced) {

@@ -67,7 +67,9 @@ TEST(AThousandDomains, AreSavedWithOneNewFileEachAndReadBackOnce) {
   domains.platform.files.clearCalls();
   ASSERT_TRUE(domains->saveAllConfigurations());
   EXPECT_EQ(domains.count("createFile"), kDomains + 1);
+  EXPECT_EQ(domains.count("flush"), kDomains + 1) << "all in one go, recorded for each";
   EXPECT_EQ(domains.count("exchange"), kDomains + 1);
+  EXPECT_EQ(domains.count("syncDirectory"), 1U);
   EXPECT_LE(domains.platform.files.calls().size(), 10 * kDomains);
 
   for (const auto& component : *domains->loadedComponentsForName("sm")) component->setLoadTime(kLongAgo);

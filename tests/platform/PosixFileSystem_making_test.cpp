@@ -124,7 +124,7 @@ class PosixFileSystemMakingTest : public testing::Test {
 
 TEST_F(PosixFileSystemMakingTest, MakesAFileWithContentOwnerGroupAndMode) {
   const std::string content("a\0b", 3);
-  ASSERT_TRUE(files.createFile("/etc/file", content, {84, 80, 0660}));
+  ASSERT_TRUE(files.createFile("/etc/file", content, {84, 80, 0660}, Flush::now));
   EXPECT_EQ(root.read("/etc/file"), content);
   EXPECT_EQ(root.owner("/etc/file"), userOnDisk(84));
   EXPECT_EQ(root.group("/etc/file"), groupOnDisk(80));
@@ -134,14 +134,14 @@ TEST_F(PosixFileSystemMakingTest, MakesAFileWithContentOwnerGroupAndMode) {
 
 TEST_F(PosixFileSystemMakingTest, KeepsANewFilePrivateUnlessToldOtherwise) {
   const Umask open(0);
-  ASSERT_TRUE(files.createFile("/etc/file", "secret", {}));
+  ASSERT_TRUE(files.createFile("/etc/file", "secret", {}, Flush::now));
   EXPECT_EQ(root.mode("/etc/file"), 0600U);
   EXPECT_EQ(root.owner("/etc/file"), ::geteuid());
 }
 
 TEST_F(PosixFileSystemMakingTest, GivesTheModesThatAreAskedForWhateverTheUmask) {
   const Umask tight(0077);
-  ASSERT_TRUE(files.createFile("/etc/file", "", {84, 0, 0664}));
+  ASSERT_TRUE(files.createFile("/etc/file", "", {84, 0, 0664}, Flush::now));
   ASSERT_TRUE(files.createDirectory("/made/below/leaf", {84, 0, 0775}, true));
   EXPECT_EQ(root.mode("/etc/file"), 0664U);
   EXPECT_EQ(root.mode("/made"), 0755U);
@@ -153,7 +153,7 @@ TEST_F(PosixFileSystemMakingTest, PutsANewFileInPlaceOfAnOlderOne) {
   root.write("/etc/file", "older and longer");
   root.setMode("/etc/file", 0666);
   std::filesystem::create_hard_link(root.hostPath("/etc/file"), root.hostPath("/etc/other"));
-  ASSERT_TRUE(files.createFile("/etc/file", "new", {}));
+  ASSERT_TRUE(files.createFile("/etc/file", "new", {}, Flush::now));
   EXPECT_EQ(root.read("/etc/file"), "new");
   EXPECT_EQ(root.mode("/etc/file"), 0600U);
   EXPECT_EQ(root.read("/etc/other"), "older and longer");
@@ -163,8 +163,8 @@ TEST_F(PosixFileSystemMakingTest, WritesThroughNoLink) {
   root.write("/etc/target", "target");
   root.makeLink("/etc/link", "target");
   root.makeLink("/etc/dangling", "planted");
-  ASSERT_TRUE(files.createFile("/etc/link", "new", {}));
-  ASSERT_TRUE(files.createFile("/etc/dangling", "new", {}));
+  ASSERT_TRUE(files.createFile("/etc/link", "new", {}, Flush::now));
+  ASSERT_TRUE(files.createFile("/etc/dangling", "new", {}, Flush::now));
   EXPECT_EQ(root.read("/etc/target"), "target");
   EXPECT_FALSE(root.exists("/etc/planted"));
   EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(root.hostPath("/etc/link"))));
@@ -172,18 +172,18 @@ TEST_F(PosixFileSystemMakingTest, WritesThroughNoLink) {
 
 TEST_F(PosixFileSystemMakingTest, PutsNoFileInPlaceOfADirectory) {
   root.makeDirectory("/etc/directory");
-  EXPECT_EQ(codeOf(files.createFile("/etc/directory", "", {})), EISDIR);
-  EXPECT_EQ(codeOf(files.createFile("/nowhere/file", "", {})), ENOENT);
+  EXPECT_EQ(codeOf(files.createFile("/etc/directory", "", {}, Flush::now)), EISDIR);
+  EXPECT_EQ(codeOf(files.createFile("/nowhere/file", "", {}, Flush::now)), ENOENT);
   EXPECT_FALSE(root.exists("/nowhere"));
 }
 
 TEST_F(PosixFileSystemMakingTest, LeavesNoFileWhenTheContentCannotBeWrittenWhole) {
   root.write("/etc/older", "older");
   const FileSizeLimit limit(100);
-  EXPECT_EQ(codeOf(files.createFile("/etc/file", std::string(200, 'x'), {})), EFBIG);
-  EXPECT_EQ(codeOf(files.createFile("/etc/older", std::string(200, 'x'), {})), EFBIG);
+  EXPECT_EQ(codeOf(files.createFile("/etc/file", std::string(200, 'x'), {}, Flush::now)), EFBIG);
+  EXPECT_EQ(codeOf(files.createFile("/etc/older", std::string(200, 'x'), {}, Flush::now)), EFBIG);
   EXPECT_THAT(root.list("/etc"), IsEmpty());
-  EXPECT_TRUE(files.createFile("/etc/file", std::string(100, 'x'), {}));
+  EXPECT_TRUE(files.createFile("/etc/file", std::string(100, 'x'), {}, Flush::now));
 }
 
 TEST_F(PosixFileSystemMakingTest, LeavesNoCopyWhenTheContentCannotBeWrittenWhole) {
@@ -195,11 +195,11 @@ TEST_F(PosixFileSystemMakingTest, LeavesNoCopyWhenTheContentCannotBeWrittenWhole
 
 TEST_F(PosixFileSystemMakingTest, MakesTheFileAllTheSameWhenItCannotBeGivenAway) {
   root.setMode("", 0777);
-  EXPECT_EQ(
-      codeWithoutRights([&] {
-        return PosixFileSystem(root.path()).createFile("/file", "content", {kStranger, kStranger, 0640});
-      }),
-      0);
+  EXPECT_EQ(codeWithoutRights([&] {
+              return PosixFileSystem(root.path())
+                  .createFile("/file", "content", {kStranger, kStranger, 0640}, Flush::now);
+            }),
+            0);
   EXPECT_EQ(root.read("/file"), "content");
   EXPECT_EQ(root.mode("/file"), 0640U);
   EXPECT_NE(root.owner("/file"), kStranger);
@@ -207,7 +207,7 @@ TEST_F(PosixFileSystemMakingTest, MakesTheFileAllTheSameWhenItCannotBeGivenAway)
 
 TEST_F(PosixFileSystemMakingTest, CopiesContentOwnerGroupAndMode) {
   const std::string content(300000, 'x');
-  ASSERT_TRUE(files.createFile("/etc/file", content, {84, 80, 04750}));
+  ASSERT_TRUE(files.createFile("/etc/file", content, {84, 80, 04750}, Flush::now));
   ASSERT_TRUE(files.copyFile("/etc/file", "/var/copy"));
   EXPECT_EQ(root.read("/var/copy"), content);
   EXPECT_EQ(root.owner("/var/copy"), userOnDisk(84));
@@ -324,7 +324,7 @@ TEST_F(PosixFileSystemMakingTest, LeavesNoCopyThatCannotBeGivenAway) {
 }
 
 TEST_F(PosixFileSystemMakingTest, ChangesOnlyTheAttributesThatAreGiven) {
-  ASSERT_TRUE(files.createFile("/etc/file", "kept", {84, 80, 0640}));
+  ASSERT_TRUE(files.createFile("/etc/file", "kept", {84, 80, 0640}, Flush::now));
   ASSERT_TRUE(files.setOwnership("/etc/file", {std::nullopt, std::nullopt, 0604}));
   EXPECT_EQ(root.owner("/etc/file"), userOnDisk(84));
   EXPECT_EQ(root.group("/etc/file"), groupOnDisk(80));
@@ -339,7 +339,7 @@ TEST_F(PosixFileSystemMakingTest, ChangesOnlyTheAttributesThatAreGiven) {
 }
 
 TEST_F(PosixFileSystemMakingTest, KeepsTheSpecialBitsWhenOwnerAndModeAreGivenTogether) {
-  ASSERT_TRUE(files.createFile("/etc/file", "", {}));
+  ASSERT_TRUE(files.createFile("/etc/file", "", {}, Flush::now));
   ASSERT_TRUE(files.setOwnership("/etc/file", {84, 84, 04750}));
   EXPECT_EQ(root.mode("/etc/file"), 04750U);
 }
@@ -372,7 +372,7 @@ TEST_F(PosixFileSystemMakingTest, DoesNotWaitForAPipeThatItGivesAway) {
   ASSERT_EQ(::mkfifo(root.hostPath("/pipe").c_str(), 0600), 0);
   EXPECT_TRUE(files.setOwnership("/pipe", {84, 84, 0640}));
   EXPECT_EQ(root.mode("/pipe"), 0640U);
-  EXPECT_TRUE(files.createFile("/pipe", "content", {}));
+  EXPECT_TRUE(files.createFile("/pipe", "content", {}, Flush::now));
   EXPECT_EQ(root.read("/pipe"), "content");
 }
 
@@ -381,8 +381,10 @@ TEST_F(PosixFileSystemMakingTest, CarriesOnWhenSignalsInterruptIt) {
   interruptions = 0;
   const Interruptions signals;
   for (int round = 0; round < 1000 && (round < 10 || interruptions < 50); ++round) {
-    ASSERT_EQ(codeOf(files.createFile("/etc/file", content, {84, 80, 0640})), 0);
+    ASSERT_EQ(codeOf(files.createFile("/etc/file", content, {84, 80, 0640}, Flush::now)), 0);
     ASSERT_EQ(codeOf(files.copyFile("/etc/file", "/etc/copy")), 0);
+    ASSERT_EQ(codeOf(files.flush({"/etc/copy"})), 0);
+    ASSERT_EQ(codeOf(files.flush({"/etc/file", "/etc/copy"})), 0);
     ASSERT_EQ(codeOf(files.exchange("/etc/file", "/etc/copy")), 0);
     ASSERT_EQ(codeOf(files.syncDirectory("/etc")), 0);
     const auto read = files.readFile("/etc/file", kLimit);
@@ -391,6 +393,18 @@ TEST_F(PosixFileSystemMakingTest, CarriesOnWhenSignalsInterruptIt) {
     ASSERT_EQ(codeOf(files.remove("/etc/copy")), 0);
   }
   EXPECT_GE(interruptions, 50);
+}
+
+TEST_F(PosixFileSystemMakingTest, FlushesOneFileOrSeveralInSeveralDirectories) {
+  root.write("/etc/a", "a");
+  root.write("/etc/b", "b");
+  root.write("/var/c", "c");
+  EXPECT_TRUE(files.flush({"/etc/a"}));
+  EXPECT_TRUE(files.flush({"/etc/a", "/etc/b", "/private/var/c"}));
+  EXPECT_EQ(codeOf(files.flush({"/etc/nothing"})), ENOENT);
+  EXPECT_EQ(codeOf(files.flush({"/etc/a", "/nowhere/b"})), ENOENT);
+  root.makeLink("/etc/link", "a");
+  EXPECT_EQ(codeOf(files.flush({"/etc/link"})), ELOOP);
 }
 
 // Ids that the one user of this test can always use: its own.
@@ -403,7 +417,7 @@ class OwnerMapTest : public testing::Test {
 
 TEST_F(OwnerMapTest, StandsInForTheNamedIdsBothWays) {
   PosixFileSystem files(root.path(), {{{84, user}}, {{80, group}}});
-  ASSERT_TRUE(files.createFile("/file", "", {84, 80, 0640}));
+  ASSERT_TRUE(files.createFile("/file", "", {84, 80, 0640}, Flush::now));
   ASSERT_TRUE(files.createDirectory("/directory", {84, 80, 0750}, false));
   for (const std::string_view path : {"/file", "/directory"}) {
     EXPECT_EQ(root.owner(path), user);
@@ -416,7 +430,7 @@ TEST_F(OwnerMapTest, StandsInForTheNamedIdsBothWays) {
 
 TEST_F(OwnerMapTest, ReportsAnIdThatSeveralShareAsItIs) {
   PosixFileSystem files(root.path(), {{{84, user}, {17, user}}, {{80, group}, {1, group}}});
-  ASSERT_TRUE(files.createFile("/file", "", {84, 80, 0640}));
+  ASSERT_TRUE(files.createFile("/file", "", {84, 80, 0640}, Flush::now));
   EXPECT_EQ(files.attributes("/file").value().owner, user);
   EXPECT_EQ(files.attributes("/file").value().group, group);
 }

@@ -42,7 +42,7 @@ std::vector<std::pair<std::string, std::function<int(PosixFileSystem&, std::stri
       {"attributes", [](PosixFileSystem& files, Path path) { return codeOf(files.attributes(path)); }},
       {"readFile", [](PosixFileSystem& files, Path path) { return codeOf(files.readFile(path, kLimit)); }},
       {"createFile",
-       [](PosixFileSystem& files, Path path) { return codeOf(files.createFile(path, "", {})); }},
+       [](PosixFileSystem& files, Path path) { return codeOf(files.createFile(path, "", {}, Flush::now)); }},
       {"copyFile from",
        [](PosixFileSystem& files, Path path) { return codeOf(files.copyFile(path, "/new")); }},
       {"copyFile to", [](PosixFileSystem& files, Path path) { return codeOf(files.copyFile("/old", path)); }},
@@ -114,14 +114,14 @@ TEST_F(PosixFileSystemTest, FailsForLinksThatLeadRoundInACircle) {
   root.makeLink("/etc/one", "two");
   root.makeLink("/etc/two", "one");
   EXPECT_EQ(codeOf(files.attributes("/etc/one")), ELOOP);
-  EXPECT_EQ(codeOf(files.createFile("/etc/one/file", "", {})), ELOOP);
+  EXPECT_EQ(codeOf(files.createFile("/etc/one/file", "", {}, Flush::now)), ELOOP);
   EXPECT_FALSE(files.exists("/etc/one"));
 }
 
 TEST_F(PosixFileSystemTest, TellsWhyItsRootCannotBeOpened) {
   PosixFileSystem nowhere(root.hostPath("/nowhere"));
   EXPECT_EQ(codeOf(nowhere.attributes("/")), ENOENT);
-  EXPECT_EQ(codeOf(nowhere.createFile("/file", "", {})), ENOENT);
+  EXPECT_EQ(codeOf(nowhere.createFile("/file", "", {}, Flush::now)), ENOENT);
   EXPECT_FALSE(nowhere.exists("/"));
   root.write("/file", "");
   PosixFileSystem noDirectory(root.hostPath("/file"));
@@ -143,7 +143,7 @@ TEST_F(PosixFileSystemTest, StaysInItsRootWhenTheRootIsRenamed) {
 
 TEST_F(PosixFileSystemTest, FollowsTheLinksOfThePrivateDirectories) {
   ASSERT_TRUE(files.createDirectory("/private/etc/jabberd_notification", {}, false));
-  ASSERT_TRUE(files.createFile("/private/etc/jabberd_notification/sm.xml", "<sm/>", {}));
+  ASSERT_TRUE(files.createFile("/private/etc/jabberd_notification/sm.xml", "<sm/>", {}, Flush::now));
   EXPECT_EQ(files.readFile("/etc/jabberd_notification/sm.xml", kLimit).value(), "<sm/>");
 }
 
@@ -151,7 +151,7 @@ TEST_F(PosixFileSystemTest, FollowsAnAbsoluteLinkWithinTheRoot) {
   root.write("/var/data/file", "inside");
   root.makeLink("/etc/data", "/var/data");
   EXPECT_EQ(files.readFile("/etc/data/file", kLimit).value(), "inside");
-  ASSERT_TRUE(files.createFile("/etc/data/new", "made", {}));
+  ASSERT_TRUE(files.createFile("/etc/data/new", "made", {}, Flush::now));
   EXPECT_EQ(root.read("/var/data/new"), "made");
 }
 
@@ -164,7 +164,7 @@ TEST_F(PosixFileSystemTest, DoesNotLetALinkLeadOutOfTheRoot) {
   for (const std::string link : {"/absolute", "/relative"}) {
     EXPECT_FALSE(files.exists(link + "/secret"));
     EXPECT_EQ(codeOf(files.readFile(link + "/secret", kLimit)), ENOENT);
-    EXPECT_EQ(codeOf(files.createFile(link + "/planted", "", {})), ENOENT);
+    EXPECT_EQ(codeOf(files.createFile(link + "/planted", "", {}, Flush::now)), ENOENT);
     EXPECT_EQ(codeOf(files.createDirectory(link + "/planted", {}, true)), ENOENT);
     EXPECT_EQ(codeOf(files.remove(link + "/secret")), ENOENT);
     EXPECT_EQ(codeOf(files.rename(link + "/secret", "/stolen")), ENOENT);
@@ -182,13 +182,13 @@ TEST_F(PosixFileSystemTest, EndsAtTheRootWithDotDot) {
 TEST_F(PosixFileSystemTest, RefusesToMakeOrMoveWhatHasNoNameOfItsOwn) {
   root.write("/old", "kept");
   for (const std::string_view path : {"/etc/.", "/etc/.."}) {
-    EXPECT_EQ(codeOf(files.createFile(path, "", {})), EINVAL) << path;
+    EXPECT_EQ(codeOf(files.createFile(path, "", {}, Flush::now)), EINVAL) << path;
     EXPECT_EQ(codeOf(files.remove(path)), EINVAL) << path;
     EXPECT_EQ(codeOf(files.rename("/old", path)), EINVAL) << path;
     EXPECT_EQ(codeOf(files.createDirectory(path, {}, false)), EINVAL) << path;
   }
   for (const std::string_view path : {"/", "/etc/"}) {
-    EXPECT_EQ(codeOf(files.createFile(path, "", {})), EISDIR) << path;
+    EXPECT_EQ(codeOf(files.createFile(path, "", {}, Flush::now)), EISDIR) << path;
     EXPECT_EQ(codeOf(files.copyFile("/old", path)), EISDIR) << path;
     EXPECT_EQ(codeOf(files.rename("/old", path)), EISDIR) << path;
     EXPECT_EQ(codeOf(files.exchange("/old", path)), EISDIR) << path;

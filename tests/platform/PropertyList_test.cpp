@@ -501,21 +501,22 @@ TEST_F(PropertyListFile, MayBeLargerThanAListFromOutside) {
 
 TEST_F(PropertyListFile, MayBeBinary) {
   const std::string bytes = binaryList({"\xd1\x01\x02", "\x51k", "\x10\x07"});
-  ASSERT_TRUE(files_.createFile("/list.plist", bytes, {}).ok());
+  ASSERT_TRUE(files_.createFile("/list.plist", bytes, {}, Flush::now).ok());
   EXPECT_EQ(readPropertyListFile(files_, "/list.plist").value(), (Dictionary{{"k", 7}}));
 }
 
 TEST_F(PropertyListFile, ThatHoldsNoDictionaryIsRefused) {
-  ASSERT_TRUE(files_.createFile("/list.plist", written(Value(Array{})), {}).ok());
+  ASSERT_TRUE(files_.createFile("/list.plist", written(Value(Array{})), {}, Flush::now).ok());
   EXPECT_THAT(readPropertyListFile(files_, "/list.plist").error().description(),
               HasSubstr("top level of the property list is no dictionary"));
 }
 
 TEST_F(PropertyListFile, ThatIsMissingMalformedOrTooLargeIsAnError) {
   EXPECT_EQ(readPropertyListFile(files_, "/none.plist").error().code(), ENOENT);
-  ASSERT_TRUE(files_.createFile("/list.plist", "rubbish", {}).ok());
+  ASSERT_TRUE(files_.createFile("/list.plist", "rubbish", {}, Flush::now).ok());
   EXPECT_THAT(readPropertyListFile(files_, "/list.plist").error().description(), HasSubstr("line 1"));
-  ASSERT_TRUE(files_.createFile("/big.plist", std::string(kPropertyListFileSizeLimit + 1, ' '), {}).ok());
+  ASSERT_TRUE(
+      files_.createFile("/big.plist", std::string(kPropertyListFileSizeLimit + 1, ' '), {}, Flush::now).ok());
   EXPECT_EQ(readPropertyListFile(files_, "/big.plist").error().code(), EFBIG);
 }
 

@@ -11,9 +11,9 @@ namespace tessard {
 namespace {
 
 constexpr std::array<std::string_view, 4> kReadings = {"exists", "attributes", "readFile", "listDirectory"};
-constexpr std::array<std::string_view, 8> kChanges = {"createFile",   "copyFile",     "rename",
-                                                      "exchange",     "remove",       "createDirectory",
-                                                      "setOwnership", "syncDirectory"};
+constexpr std::array<std::string_view, 9> kChanges = {"createFile",      "copyFile",     "flush",
+                                                      "rename",          "exchange",     "remove",
+                                                      "createDirectory", "setOwnership", "syncDirectory"};
 
 bool isReading(std::string_view operation) {
   return std::ranges::find(kReadings, operation) != kReadings.end();
@@ -137,9 +137,20 @@ Result<std::string> FaultyFileSystem::readFile(std::string_view path, std::size_
 }
 
 Result<void> FaultyFileSystem::createFile(std::string_view path, std::string_view content,
-                                          const FileOwnership& ownership) {
+                                          const FileOwnership& ownership, Flush flush) {
   return carryOut<Result<void>>({"createFile", std::string(path), "", ownership, 0},
-                                [&] { return behind_.createFile(path, content, ownership); });
+                                [&] { return behind_.createFile(path, content, ownership, flush); });
+}
+
+Result<void> FaultyFileSystem::flush(const std::vector<std::string>& paths) {
+  Result<void> flushed;
+  for (const std::string& path : paths) {
+    const bool last = &path == &paths.back();
+    auto done = carryOut<Result<void>>({"flush", path, "", {}, 0},
+                                       [&] { return last && flushed ? behind_.flush(paths) : flushed; });
+    if (flushed) flushed = std::move(done);
+  }
+  return flushed;
 }
 
 Result<void> FaultyFileSystem::copyFile(std::string_view from, std::string_view to) {

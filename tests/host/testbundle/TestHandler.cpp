@@ -132,7 +132,8 @@ class HostTestHandler : public PluginRequestHandler {
   }
 
   void note(const std::string& path, const std::string& content) const {
-    if (!platform_.files.createFile(path, content, {})) logError_source("cannot write " + path, "");
+    if (!platform_.files.createFile(path, content, {}, Flush::now))
+      logError_source("cannot write " + path, "");
   }
 
   Platform& platform_;
