@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -17,11 +18,12 @@ inline constexpr std::size_t kPropertyListFileSizeLimit = 16 * kPropertyListSize
 inline constexpr std::size_t kPropertyListDepthLimit = 64;
 
 /// Parses an XML or binary property list. Fails, with a sentence that names the reason, on anything
-/// malformed, on more than `sizeLimit` bytes or deeper nesting than `kPropertyListDepthLimit`, on a doubled
-/// key, on an integer that 64 bits with a sign cannot hold, on UIDs, and on entities or document types other
-/// than the property list's own (which is never fetched). Key order is kept. Dates lie in the years 1 to
-/// 9999; a malformed list has the error code 0, a too large one EFBIG.
-Result<Value> parsePropertyList(std::string_view bytes, std::size_t sizeLimit = kPropertyListSizeLimit);
+/// malformed, on more than `sizeLimit` bytes or `valueLimit` values or deeper nesting than
+/// `kPropertyListDepthLimit`, on a doubled key, on an integer that 64 bits with a sign cannot hold, on UIDs,
+/// and on entities or document types other than the property list's own (which is never fetched). Key order
+/// is kept. Dates lie in the years 1 to 9999; a malformed list has the error code 0, a too large one EFBIG.
+Result<Value> parsePropertyList(std::string_view bytes, std::size_t sizeLimit = kPropertyListSizeLimit,
+                                std::size_t valueLimit = SIZE_MAX);
 
 /// An XML property list, the same bytes for the same value. Dates are written in whole seconds, which is all
 /// that XML lists have. Fails when a string or key is no text that XML can hold (see `isXmlText`), a date

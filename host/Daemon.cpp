@@ -1,11 +1,13 @@
 #include "host/Daemon.h"
 
+#include <malloc.h>
 #include <sys/eventfd.h>
 #include <sysexits.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -14,6 +16,7 @@
 #include "common/Format.h"
 #include "host/BundleLoader.h"
 #include "host/Certificates.h"
+#include "host/FileLimit.h"
 #include "host/HostLog.h"
 #include "host/HttpServer.h"
 #include "host/ListeningSocket.h"
@@ -53,6 +56,19 @@ void catchSignals(int stopEvent) {
   action.sa_handler = ignoreByHandler;
   sigaction(SIGPIPE, &action, nullptr);
   sigaction(SIGHUP, &action, nullptr);
+}
+
+// What the work on one request may have open, with the programs that it runs, and the daemon itself.
+constexpr std::size_t kFilesForWork = 128;
+
+constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
+
+// The allocator raises these limits with every large block that is freed, and keeps as much for itself,
+// unless they are set. Large requests and answers come rarely.
+void giveMemoryBack() {
+  constexpr int kLargeBlock = 256 * 1024;
+  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+  mallopt(M_TRIM_THRESHOLD, 2 * kLargeBlock);
 }
 
 class Daemon {
@@ -123,10 +139,7 @@ class Daemon {
     const ServiceReports services(configuration_.root);
     Certificates certificates(configuration_.root, real_.clock);
     const RequestRouter router(plugins_, executor_, slot_, services, certificates);
-    const HttpLimits limits{std::chrono::seconds(configuration_.requestSeconds),
-                            std::chrono::seconds(configuration_.queueSeconds),
-                            configuration_.maximumConnections};
-    HttpServer server(peers, router, slot_, limits,
+    HttpServer server(peers, router, slot_, limits(),
                       [this](const std::string& sentence) { hostLog_.notice(sentence); });
     if (const auto started = server.start(); !started) return refuse(EX_OSERR, started.error());
     hostLog_.notice(
@@ -144,6 +157,24 @@ class Daemon {
     server.stop();
     hostLog_.notice("Stopped.");
     return EX_OK;
+  }
+
+  HttpLimits limits() {
+    HttpLimits limits;
+    limits.queue = std::chrono::seconds(configuration_.queueSeconds);
+    ConnectionLimits& connections = limits.connections;
+    connections.request = std::chrono::seconds(configuration_.requestSeconds);
+    connections.all = configuration_.maximumConnections;
+    connections.user = configuration_.maximumUserConnections;
+    connections.root = configuration_.rootConnections;
+    connections.userBytes = configuration_.userMebibytes * kMebibyte;
+    const std::size_t files = raiseFileLimit(connections.all + kFilesForWork);
+    if (files < connections.all + kFilesForWork) {
+      connections.all = files - std::min(kFilesForWork, files / 2);
+      hostLog_.notice(fill("Only %lu files may be open: at most %lu connections are taken at a time.",
+                           {files, connections.all}));
+    }
+    return limits;
   }
 
   void doIdleWork(int count) {
@@ -171,6 +202,7 @@ class Daemon {
 }  // namespace
 
 int runDaemon(const HostConfiguration& configuration) {
+  giveMemoryBack();
   openlog("tessardd", LOG_PID, LOG_DAEMON);
   return Daemon(configuration).run();
 }

@@ -31,7 +31,7 @@ struct Setting {
 
 constexpr std::uint32_t kDaySeconds = 86'400;
 
-const std::array<Setting, 14> kSettings = {{
+const std::array<Setting, 17> kSettings = {{
     {"root", Content::absolutePath, &HostConfiguration::root, 0, 0, false},
     {"config", Content::absolutePath, &HostConfiguration::configurationFile, 0, 0, false},
     {"socket", Content::absolutePath, &HostConfiguration::socketPath},
@@ -44,7 +44,10 @@ const std::array<Setting, 14> kSettings = {{
     {"idle-seconds", Content::number, &HostConfiguration::idleSeconds, 0, kDaySeconds},
     {"request-seconds", Content::number, &HostConfiguration::requestSeconds, 1, kDaySeconds},
     {"queue-seconds", Content::number, &HostConfiguration::queueSeconds, 0, kDaySeconds},
-    {"connections", Content::number, &HostConfiguration::maximumConnections, 1, 512},
+    {"connections", Content::number, &HostConfiguration::maximumConnections, 2, 512},
+    {"user-connections", Content::number, &HostConfiguration::maximumUserConnections, 1, 512},
+    {"root-connections", Content::number, &HostConfiguration::rootConnections, 1, 511},
+    {"user-mebibytes", Content::number, &HostConfiguration::userMebibytes, 1, 1024},
     {"network-quiet-seconds", Content::number, &HostConfiguration::networkQuietSeconds, 0, kDaySeconds},
 }};
 
@@ -217,6 +220,10 @@ std::string daemonHelp() {
          "  --request-seconds N    time for a client to send a request or take an answer (default 30)\n"
          "  --queue-seconds N      time that a request may wait for another one to end (default 120)\n"
          "  --connections N        connections at a time (default 64)\n"
+         "  --user-connections N   of them, those of one user other than root (default 16)\n"
+         "  --root-connections N   of them, those that are kept for root (default 8)\n"
+         "  --user-mebibytes N     memory for the requests and answers of one user other than root (default "
+         "4)\n"
          "  --network-quiet-seconds N\n"
          "                         the plug-ins are told of changes of the host's name and addresses once "
          "there\n"

@@ -24,10 +24,13 @@ struct HostConfiguration {
   /// How the gateway is asked to map ports to this machine: "off" (it is not), "natpmp", "upnp", or "auto"
   /// for the first of them that it knows.
   std::string portMapping = "off";
-  std::uint32_t idleSeconds = 60;     ///< without a request until the plug-ins' idle work; 0: never
-  std::uint32_t requestSeconds = 30;  ///< for a client to send one request, or to take one answer
-  std::uint32_t queueSeconds = 120;   ///< that a request may wait for the work slot
-  std::uint32_t maximumConnections = 64;
+  std::uint32_t idleSeconds = 60;             ///< without a request until the plug-ins' idle work; 0: never
+  std::uint32_t requestSeconds = 30;          ///< for a client to send one request, or to take one answer
+  std::uint32_t queueSeconds = 120;           ///< that a request may wait for the work slot
+  std::uint32_t maximumConnections = 64;      ///< at a time
+  std::uint32_t maximumUserConnections = 16;  ///< of them, those of one user other than root
+  std::uint32_t rootConnections = 8;          ///< of them, those that are kept for root
+  std::uint32_t userMebibytes = 4;            ///< for the requests and answers of one user other than root
   /// Without further changes of the host's name or addresses until they are handed on; 0: not watched.
   std::uint32_t networkQuietSeconds = 2;
 };

@@ -1,5 +1,7 @@
 #include "host/HttpMessage.h"
 
+#include <sys/socket.h>
+
 #include "common/Format.h"
 #include "common/Value.h"
 #include "host/JsonCodec.h"
@@ -7,6 +9,9 @@
 namespace tessard {
 
 namespace {
+
+// For 503: what is in the way is mostly gone as soon as a request or two have been answered.
+constexpr unsigned kRetrySeconds = 1;
 
 std::string_view reasonFor(unsigned status) {
   switch (status) {
@@ -27,15 +32,20 @@ std::string_view reasonFor(unsigned status) {
 
 HttpAnswer errorAnswer(unsigned status, std::string_view id, std::string_view message) {
   const Dictionary content = {{"error", id}, {"message", message}};
-  return {status, "application/json", serializeJson(content) + "\n"};
+  return {status, "application/json", serializeJson(content) + "\n", {}, status == 503 ? kRetrySeconds : 0};
 }
 
 std::string wholeMessage(const HttpAnswer& answer) {
-  return fill(
-             "HTTP/1.1 %u %@\r\nContent-Type: %@\r\nContent-Length: %lu\r\nConnection: close\r\n"
-             "\r\n",
-             {answer.status, reasonFor(answer.status), answer.contentType, answer.body.size()}) +
-         answer.body;
+  std::string message =
+      fill("HTTP/1.1 %u %@\r\nContent-Type: %@\r\nContent-Length: %lu\r\n",
+           {answer.status, reasonFor(answer.status), answer.contentType, answer.body.size()});
+  if (answer.retryAfter > 0) message += fill("Retry-After: %u\r\n", {answer.retryAfter});
+  return message + "Connection: close\r\n\r\n" + answer.body;
+}
+
+void sendNow(int connection, const HttpAnswer& answer) {
+  const std::string message = wholeMessage(answer);
+  send(connection, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 }  // namespace tessard

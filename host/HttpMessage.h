@@ -20,15 +20,19 @@ struct HttpAnswer {
   unsigned status = 200;
   std::string contentType;
   std::string body;
-  std::string allow{};  ///< the Allow header, where there is one
+  std::string allow{};      ///< the Allow header, where there is one
+  unsigned retryAfter = 0;  ///< the Retry-After header in seconds; 0 for none
 };
 
 /// An answer of the host itself: {"error": id, "message": message} as JSON. Ids are stable; the message is
-/// one sentence for a person.
+/// one sentence for a person. Status 503 comes with the time after which to try again.
 HttpAnswer errorAnswer(unsigned status, std::string_view id, std::string_view message);
 
 /// An answer as the bytes of a whole HTTP/1.1 message that ends the connection, for clients whose request is
 /// not read (on).
 std::string wholeMessage(const HttpAnswer& answer);
+
+/// Sends such a message as far as the socket takes it at once.
+void sendNow(int connection, const HttpAnswer& answer);
 
 }  // namespace tessard

@@ -3,12 +3,9 @@
 #include <microhttpd.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <exception>
 #include <utility>
 
@@ -20,11 +17,14 @@ namespace {
 
 using Phase = ConnectionTable::Phase;
 
-// How soon a deadline that has passed is noticed.
-constexpr int kTickMilliseconds = 250;
-
 HttpAnswer tooLarge() {
   return errorAnswer(413, "too-large", fill("The body is larger than %lu bytes.", {kBodyLimit}));
+}
+
+HttpAnswer tooMuch() {
+  return errorAnswer(
+      503, "too-much-at-once",
+      "Your requests and answers take too much memory together; try again when some are done.");
 }
 
 int descriptorOf(MHD_Connection* connection) {
@@ -53,11 +53,6 @@ bool announcesTooMuch(MHD_Connection* connection) {
   return read.ec != std::errc() || announced > kBodyLimit;
 }
 
-void sendNow(int connection, const HttpAnswer& answer) {
-  const std::string message = wholeMessage(answer);
-  send(connection, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-}
-
 }  // namespace
 
 // One request and its answer. Belongs to the server's thread, and to the worker while the connection is
@@ -82,7 +77,7 @@ struct HttpServer::Callbacks {
   }
 
   static void* began(void* server, const char* /*uri*/, MHD_Connection* connection) {
-    static_cast<HttpServer*>(server)->table_.enter(connection, Phase::reading);
+    static_cast<HttpServer*>(server)->table_.enter(descriptorOf(connection), Phase::reading);
     return nullptr;
   }
 
@@ -90,29 +85,28 @@ struct HttpServer::Callbacks {
                         MHD_RequestTerminationCode /*reason*/) {
     delete static_cast<Exchange*>(*context);
     *context = nullptr;
-    static_cast<HttpServer*>(server)->table_.enter(connection, Phase::between);
+    static_cast<HttpServer*>(server)->table_.enter(descriptorOf(connection), Phase::between);
   }
 
   static void connectionChanged(void* server, MHD_Connection* connection, void** /*context*/,
                                 MHD_ConnectionNotificationCode what) {
-    auto* self = static_cast<HttpServer*>(server);
+    auto& table = static_cast<HttpServer*>(server)->table_;
     if (what == MHD_CONNECTION_NOTIFY_STARTED) {
-      self->table_.add(connection, descriptorOf(connection));
+      table.enter(descriptorOf(connection), Phase::fresh);
     } else {
-      self->table_.remove(connection);
-      --self->open_;
+      table.remove(descriptorOf(connection));
     }
   }
 };
 
 HttpServer::HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot, HttpLimits limits,
                        std::function<void(const std::string&)> report)
-    : peers_(peers),
-      router_(router),
+    : router_(router),
       slot_(slot),
       limits_(limits),
-      report_(std::move(report)),
-      table_(limits.request) {}
+      table_(limits.connections),
+      intake_(
+          peers, table_, [this](int connection) { return serve(connection); }, std::move(report)) {}
 
 HttpServer::~HttpServer() {
   stop();
@@ -131,52 +125,16 @@ Result<void> HttpServer::start() {
 }
 
 void HttpServer::acceptUntil(int stopEvent, int listener) {
-  bool canAccept = true;
-  while (true) {
-    std::array<pollfd, 2> watched = {{{stopEvent, POLLIN, 0}, {listener, POLLIN, 0}}};
-    const bool tick = !canAccept || open_ > 0;
-    const nfds_t count = canAccept ? 2 : 1;
-    if (poll(watched.data(), count, tick ? kTickMilliseconds : -1) < 0 && errno != EINTR) {
-      report_(fill("Waiting for clients failed: %@.", {SystemError::last().description()}));
-      return;
-    }
-    if (watched[0].revents != 0) return;
-    canAccept = true;
-    while (canAccept && acceptOne(listener)) {
-    }
-    // Out of descriptors or memory: the listener stays readable, so it is left alone until the next tick.
-    canAccept = errno == EAGAIN || errno == EINTR || errno == ECONNABORTED;
-    const auto now = std::chrono::steady_clock::now();
+  intake_.acceptUntil(stopEvent, listener, [this](ConnectionTable::Moment now) {
     slot_.refuseLateJobs(now);
     table_.endSlowConnections(now);
-  }
+  });
 }
 
-// False, with errno set, when there was no connection to take.
-bool HttpServer::acceptOne(int listener) {
-  const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-  if (connection < 0) return false;
-  const auto peer = peerOf(connection);
-  if (!peer || !peers_.mayConnect(peer.value())) {
-    report_(peer ? fill("Refused a connection of user %u.", {peer.value().user})
-                 : fill("Refused a connection of nobody knows whom: %@.", {peer.error().description()}));
-    refuse(connection, errorAnswer(403, "refused",
-                                   "Only root and members of the administrators' group may send requests."));
-  } else if (open_ >= limits_.connections) {
-    refuse(connection, errorAnswer(503, "too-many-connections", "Too many connections are open; try again."));
-  } else {
-    ++open_;
-    sockaddr address{};
-    address.sa_family = AF_UNIX;
-    if (MHD_add_connection(daemon_, connection, &address, sizeof address) != MHD_YES) --open_;
-  }
-  return true;
-}
-
-void HttpServer::refuse(int connection, const HttpAnswer& answer) {
-  sendNow(connection, answer);
-  shutdown(connection, SHUT_WR);
-  close(connection);
+bool HttpServer::serve(int connection) {
+  sockaddr address{};
+  address.sa_family = AF_UNIX;
+  return MHD_add_connection(daemon_, connection, &address, sizeof address) == MHD_YES;
 }
 
 int HttpServer::handle(MHD_Connection* connection, const char* url, const char* method, const char* upload,
@@ -185,7 +143,7 @@ int HttpServer::handle(MHD_Connection* connection, const char* url, const char* 
   auto& exchange = *static_cast<Exchange*>(*context);
   if (*uploadSize > 0) return takeUpload(connection, exchange, upload, uploadSize);
   if (!exchange.dispatched) return dispatch(connection, exchange);
-  return queueAnswer(connection, exchange.answer);
+  return queueAnswer(connection, std::move(exchange.answer));
 }
 
 int HttpServer::beginExchange(MHD_Connection* connection, const char* url, const char* method,
@@ -204,9 +162,11 @@ int HttpServer::beginExchange(MHD_Connection* connection, const char* url, const
 int HttpServer::takeUpload(MHD_Connection* connection, Exchange& exchange, const char* upload,
                            std::size_t* uploadSize) {
   std::string& body = exchange.request.body;
-  if (body.size() + *uploadSize > kBodyLimit) {
+  const std::size_t size = body.size() + *uploadSize;
+  const bool fits = size <= kBodyLimit;
+  if (!fits || !table_.hold(descriptorOf(connection), size)) {
     // The library takes no answer in the middle of a body, and this one may never end.
-    sendNow(descriptorOf(connection), tooLarge());
+    sendNow(descriptorOf(connection), fits ? tooMuch() : tooLarge());
     return MHD_NO;
   }
   body.append(upload, *uploadSize);
@@ -216,14 +176,15 @@ int HttpServer::takeUpload(MHD_Connection* connection, Exchange& exchange, const
 
 int HttpServer::dispatch(MHD_Connection* connection, Exchange& exchange) {
   exchange.dispatched = true;
-  table_.enter(connection, Phase::working);
+  table_.enter(descriptorOf(connection), Phase::working);
   RoutedRequest routed;
   try {
     routed = router_.route(std::move(exchange.request));
   } catch (const std::exception& problem) {
     routed.answer = errorAnswer(500, "internal", fill("The daemon failed: %@.", {problem.what()}));
   }
-  if (routed.answer) return queueAnswer(connection, *routed.answer);
+  if (routed.answer) return queueAnswer(connection, *std::move(routed.answer));
+  if (!table_.hold(descriptorOf(connection), routed.bytes)) return queueAnswer(connection, tooMuch());
   MHD_suspend_connection(connection);
   submit(connection, exchange, std::move(routed));
   return MHD_YES;
@@ -234,12 +195,18 @@ void HttpServer::submit(MHD_Connection* connection, Exchange& exchange, RoutedRe
     exchange.answer = std::move(given);
     MHD_resume_connection(connection);  // from here on the exchange is the server's again
   };
+  const int descriptor = descriptorOf(connection);
   WorkSlot::Job job;
   job.label = std::move(routed.label);
   job.deadline = std::chrono::steady_clock::now() + limits_.queue;
-  job.isAbandoned = [descriptor = descriptorOf(connection)] { return hasLeft(descriptor); };
+  job.user = table_.userOf(descriptor);
+  job.isAbandoned = [descriptor] { return hasLeft(descriptor); };
   job.refuse = [answer](WorkSlot::Refusal reason) { answer(RequestRouter::refusal(reason)); };
-  job.run = [answer, work = std::move(routed.work)] {
+  job.run = [this, descriptor, answer, work = std::move(routed.work)] {
+    if (!table_.mayBeAnswered(descriptor)) {
+      answer(tooMuch());
+      return;
+    }
     HttpAnswer given;
     try {
       given = work();
@@ -251,13 +218,19 @@ void HttpServer::submit(MHD_Connection* connection, Exchange& exchange, RoutedRe
   slot_.submit(std::move(job));
 }
 
-int HttpServer::queueAnswer(MHD_Connection* connection, const HttpAnswer& answer) {
-  table_.enter(connection, Phase::answering);
-  // The library's interface lacks a const; it copies the bytes.
-  MHD_Response* response = MHD_create_response_from_buffer(
-      answer.body.size(), const_cast<char*>(answer.body.data()), MHD_RESPMEM_MUST_COPY);
+int HttpServer::queueAnswer(MHD_Connection* connection, HttpAnswer answer) {
+  table_.enter(descriptorOf(connection), Phase::answering);
+  table_.holdAnswer(descriptorOf(connection), answer.body.size());
+  auto body = std::make_unique<std::string>(std::move(answer.body));
+  MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
+      body->size(), body->data(), [](void* content) { delete static_cast<std::string*>(content); },
+      body.get());
   if (!response) return MHD_NO;
+  static_cast<void>(body.release());  // the response's from here on
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, answer.contentType.c_str());
+  if (answer.retryAfter > 0) {
+    MHD_add_response_header(response, MHD_HTTP_HEADER_RETRY_AFTER, std::to_string(answer.retryAfter).c_str());
+  }
   if (!answer.allow.empty()) MHD_add_response_header(response, MHD_HTTP_HEADER_ALLOW, answer.allow.c_str());
   const MHD_Result queued = MHD_queue_response(connection, answer.status, response);
   MHD_destroy_response(response);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -8,6 +7,7 @@
 #include <string>
 
 #include "common/Result.h"
+#include "host/ConnectionIntake.h"
 #include "host/ConnectionTable.h"
 #include "host/HttpMessage.h"
 #include "host/PeerCheck.h"
@@ -22,14 +22,13 @@ namespace tessard {
 inline constexpr std::size_t kBodyLimit = std::size_t{1024} * 1024;
 
 struct HttpLimits {
-  std::chrono::seconds request{30};  ///< to send one request, or to take one answer
-  std::chrono::seconds queue{120};   ///< for a request to wait for the work slot
-  std::size_t connections = 64;
+  ConnectionLimits connections;
+  std::chrono::seconds queue{120};  ///< for a request to wait for the work slot
 };
 
-/// HTTP/1.1 over a listening Unix socket. A client's right to connect is decided before a byte of it is read.
-/// One thread serves all connections and never waits for one; a request is read whole before it asks for the
-/// work slot.
+/// HTTP/1.1 over a listening Unix socket. A client's right to connect and its place are decided before a byte
+/// of it is read. One thread serves all connections and never waits for one; a request is read whole before
+/// it asks for the work slot.
 class HttpServer {
  public:
   /// All is borrowed and outlives the server. `report` is told of refused clients, one sentence each.
@@ -52,23 +51,20 @@ class HttpServer {
   struct Exchange;
   struct Callbacks;
 
-  bool acceptOne(int listener);
-  void refuse(int connection, const HttpAnswer& answer);
+  bool serve(int connection);
   int handle(MHD_Connection* connection, const char* url, const char* method, const char* upload,
              std::size_t* uploadSize, void** context);
   int beginExchange(MHD_Connection* connection, const char* url, const char* method, void** context);
   int takeUpload(MHD_Connection* connection, Exchange& exchange, const char* upload, std::size_t* uploadSize);
   int dispatch(MHD_Connection* connection, Exchange& exchange);
   void submit(MHD_Connection* connection, Exchange& exchange, RoutedRequest routed);
-  int queueAnswer(MHD_Connection* connection, const HttpAnswer& answer);
+  int queueAnswer(MHD_Connection* connection, HttpAnswer answer);
 
-  const PeerCheck& peers_;
   const RequestRouter& router_;
   WorkSlot& slot_;
   const HttpLimits limits_;
-  const std::function<void(const std::string&)> report_;
   ConnectionTable table_;
-  std::atomic<std::size_t> open_{0};
+  ConnectionIntake intake_;
   MHD_Daemon* daemon_ = nullptr;
 };
 

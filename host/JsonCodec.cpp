@@ -78,7 +78,9 @@ Result<void> resolve(Value& value) {
 
 class Builder : public nlohmann::json_sax<nlohmann::json> {
  public:
-  bool null() override { return true; }
+  explicit Builder(std::size_t valueLimit) : valueLimit_(valueLimit), valuesLeft_(valueLimit) {}
+
+  bool null() override { return countValue(); }
   bool boolean(bool flag) override { return add(Value(flag)); }
   bool number_integer(number_integer_t number) override {
     return add(Value(static_cast<std::int64_t>(number)));
@@ -117,7 +119,15 @@ class Builder : public nlohmann::json_sax<nlohmann::json> {
   std::optional<Value>& result() { return result_; }
 
  private:
-  bool add(Value value) {
+  bool countValue() {
+    if (valuesLeft_ == 0) return refuse(fill("the JSON text holds more than %lu values", {valueLimit_}));
+    --valuesLeft_;
+    return true;
+  }
+
+  bool add(Value value) { return countValue() && put(std::move(value)); }
+
+  bool put(Value value) {
     if (levels_.empty()) {
       result_ = std::move(value);
     } else if (Array* array = levels_.back().container.asArray()) {
@@ -133,13 +143,13 @@ class Builder : public nlohmann::json_sax<nlohmann::json> {
       return refuse(fill("the JSON text is nested deeper than %lu levels", {kJsonDepthLimit}));
     }
     levels_.push_back({std::move(container)});
-    return true;
+    return countValue();
   }
 
   bool close() {
     Value finished = std::move(levels_.back().container);
     levels_.pop_back();
-    return add(std::move(finished));
+    return put(std::move(finished));
   }
 
   bool tooLarge(const std::string& number) {
@@ -151,6 +161,8 @@ class Builder : public nlohmann::json_sax<nlohmann::json> {
     return false;
   }
 
+  const std::size_t valueLimit_;
+  std::size_t valuesLeft_;
   std::vector<Level> levels_;
   std::optional<Value> result_;
   std::string reason_;
@@ -248,8 +260,8 @@ class Writer {
 
 }  // namespace
 
-Result<Value> parseJson(std::string_view text) {
-  Builder builder;
+Result<Value> parseJson(std::string_view text, std::size_t valueLimit) {
+  Builder builder(valueLimit);
   if (!nlohmann::json::sax_parse(text.begin(), text.end(), &builder)) {
     return SystemError(0, builder.reason());
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -20,8 +21,9 @@ inline constexpr std::size_t kJsonDepthLimit = 64;
 /// left out. Numbers without fraction and exponent are integers, all others reals.
 /// Fails, with a sentence that names the reason, on malformed text, bytes after the value, invalid UTF-8, a
 /// doubled key, an integer beyond 64 bits, a real beyond its range, a reserved key whose value is not as said
-/// above, nesting deeper than `kJsonDepthLimit`, and a text that is null as a whole.
-Result<Value> parseJson(std::string_view text);
+/// above, nesting deeper than `kJsonDepthLimit`, more than `valueLimit` values, and a text that is null as a
+/// whole.
+Result<Value> parseJson(std::string_view text, std::size_t valueLimit = SIZE_MAX);
 
 /// JSON text that `parseJson` reads back as the same value, without line ends, or, with `pretty`, indented by
 /// two blanks. Reals that are no number JSON can hold become the strings "NaN", "Infinity" and "-Infinity";

@@ -20,7 +20,9 @@ namespace {
 
 constexpr const char* kLockDirectory = "/run/tessardd";
 constexpr const char* kLockName = "tessardd.lock";
-constexpr int kBacklog = 128;
+// As long as the machine allows: in a longer queue a burst of others' connections is taken and refused, while
+// a full one keeps root's from entering it.
+constexpr int kBacklog = SOMAXCONN;
 
 SystemError failed(const char* format, std::string_view what, const SystemError& reason) {
   return {reason.code(), fill(format, {what, reason.description()})};

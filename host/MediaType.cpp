@@ -91,7 +91,8 @@ MediaType MediaType::forAnswer(const std::optional<std::string>& accept, const M
 }
 
 Result<Value> MediaType::parse(std::string_view body) const {
-  return isJson() ? parseJson(body) : parsePropertyList(body);
+  return isJson() ? parseJson(body, kBodyValueLimit)
+                  : parsePropertyList(body, kPropertyListSizeLimit, kBodyValueLimit);
 }
 
 Result<std::string> MediaType::serialize(const Value& value) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -8,6 +9,9 @@
 #include "common/Value.h"
 
 namespace tessard {
+
+/// How many values a body may hold. Each takes a hundred bytes or so, however short its text is.
+inline constexpr std::size_t kBodyValueLimit = 32768;
 
 /// A form that bodies can have, by the media type's name: "application/json", or one of "application/xml",
 /// "text/xml" and "application/x-plist" for property lists.
@@ -26,7 +30,7 @@ class MediaType {
   const std::string& name() const { return name_; }
   bool isJson() const { return name_ == "application/json"; }
 
-  /// Fails with a sentence on anything malformed.
+  /// Fails with a sentence on anything malformed, and on more than `kBodyValueLimit` values.
   Result<Value> parse(std::string_view body) const;
   /// Fails when a property list cannot hold the value.
   Result<std::string> serialize(const Value& value) const;

@@ -40,8 +40,12 @@ std::optional<gid_t> groupNamed(const std::string& name) {
   return entry.gr_gid;
 }
 
+bool PeerCheck::isRoot(const Peer& peer) {
+  return peer.user == 0 || peer.user == geteuid();
+}
+
 bool PeerCheck::mayConnect(const Peer& peer) const {
-  if (peer.user == 0 || peer.user == geteuid()) return true;
+  if (isRoot(peer)) return true;
   if (!adminGroup_) return false;
   return peer.group == *adminGroup_ ||
          std::find(peer.supplementaryGroups.begin(), peer.supplementaryGroups.end(), *adminGroup_) !=

@@ -32,6 +32,9 @@ class PeerCheck {
 
   bool mayConnect(const Peer& peer) const;
 
+  /// Root, or the account that the daemon itself runs as.
+  static bool isRoot(const Peer& peer);
+
  private:
   std::optional<gid_t> adminGroup_;
 };

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "common/Format.h"
+#include "host/Footprint.h"
 #include "host/JsonCodec.h"
 #include "host/Version.h"
 
@@ -141,18 +142,22 @@ RoutedRequest RequestRouter::routePlugin(HttpRequest request) const {
   }
   const std::string command = *found;
   PluginRequestHandler& handler = *plugin->second;
+  const std::size_t bytes = footprintOf(body.content);
   return {std::nullopt, command,
           [this, &handler, command, request = std::move(request), body = std::move(body)] {
             return answerTo(request, body.type, command, executor_.execute(handler, command, body.content));
-          }};
+          },
+          bytes};
 }
 
 RoutedRequest RequestRouter::routeEvent(HttpRequest request) const {
   Body body = Body::of(std::exchange(request.body, {}), request.contentType, request.path == kIdlePath);
   if (body.refusal) return answered(std::move(*body.refusal));
   const std::string name = lastPathComponent(request.path);
+  const std::size_t bytes = footprintOf(body.content);
   return {std::nullopt, name,
-          [this, request = std::move(request), body = std::move(body)] { return runEvent(request, body); }};
+          [this, request = std::move(request), body = std::move(body)] { return runEvent(request, body); },
+          bytes};
 }
 
 RoutedRequest RequestRouter::routeCertificates(HttpRequest request) const {
@@ -164,9 +169,12 @@ RoutedRequest RequestRouter::routeCertificates(HttpRequest request) const {
   if (request.method != "POST") return answered(methodNotAllowed("GET, HEAD, POST"));
   Body body = Body::of(std::exchange(request.body, {}), request.contentType, false);
   if (body.refusal) return answered(std::move(*body.refusal));
-  return {std::nullopt, "certificate import", [this, request = std::move(request), body = std::move(body)] {
+  const std::size_t bytes = footprintOf(body.content);
+  return {std::nullopt, "certificate import",
+          [this, request = std::move(request), body = std::move(body)] {
             return answerTo(request, body.type, certificates_.import(body.content));
-          }};
+          },
+          bytes};
 }
 
 HttpAnswer RequestRouter::runEvent(const HttpRequest& request, const Body& body) const {

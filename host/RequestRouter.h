@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -19,6 +20,7 @@ struct RoutedRequest {
   std::optional<HttpAnswer> answer{};
   std::string label{};  ///< of the work
   std::function<HttpAnswer()> work{};
+  std::size_t bytes = 0;  ///< of memory that the work takes while it waits, about
 };
 
 /// Which request goes where:

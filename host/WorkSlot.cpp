@@ -1,5 +1,6 @@
 #include "host/WorkSlot.h"
 
+#include <algorithm>
 #include <future>
 #include <utility>
 
@@ -16,12 +17,21 @@ void WorkSlot::submit(Job job) {
   {
     const std::lock_guard lock(mutex_);
     if (!stopping_) {
-      waiting_.push_back(std::move(job));
+      const std::uint64_t turn = turnFor(job.user);
+      waiting_.push_back({std::move(job), turn});
       changed_.notify_all();
       return;
     }
   }
   job.refuse(Refusal::stopping);
+}
+
+// The turn after the user's latest one that waits or was the last begun; otherwise the one that is on.
+std::uint64_t WorkSlot::turnFor(uid_t user) const {
+  const auto latest = std::find_if(waiting_.rbegin(), waiting_.rend(),
+                                   [user](const WaitingJob& other) { return other.job.user == user; });
+  if (latest != waiting_.rend()) return latest->turn + 1;
+  return lastUser_ == user ? turn_ + 1 : turn_;
 }
 
 bool WorkSlot::callAndWait(const std::function<void()>& work, const std::string& label) {
@@ -46,12 +56,12 @@ void WorkSlot::refuseLateJobs(Moment now) {
   std::deque<Job> late;
   {
     const std::lock_guard lock(mutex_);
-    for (auto job = waiting_.begin(); job != waiting_.end();) {
-      if (job->deadline <= now) {
-        late.push_back(std::move(*job));
-        job = waiting_.erase(job);
+    for (auto waiting = waiting_.begin(); waiting != waiting_.end();) {
+      if (waiting->job.deadline <= now) {
+        late.push_back(std::move(waiting->job));
+        waiting = waiting_.erase(waiting);
       } else {
-        ++job;
+        ++waiting;
       }
     }
   }
@@ -59,14 +69,14 @@ void WorkSlot::refuseLateJobs(Moment now) {
 }
 
 void WorkSlot::stop() {
-  std::deque<Job> refused;
+  std::deque<WaitingJob> refused;
   {
     const std::lock_guard lock(mutex_);
     stopping_ = true;
     refused.swap(waiting_);
     changed_.notify_all();
   }
-  for (const Job& job : refused) job.refuse(Refusal::stopping);
+  for (const WaitingJob& waiting : refused) waiting.job.refuse(Refusal::stopping);
   if (worker_.joinable()) worker_.join();
 }
 
@@ -101,8 +111,13 @@ std::optional<WorkSlot::Job> WorkSlot::takeJob(std::unique_lock<std::mutex>& loc
     changed_.wait(lock, somethingToDo);
   }
   if (stopping_ || waiting_.empty()) return std::nullopt;
-  Job job = std::move(waiting_.front());
-  waiting_.pop_front();
+  const auto next =
+      std::min_element(waiting_.begin(), waiting_.end(),
+                       [](const WaitingJob& one, const WaitingJob& other) { return one.turn < other.turn; });
+  turn_ = next->turn;
+  lastUser_ = next->job.user;
+  Job job = std::move(next->job);
+  waiting_.erase(next);
   return job;
 }
 

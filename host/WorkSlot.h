@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -12,8 +14,9 @@
 
 namespace tessard {
 
-/// The one thread that carries everything that plug-ins are asked to do, one job at a time in the order of
-/// arrival. All operations may be called on any thread but the worker itself.
+/// The one thread that carries everything that plug-ins are asked to do, one job at a time. The jobs of one
+/// user are done in the order of arrival; users with jobs take turns, so that none has to wait for all that
+/// another one wants. All operations may be called on any thread but the worker itself.
 class WorkSlot {
  public:
   using Moment = std::chrono::steady_clock::time_point;
@@ -27,6 +30,7 @@ class WorkSlot {
   /// Exactly one of `run` and `refuse` is called, once; neither may throw.
   struct Job {
     std::string label;  ///< for `status`
+    uid_t user = 0;     ///< who wants it
     Moment deadline = Moment::max();
     std::function<void()> run;            ///< on the worker
     std::function<void(Refusal)> refuse;  ///< on any thread
@@ -72,7 +76,16 @@ class WorkSlot {
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<Job> waiting_;
+  struct WaitingJob {
+    Job job;
+    std::uint64_t turn;
+  };
+
+  std::uint64_t turnFor(uid_t user) const;
+
+  std::deque<WaitingJob> waiting_;  // in the order of arrival
+  std::uint64_t turn_ = 0;          // of the last job that was begun
+  std::optional<uid_t> lastUser_;   // whose that was
   std::optional<std::string> running_;
   Moment runningSince_;
   Moment lastActive_;

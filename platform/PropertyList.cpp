@@ -17,10 +17,10 @@ SystemError largerThan(std::size_t limit) {
 
 }  // namespace
 
-Result<Value> parsePropertyList(std::string_view bytes, std::size_t sizeLimit) {
+Result<Value> parsePropertyList(std::string_view bytes, std::size_t sizeLimit, std::size_t valueLimit) {
   if (bytes.size() > sizeLimit) return largerThan(sizeLimit);
-  if (bytes.starts_with(kBinaryPropertyListMark)) return parseBinaryPropertyList(bytes);
-  return parseXmlPropertyList(bytes);
+  if (bytes.starts_with(kBinaryPropertyListMark)) return parseBinaryPropertyList(bytes, valueLimit);
+  return parseXmlPropertyList(bytes, valueLimit);
 }
 
 Result<Dictionary> readPropertyListFile(FileSystem& files, std::string_view path) {

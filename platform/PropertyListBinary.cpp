@@ -42,7 +42,8 @@ std::optional<std::string> fromUtf16(std::string_view bytes) {
 /// used; the first fault ends the reading.
 class Reader {
  public:
-  explicit Reader(std::string_view bytes) : bytes_(bytes) {}
+  Reader(std::string_view bytes, std::size_t valueLimit)
+      : bytes_(bytes), valueLimit_(std::min(valueLimit, kPropertyListValueLimit)) {}
 
   Result<Value> read() {
     std::optional<Value> value;
@@ -102,7 +103,7 @@ class Reader {
 
   std::optional<Value> object(std::uint64_t index) {
     if (index >= count_) return refuse("a reference to an object that is not there");
-    if (++values_ > kPropertyListValueLimit) return refuse("too many values");
+    if (++values_ > valueLimit_) return refuse("too many values");
     const std::uint64_t offset =
         bigEndian(offsets_.substr(static_cast<std::size_t>(index) * offsetSize_, offsetSize_));
     if (offset < kBinaryPropertyListMark.size() || offset >= objects_.size()) return refuse("bad offset");
@@ -250,6 +251,7 @@ class Reader {
   }
 
   std::string_view bytes_;
+  std::size_t valueLimit_;
   std::string_view objects_;
   std::string_view offsets_;
   std::size_t offsetSize_ = 0;
@@ -264,8 +266,8 @@ class Reader {
 
 }  // namespace
 
-Result<Value> parseBinaryPropertyList(std::string_view bytes) {
-  return Reader(bytes).read();
+Result<Value> parseBinaryPropertyList(std::string_view bytes, std::size_t valueLimit) {
+  return Reader(bytes, valueLimit).read();
 }
 
 }  // namespace tessard

@@ -95,7 +95,7 @@ using Parser = std::unique_ptr<std::remove_pointer_t<XML_Parser>, ParserFree>;
 /// Builds the value while the parser goes through the text. The first fault stops it.
 class Builder {
  public:
-  explicit Builder(XML_Parser parser) : parser_(parser) {
+  Builder(XML_Parser parser, std::size_t valueLimit) : parser_(parser), valuesLeft_(valueLimit) {
     XML_SetUserData(parser, this);
     XML_SetElementHandler(
         parser, [](void* self, const char* name, const char**) { static_cast<Builder*>(self)->start(name); },
@@ -177,6 +177,11 @@ class Builder {
   }
 
   bool mayTakeValue() {
+    if (valuesLeft_ == 0) {
+      refuse("too many values");
+      return false;
+    }
+    --valuesLeft_;
     if (containers_.empty()) {
       if (result_) refuse("more than one value at the top level");
       return !result_;
@@ -263,6 +268,7 @@ class Builder {
   }
 
   XML_Parser parser_;
+  std::size_t valuesLeft_;
   std::vector<Container> containers_;
   std::string text_;
   bool inRoot_ = false;
@@ -273,10 +279,10 @@ class Builder {
 
 }  // namespace
 
-Result<Value> parseXmlPropertyList(std::string_view bytes) {
+Result<Value> parseXmlPropertyList(std::string_view bytes, std::size_t valueLimit) {
   const Parser parser(XML_ParserCreate(nullptr));
   if (!parser) return SystemError(0, XML_ErrorString(XML_ERROR_NO_MEMORY));
-  return Builder(parser.get()).parse(bytes);
+  return Builder(parser.get(), valueLimit).parse(bytes);
 }
 
 }  // namespace tessard

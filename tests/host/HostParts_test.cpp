@@ -1,16 +1,21 @@
 #include <gmock/gmock.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <string>
+#include <vector>
 
-#include "host/ConnectionTable.h"
+#include "host/FileLimit.h"
 #include "host/HostConfiguration.h"
 #include "host/HttpMessage.h"
 #include "host/Networks.h"
 #include "host/PeerCheck.h"
+#include "host/RefusalLog.h"
 #include "host/RequestLog.h"
 #include "host/ServiceManagers.h"
 #include "host/ctl/CtlArguments.h"
@@ -26,8 +31,8 @@
 namespace tessard {
 namespace {
 
-using Phase = ConnectionTable::Phase;
 using testing::HasSubstr;
+using testing::Not;
 
 TEST(HostConfiguration, IsLeftAsItWasByAFaultyText) {
   HostConfiguration configuration;
@@ -51,6 +56,9 @@ TEST(HostConfiguration, KnowsEverySettingOfTheHelp) {
                                               "request-seconds = 2\n"
                                               "queue-seconds = 3\n"
                                               "connections = 4\n"
+                                              "user-connections = 3\n"
+                                              "root-connections = 2\n"
+                                              "user-mebibytes = 7\n"
                                               "network-quiet-seconds = 5",
                                               "x.conf");
   ASSERT_TRUE(applied.ok()) << applied.error().description();
@@ -65,6 +73,9 @@ TEST(HostConfiguration, KnowsEverySettingOfTheHelp) {
   EXPECT_EQ(configuration.requestSeconds, 2U);
   EXPECT_EQ(configuration.queueSeconds, 3U);
   EXPECT_EQ(configuration.maximumConnections, 4U);
+  EXPECT_EQ(configuration.maximumUserConnections, 3U);
+  EXPECT_EQ(configuration.rootConnections, 2U);
+  EXPECT_EQ(configuration.userMebibytes, 7U);
   EXPECT_EQ(configuration.networkQuietSeconds, 5U);
 }
 
@@ -175,65 +186,6 @@ TEST(PeerCheck, FindsGroupsByName) {
   EXPECT_EQ(groupNamed("no-such-group"), std::nullopt);
 }
 
-class ConnectionTableTest : public testing::Test {
- protected:
-  void SetUp() override {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-    client_ = FileDescriptor(ends[0]);
-    server_ = FileDescriptor(ends[1]);
-    table_.add(this, server_.get());
-  }
-
-  // What the client has been sent; "open" when nothing was and the connection stands.
-  std::string received() const {
-    std::array<char, 4096> buffer{};
-    const ssize_t count = recv(client_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-    return count < 0 ? "open" : std::string(buffer.data(), static_cast<std::size_t>(count));
-  }
-
-  static ConnectionTable::Moment later(int seconds) {
-    return std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  }
-
-  FileDescriptor client_;
-  FileDescriptor server_;
-  ConnectionTable table_{std::chrono::seconds(30)};
-};
-
-TEST_F(ConnectionTableTest, LeavesConnectionsAloneWithinTheLimit) {
-  table_.endSlowConnections(later(20));
-  EXPECT_EQ(received(), "open");
-}
-
-TEST_F(ConnectionTableTest, TellsSlowSendersAndEndsTheConnection) {
-  table_.enter(this, Phase::reading);
-  table_.endSlowConnections(later(40));
-  EXPECT_THAT(received(), HasSubstr("HTTP/1.1 408 Request Timeout"));
-  EXPECT_EQ(received(), "");
-}
-
-TEST_F(ConnectionTableTest, EndsIdleConnectionsWithoutAWord) {
-  table_.enter(this, Phase::between);
-  table_.endSlowConnections(later(40));
-  EXPECT_EQ(received(), "");
-}
-
-TEST_F(ConnectionTableTest, NeverEndsAConnectionWhoseRequestIsAtWork) {
-  table_.enter(this, Phase::working);
-  table_.endSlowConnections(later(1'000'000));
-  EXPECT_EQ(received(), "open");
-}
-
-TEST_F(ConnectionTableTest, ForgetsWhatIsRemoved) {
-  EXPECT_EQ(table_.size(), 1U);
-  table_.remove(this);
-  table_.enter(this, Phase::reading);
-  EXPECT_EQ(table_.size(), 0U);
-  table_.endSlowConnections(later(40));
-  EXPECT_EQ(received(), "open");
-}
-
 class SilentSyslog : public Syslog {
  public:
   void write(int /*priority*/, const char* /*format*/, const std::string& /*line*/) override {}
@@ -281,6 +233,44 @@ TEST(HttpMessage, IsReadBackByTheClient) {
   ASSERT_TRUE(parseReply(wholeMessage(errorAnswer(403, "refused", "No.")), reply));
   EXPECT_EQ(reply.status, 403);
   EXPECT_EQ(reply.body, "{\"error\":\"refused\",\"message\":\"No.\"}\n");
+}
+
+TEST(HttpMessage, TellsWhenToTryAgainWhereThatMayHelp) {
+  EXPECT_THAT(wholeMessage(errorAnswer(503, "busy", "No.")), HasSubstr("\r\nRetry-After: 1\r\n"));
+  EXPECT_THAT(wholeMessage(errorAnswer(403, "refused", "No.")), Not(HasSubstr("Retry-After")));
+}
+
+TEST(FileLimit, IsRaisedToWhatIsNeededAndNeverLowered) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit few{64, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  EXPECT_EQ(raiseFileLimit(100), 100U);
+  rlimit now{};
+  EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &now), 0);
+  EXPECT_EQ(now.rlim_cur, 100U);
+  EXPECT_GE(raiseFileLimit(50), 50U);
+  EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &now), 0);
+  EXPECT_EQ(now.rlim_cur, 100U);
+  EXPECT_EQ(raiseFileLimit(before.rlim_max + 1), before.rlim_max);
+  setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST(RefusalLog, TellsOfTheFirstAndThenHowManyThereWere) {
+  std::vector<std::string> told;
+  RefusalLog log([&](const std::string& sentence) { told.push_back(sentence); });
+  const auto begin = std::chrono::steady_clock::now();
+  log.refused("Refused one.", begin);
+  for (int number = 0; number < 1000; ++number) log.refused("Refused another.", begin);
+  EXPECT_THAT(told, testing::ElementsAre("Refused one."));
+  EXPECT_TRUE(log.isPending());
+  log.tick(begin + RefusalLog::kQuiet);
+  EXPECT_THAT(told, testing::ElementsAre("Refused one.", "Refused 1000 further connections."));
+  EXPECT_FALSE(log.isPending());
+  log.tick(begin + 2 * RefusalLog::kQuiet);
+  EXPECT_EQ(told.size(), 2U);
+  log.refused("Refused anew.", begin + 2 * RefusalLog::kQuiet);
+  EXPECT_EQ(told.back(), "Refused anew.");
 }
 
 TEST(UnixHttpClient, RefusesWhatIsNoWholeAnswer) {

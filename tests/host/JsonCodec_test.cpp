@@ -123,6 +123,17 @@ TEST(JsonCodec, GivesBackDictionariesThatLookReserved) {
   }
 }
 
+TEST(JsonCodec, CountsEveryValue) {
+  for (const std::string text : {"[1,2,3]", "[[],[null],{}]", R"({"a":null,"b":{"c":1}})"}) {
+    const std::size_t values = text == "[[],[null],{}]" ? 5 : 4;
+    EXPECT_TRUE(parseJson(text, values).ok()) << text;
+    const auto refused = parseJson(text, values - 1);
+    ASSERT_FALSE(refused.ok()) << text;
+    EXPECT_EQ(refused.error().description(),
+              "the JSON text holds more than " + std::to_string(values - 1) + " values");
+  }
+}
+
 TEST(JsonCodec, WritesWhatJsonHasNoNumberForAsText) {
   constexpr double kInfinity = std::numeric_limits<double>::infinity();
   const Value value = Array{kInfinity, -kInfinity, std::numeric_limits<double>::quiet_NaN()};

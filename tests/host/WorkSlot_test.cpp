@@ -63,6 +63,28 @@ TEST_F(WorkSlotTest, RunsJobsInTheirOrder) {
   EXPECT_THAT(order, testing::ElementsAre(0, 1, 2));
 }
 
+TEST_F(WorkSlotTest, UsersTakeTurnsAndEachKeepsItsOrder) {
+  std::vector<std::string> order;
+  std::promise<void> all;
+  hold();
+  const auto want = [&](uid_t user, const std::string& name) {
+    WorkSlot::Job job;
+    job.user = user;
+    job.run = [&order, &all, name] {
+      order.push_back(name);
+      if (order.size() == 7) all.set_value();
+    };
+    job.refuse = [](Refusal) { FAIL(); };
+    slot_.submit(std::move(job));
+  };
+  for (int number = 1; number <= 4; ++number) want(1000, "a" + std::to_string(number));
+  for (int number = 1; number <= 2; ++number) want(1001, "b" + std::to_string(number));
+  want(0, "root1");
+  release();
+  all.get_future().wait();
+  EXPECT_THAT(order, testing::ElementsAre("a1", "b1", "a2", "b2", "root1", "a3", "a4"));
+}
+
 TEST_F(WorkSlotTest, TellsWhatRunsAndHowManyWait) {
   EXPECT_EQ(slot_.status().running, std::nullopt);
   hold();

@@ -10,6 +10,7 @@ import pty
 import select
 import signal
 import socket
+import struct
 import subprocess
 import time
 
@@ -17,6 +18,7 @@ import pytest
 
 PATIENCE = 60  # seconds after which a test is stuck; nothing waits for it to pass
 NOBODY = 65534
+GAMES = 60  # a group that every Debian has, as the administrators'
 
 
 def buildDirectory():
@@ -41,6 +43,21 @@ def asUser(user, groups=()):
     return ["setpriv", f"--reuid={user}", f"--regid={user}", chosen]
 
 
+@contextlib.contextmanager
+def actingAs(user, group=GAMES):
+    """Connections that are made meanwhile are this user's, as a member of the group."""
+    before = os.getgroups()
+    os.setgroups([group])
+    os.setegid(group)
+    os.seteuid(user)
+    try:
+        yield
+    finally:
+        os.seteuid(0)
+        os.setegid(0)
+        os.setgroups(before)
+
+
 class Connection(http.client.HTTPConnection):
     def __init__(self, path):
         super().__init__("localhost", timeout=PATIENCE)
@@ -52,9 +69,11 @@ class Connection(http.client.HTTPConnection):
 
 def rawConnection(path):
     connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    connection.settimeout(PATIENCE)
+    # Waits for its turn like other programs, where Python's own time limit would give up at once.
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("ll", PATIENCE, 0))
     with shortName(path) as name:
         connection.connect(name)
+    connection.settimeout(PATIENCE)
     return connection
 
 
@@ -235,11 +254,11 @@ class TerminalTool:
 class RunningRequest:
     """A request that holds the work slot until it is told to end."""
 
-    def __init__(self, daemon, name="hold"):
+    def __init__(self, daemon, name="hold", connection=None, begins=True):
         self.daemon = daemon
         self.begun = daemon.root / f"{name}.begun"
         self.until = daemon.root / f"{name}.until"
-        self.connection = daemon.connection()
+        self.connection = connection or daemon.connection()
         request = {"command": "wait", "begun": f"/{name}.begun", "until": f"/{name}.until"}
         self.connection.request(
             "POST",
@@ -247,7 +266,8 @@ class RunningRequest:
             json.dumps(request),
             {"Content-Type": "application/json"},
         )
-        waitUntil(self.begun.exists, "the request has begun")
+        if begins:
+            waitUntil(self.begun.exists, "the request has begun")
 
     def finish(self):
         self.until.touch()

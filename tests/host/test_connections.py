@@ -5,6 +5,7 @@ import os
 import subprocess
 import sys
 import threading
+import time
 
 import pytest
 
@@ -12,6 +13,7 @@ from hosttools import (
     NOBODY,
     Answer,
     RunningRequest,
+    actingAs,
     openConnections,
     parseRaw,
     readAll,
@@ -304,16 +306,166 @@ def test_clients_at_once_each_get_their_own_answer(daemon):
     assert failures == []
 
 
+def sendEcho(connection, **entries):
+    """Sends a request, whose answer is not waited for."""
+    content = json.dumps({"command": "echo", **entries})
+    connection.request("POST", "/v1/plugins/notification", content, {"Content-Type": "application/json"})
+    return connection
+
+
+def asMember(daemon, user=NOBODY):
+    """A connection of a member of the administrators' group."""
+    with actingAs(user):
+        connection = daemon.connection()
+        connection.connect()
+    return connection
+
+
+def refusal(connection):
+    """What a client is told that is not served: the id, after all headers are as they should be."""
+    received = readAll(connection)
+    status, content = parseRaw(received)
+    assert status == 503 and b"\r\nRetry-After: 1\r\n" in received
+    return content["error"]
+
+
 def test_too_many_connections_are_refused_until_one_ends(makeDaemon):
     daemon = makeDaemon("--connections", "3")
-    held = [daemon.raw() for _ in range(3)]
+    running = RunningRequest(daemon)
+    waiting = [sendEcho(daemon.connection()) for _ in range(2)]
     with daemon.raw() as connection:
-        status, content = parseRaw(readAll(connection))
-    assert (status, content["error"]) == (503, "too-many-connections")
-    held.pop().close()
+        assert refusal(connection) == "too-many-connections"
+    assert running.finish().status == 200
+    assert [waiter.getresponse().status for waiter in waiting] == [200, 200]
     waitUntil(lambda: tryEcho(daemon) == 200, "there is room again")
+
+
+def test_the_connection_that_is_idle_for_the_longest_time_gives_way(makeDaemon):
+    daemon = makeDaemon("--connections", "3")
+    kept = [daemon.connection() for _ in range(3)]
+    for connection in kept:
+        assert daemon.send("GET", "/v1/health", connection=connection).status == 200
+    # The first one has become the youngest.
+    assert daemon.send("GET", "/v1/health", connection=kept[0]).status == 200
+    daemon.assertServes()
+    assert readAll(kept[1].sock) == b""
+    for connection in (kept[0], kept[2]):
+        assert daemon.send("GET", "/v1/health", connection=connection).status == 200
+
+
+def test_a_silent_connection_gives_way_after_a_moment(makeDaemon):
+    daemon = makeDaemon("--connections", "2")
+    silent = [daemon.raw() for _ in range(2)]
+    waitUntil(lambda: tryEcho(daemon) == 200, "the silent ones make room")
+    assert parseRaw(readAll(silent[0]))[1]["error"] == "timed-out"
+
+
+def test_one_user_cannot_take_all_connections(makeDaemon):
+    daemon = makeDaemon("--admin-group", "games", "--connections", "8", "--user-connections", "3")
+    running = RunningRequest(daemon, connection=asMember(daemon))
+    waiting = [sendEcho(asMember(daemon)) for _ in range(2)]
+    waitUntil(lambda: daemon.health()["waiting"] == 2, "the others wait")
+    assert refusal(asMember(daemon).sock) == "too-many-connections"
+    another = sendEcho(asMember(daemon, user=NOBODY - 1))
+    assert running.finish().status == 200
+    assert [waiter.getresponse().status for waiter in [*waiting, another]] == [200] * 3
+
+
+def test_a_place_is_kept_for_root(makeDaemon):
+    daemon = makeDaemon("--admin-group", "games", "--connections", "5", "--root-connections", "1")
+    running = RunningRequest(daemon, connection=asMember(daemon))
+    waiting = [sendEcho(asMember(daemon, user)) for user in range(1000, 1003)]
+    waitUntil(lambda: daemon.health()["waiting"] == 3, "the others wait")
+    assert refusal(asMember(daemon, user=1003).sock) == "too-many-connections"
+    assert daemon.health()["waiting"] == 3
+    assert running.finish().status == 200
+    assert [waiter.getresponse().status for waiter in waiting] == [200] * 3
+
+
+def test_users_whose_requests_wait_take_turns(makeDaemon):
+    daemon = makeDaemon("--admin-group", "games")
+    running = RunningRequest(daemon)
+    held = [RunningRequest(daemon, f"member{number}", asMember(daemon), begins=False) for number in range(4)]
+    waitUntil(lambda: daemon.health()["waiting"] == 4, "the members' requests wait")
+    own = sendEcho(daemon.connection())
+    waitUntil(lambda: daemon.health()["waiting"] == 5, "root's request waits")
+    assert running.finish().status == 200
+    held[0].finish()
+    # Root's is answered before the last two, which came earlier.
+    held[1].until.touch()
+    assert Answer(own.getresponse()).status == 200
+    assert not held[3].begun.exists()
+    for request in held[1:]:
+        assert request.finish().status == 200
+
+
+def test_one_users_requests_may_take_only_so_much_memory(makeDaemon):
+    daemon = makeDaemon("--admin-group", "games", "--user-mebibytes", "1")
+    running = RunningRequest(daemon)
+    text = "x" * 800_000
+    first = sendEcho(asMember(daemon), text=text)
+    waitUntil(lambda: daemon.health()["waiting"] == 1, "the first request waits")
+    second = asMember(daemon).sock
+    sendIgnoringEnd(second, HEAD + b"Content-Length: 800000\r\n\r\n" + text.encode())
+    assert refusal(second) == "too-much-at-once"
+    assert daemon.post(text.encode(), path="/v1/nowhere").status == 404  # root may
+    assert running.finish().status == 200
+    assert len(Answer(first.getresponse()).json["text"]) == len(text)
+
+
+def test_a_body_of_too_many_values_is_refused(daemon):
+    answer = daemon.post(b'{"command": "echo", "list": [' + b"0," * 40_000 + b"0]}")
+    assert (answer.status, answer.error) == (400, "malformed-body")
+    assert "more than 32768 values" in answer.json["message"]
+    assert daemon.post({"command": "echo", "list": [0] * 32_000}).status == 200
+
+
+def test_a_daemon_with_few_descriptors_takes_fewer_connections_and_goes_on(makeDaemon):
+    daemon = makeDaemon("--connections", "64", "--idle-seconds", "0", prefix=["prlimit", "--nofile=40:40"])
+    held = [daemon.raw() for _ in range(60)]
+    waitUntil(lambda: tryEcho(daemon) == 200, "somebody makes room")
     for connection in held:
         connection.close()
+    daemon.assertServes()
+    _, text = daemon.end()
+    assert "Only 40 files may be open: at most 20 connections are taken at a time." in text
+
+
+def test_without_a_descriptor_left_a_client_is_told_and_the_next_one_served(makeDaemon):
+    daemon = makeDaemon("--connections", "64", "--idle-seconds", "0")
+    daemon.assertServes()
+    limit = descriptors(daemon) + 3
+    held = [daemon.raw() for _ in range(2)]
+    waitUntil(lambda: openConnections(daemon) == 2, "both are taken")
+    subprocess.run(["prlimit", f"--pid={daemon.process.pid}", f"--nofile={limit}:{limit}"], check=True)
+    more = [daemon.raw() for _ in range(10)]
+    waitUntil(lambda: tryEcho(daemon) == 200, "connections give way")
+    for connection in [*held, *more]:
+        connection.close()
+    daemon.assertServes()
+
+
+def test_refused_connections_are_logged_once_and_counted(makeDaemon):
+    daemon = makeDaemon()
+    os.chmod(daemon.socket, 0o666)
+    for _ in range(50):
+        connection = asMember(daemon)
+        assert parseRaw(readAll(connection.sock))[1]["error"] == "refused"
+    _, text = daemon.end()
+    assert text.count("Refused a connection of user 65534.") == 1
+
+
+def test_idle_connections_keep_the_daemon_from_no_sleep(makeDaemon):
+    daemon = makeDaemon("--idle-seconds", "0", "--network-quiet-seconds", "0")
+    held = [daemon.raw() for _ in range(20)]
+    waitUntil(lambda: openConnections(daemon) == 20, "all are taken")
+    before, begin = wakeups(daemon), time.monotonic()
+    waitUntil(lambda: time.monotonic() - begin > 2, "two seconds have passed")
+    grown = wakeups(daemon) - before
+    assert grown <= 8 * (time.monotonic() - begin) + 10
+    for connection in held:
+        connection.close()
+    waitUntil(lambda: openConnections(daemon) == 0, "all are closed")
 
 
 def test_a_stranger_is_refused_before_anything_is_read(daemon):
@@ -371,6 +523,15 @@ def test_a_member_of_the_group_is_served(makeDaemon):
     # Far more groups than fit into the first question to the kernel.
     done = daemon.tool("state", user=NOBODY, groups=[60, *range(1000, 1100)])
     assert (done.returncode, done.stdout) == (0, "state: STOPPED\n")
+
+
+def wakeups(daemon):
+    """How often the daemon's threads have gone to sleep."""
+    total = 0
+    for thread in os.listdir(f"/proc/{daemon.process.pid}/task"):
+        status = open(f"/proc/{daemon.process.pid}/task/{thread}/status").read()
+        total += int(status.split("voluntary_ctxt_switches:")[1].split()[0])
+    return total
 
 
 def descriptors(daemon):

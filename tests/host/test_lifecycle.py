@@ -235,7 +235,7 @@ def test_options_win_over_the_file_and_the_file_over_the_defaults(root, makeDaem
         ("request-seconds = 0\n", "line 1:"),
         ("socket = run/x\n", 'line 1: "socket" must be an absolute path, not "run/x"'),
         ("socket =\n", 'line 1: "socket" needs a value'),
-        ("connections = 1\nconnections = 2\n", 'line 2: the setting "connections" is doubled'),
+        ("connections = 2\nconnections = 3\n", 'line 2: the setting "connections" is doubled'),
         ("root = /\n", 'line 1: there is no setting "root"'),
         (" = 1\n", 'line 1: there is no setting ""'),
     ],

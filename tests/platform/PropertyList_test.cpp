@@ -256,6 +256,14 @@ TEST(PropertyListXml, RefusesMoreBytesThanTheLimit) {
   EXPECT_THAT(value.error().description(), HasSubstr("1048576"));
 }
 
+TEST(PropertyListXml, RefusesMoreValuesThanTheLimit) {
+  const std::string bytes = "<plist><array><true/><array><string>a</string></array></array></plist>";
+  EXPECT_TRUE(parsePropertyList(bytes, kPropertyListSizeLimit, 4).ok());
+  const Result<Value> refused = parsePropertyList(bytes, kPropertyListSizeLimit, 3);
+  ASSERT_FALSE(refused.ok());
+  EXPECT_EQ(refused.error().description(), "line 1: too many values");
+}
+
 TEST(PropertyListXml, DoesNotWriteWhatItCouldNotRead) {
   EXPECT_THAT(written(Value("\x01"s)), HasSubstr("failed: a string or key"));
   EXPECT_THAT(written(Value("a\0b"s)), HasSubstr("failed: a string or key"));

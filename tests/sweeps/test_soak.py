@@ -163,7 +163,7 @@ class Traffic:
 
 
 def test_memory_and_open_files_do_not_grow_with_the_number_of_requests(served, certificateFile):
-    total = size(short=3_000, full=100_000)
+    total = size(short=2_500, full=100_000)
     pid = served.process.pid
     traffic = Traffic(served, certificateFile)
     traffic.everything()
