@@ -142,9 +142,9 @@ def isWhole(name, entry):
     return base.endswith(".db") and (content == b"" or content.startswith(b"version"))
 
 
-def _mayBeMissing(name):
-    """Whether a request takes away files of that name and makes others: further session managers, and the contents of
-    the service that belong to the former host."""
+def _isMadeAnew(name):
+    """Whether a request takes away files of that name and makes others, whose content is flushed with all the rest:
+    further session managers, and the contents of the service that belong to the former host."""
     return re.search(r"/sm_[^/]*\.xml(\.bak)?$|^var/db/idavoll/\w+\.db$", name) is not None
 
 
@@ -166,7 +166,7 @@ class History:
     def torn(self, found, allowed):
         """What is wrong with single names right after a crash, in the midst of the request that makes the last of the
         allowed states from the first: what is under each must be old, new or another whole version, and what is there
-        before and after must not be missing."""
+        before and after must not be missing. What the request makes anew is judged after the restart alone."""
         wrong = []
         for name in set().union(*(self.states[number] for number in allowed)):
             versions, entry = [self.states[number].get(name) for number in allowed], found.get(name)
@@ -175,7 +175,7 @@ class History:
             # A backup may be an older one until the next start.
             if name.endswith(".bak") and (entry is None or isWhole(name, entry)):
                 continue
-            if len(allowed) == 2 and (_mayBeMissing(name) if entry is None else isWhole(name, entry)):
+            if len(allowed) == 2 and (_isMadeAnew(name) or entry is not None and isWhole(name, entry)):
                 continue
             wrong.append(f"{name} {self._nature(name, entry)}")
         return wrong
