@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "common/Format.h"
+#include "platform/keychain/KeyDerivation.h"
 #include "platform/keychain/PemFile.h"
 
 namespace tessard {
@@ -57,15 +58,59 @@ struct OldCiphers {
   ProviderPointer old{context ? OSSL_PROVIDER_load(context.get(), "legacy") : nullptr};
 };
 
-// So many rounds keep one core busy for some seconds; a hostile file could ask for two thousand million.
-constexpr std::int64_t kMostRounds = 10'000'000;
+// Counts the work that a PKCS#12 file asks for. A hostile one could ask for two thousand million rounds, time
+// and again.
+class WorkCount {
+ public:
+  explicit WorkCount(const PKCS12* file) {
+    const ASN1_INTEGER* rounds = nullptr;
+    PKCS12_get0_mac(nullptr, nullptr, nullptr, &rounds, file);
+    std::int64_t count = 1;
+    if (rounds && ASN1_INTEGER_get_int64(&count, rounds) != 1) count = kMostRounds + 1;
+    add(count);
+  }
 
-bool asksForTooMuch(const PKCS12* file) {
-  const ASN1_INTEGER* rounds = nullptr;
-  PKCS12_get0_mac(nullptr, nullptr, nullptr, &rounds, file);
-  std::int64_t count = 1;
-  return rounds && (ASN1_INTEGER_get_int64(&count, rounds) != 1 || count > kMostRounds);
-}
+  bool tooMuch() const { return rounds_ > kMostRounds; }
+
+  /// Goes through all that is in the file, and opens what must be opened for that as long as it is not too
+  /// much.
+  void addContent(PKCS12* file, const char* phrase) {
+    const Safes safes(PKCS12_unpack_authsafes(file));
+    for (int index = 0; safes && index < sk_PKCS7_num(safes.get()) && !tooMuch(); ++index) {
+      PKCS7* const safe = sk_PKCS7_value(safes.get(), index);
+      const bool sealed = PKCS7_type_is_encrypted(safe) && safe->d.encrypted;
+      if (sealed) add(roundsOf(safe->d.encrypted->enc_data->algorithm));
+      if (tooMuch()) return;
+      const Bags bags(sealed ? PKCS12_unpack_p7encdata(safe, phrase, -1) : PKCS12_unpack_p7data(safe));
+      addBags(bags.get());
+    }
+  }
+
+ private:
+  struct FreeSafes {
+    void operator()(STACK_OF(PKCS7) * safes) const { sk_PKCS7_pop_free(safes, PKCS7_free); }
+  };
+  struct FreeBags {
+    void operator()(STACK_OF(PKCS12_SAFEBAG) * bags) const {
+      sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
+    }
+  };
+  using Safes = std::unique_ptr<STACK_OF(PKCS7), FreeSafes>;
+  using Bags = std::unique_ptr<STACK_OF(PKCS12_SAFEBAG), FreeBags>;
+
+  void add(std::int64_t rounds) { rounds_ += std::clamp<std::int64_t>(rounds, 0, kMostRounds + 1); }
+
+  void addBags(const STACK_OF(PKCS12_SAFEBAG) * bags) {
+    for (int index = 0; bags && index < sk_PKCS12_SAFEBAG_num(bags) && !tooMuch(); ++index) {
+      const PKCS12_SAFEBAG* const bag = sk_PKCS12_SAFEBAG_value(bags, index);
+      const int kind = PKCS12_SAFEBAG_get_nid(bag);
+      if (kind == NID_pkcs8ShroudedKeyBag) add(roundsOfKey(PKCS12_SAFEBAG_get0_pkcs8(bag)));
+      if (kind == NID_safeContentsBag) addBags(PKCS12_SAFEBAG_get0_safes(bag));
+    }
+  }
+
+  std::int64_t rounds_ = 0;
+};
 
 struct FreeCertificates {
   void operator()(STACK_OF(X509) * certificates) const { sk_X509_pop_free(certificates, X509_free); }
@@ -130,7 +175,9 @@ KeychainResult<Pieces> readPkcs12(std::string_view bytes, const Secret* passPhra
   if (!parsed || at != bytesOf(bytes) + bytes.size()) {
     return malformed("The file is neither PEM nor PKCS#12");
   }
-  if (asksForTooMuch(parsed.get())) return malformed("The PKCS#12 file asks for too much work");
+  const auto tooMuchWork = malformed("The PKCS#12 file asks for too much work");
+  WorkCount work(parsed.get());
+  if (work.tooMuch()) return tooMuchWork;
   const auto phrase = phraseThatFits(parsed.get(), passPhrase);
   ERR_clear_error();
   if (!phrase && !passPhrase) {
@@ -140,6 +187,9 @@ KeychainResult<Pieces> readPkcs12(std::string_view bytes, const Secret* passPhra
   if (!phrase) {
     return KeychainError{KeychainProblem::wrongPassPhrase, "The pass phrase does not open the PKCS#12 file"};
   }
+  work.addContent(parsed.get(), *phrase);
+  ERR_clear_error();
+  if (work.tooMuch()) return tooMuchWork;
   return takeApart(parsed.get(), *phrase);
 }
 

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/keychain/KeyDerivation.h"
+
 namespace tessard {
 
 namespace {
@@ -18,11 +20,22 @@ int givePassPhrase(char* buffer, int size, int /*forWriting*/, void* context) {
   return static_cast<int>(phrase->size());
 }
 
+constexpr const char* kSealedKey = "ENCRYPTED PRIVATE KEY";
+
+X509SignaturePointer sealedKeyOf(const PemBlock& block) {
+  const unsigned char* at = bytesOf(block.bytes.view());
+  return X509SignaturePointer(d2i_X509_SIG(nullptr, &at, static_cast<long>(block.bytes.size())));
+}
+
 // Whether the pass phrase is all that stands between the block and the key.
 bool isWellFormed(const PemBlock& block) {
-  if (block.name != "ENCRYPTED PRIVATE KEY") return block.encrypted;
-  const unsigned char* at = bytesOf(block.bytes.view());
-  return X509SignaturePointer(d2i_X509_SIG(nullptr, &at, static_cast<long>(block.bytes.size()))) != nullptr;
+  if (block.name != kSealedKey) return block.encrypted;
+  return sealedKeyOf(block) != nullptr;
+}
+
+bool asksForTooMuch(const PemBlock& block) {
+  const auto key = block.name == kSealedKey ? sealedKeyOf(block) : nullptr;
+  return key && roundsOfKey(key.get()) > kMostRounds;
 }
 
 }  // namespace
@@ -38,8 +51,7 @@ std::optional<std::vector<PemBlock>> pemBlocks(std::string_view pem) {
     long size = 0;
     if (PEM_read_bio(file.get(), &name, &header, &bytes, &size) != 1) break;
     // Both ways in which PEM says that a key is encrypted.
-    const bool encrypted =
-        std::strcmp(name, "ENCRYPTED PRIVATE KEY") == 0 || std::strstr(header, "ENCRYPTED");
+    const bool encrypted = std::strcmp(name, kSealedKey) == 0 || std::strstr(header, "ENCRYPTED");
     blocks.push_back(
         {name, encrypted,
          Secret(std::string_view(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(size)))});
@@ -62,6 +74,9 @@ KeychainResult<KeyPointer> readPrivateKey(std::string_view pem, const Secret* pa
   if (block->encrypted && !passPhrase) {
     return KeychainError{KeychainProblem::passPhraseNeeded,
                          "The private key is encrypted: its pass phrase is needed"};
+  }
+  if (asksForTooMuch(*block)) {
+    return KeychainError{KeychainProblem::malformed, "The private key asks for too much work"};
   }
   const BioPointer file = reading(pem);
   KeyPointer key(
