@@ -177,6 +177,8 @@ Result<std::unique_ptr<DirectoryNode>> LibuserDirectory::nodeWithType(int type) 
 
 bool LibuserDirectory::getpwnam(std::string_view name) {
   if (root_ != "/") return isAccountName(name) && userNamed(files_, name).ok();
+  // Further parts of the system would see what stands before it alone.
+  if (name.find('\0') != std::string_view::npos) return false;
   std::string buffer(1024, '\0');
   passwd entry{};
   passwd* found = nullptr;

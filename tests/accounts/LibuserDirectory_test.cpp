@@ -294,6 +294,7 @@ TEST(LibuserDirectoryOfThisMachine, KnowsItsUsers) {
   EXPECT_TRUE(directory.getpwnam("root"));
   EXPECT_FALSE(directory.getpwnam("tessard-nobody-of-this-name"));
   EXPECT_FALSE(directory.getpwnam(""));
+  EXPECT_FALSE(directory.getpwnam(std::string("root\0x", 6)));
 }
 
 }  // namespace
