@@ -25,6 +25,11 @@ class Warden {
 
   int run() {
     const auto& words = arguments_.words;
+    std::error_code problem;
+    if (!std::filesystem::is_directory(arguments_.root, problem)) {
+      const SystemError reason = problem ? SystemError(problem.value()) : SystemError(ENOTDIR);
+      return unreadable(arguments_.root, reason);
+    }
     if (arguments_.askForPassPhrase) {
       if (words.size() != 1 || words[0].empty()) return usage("One key file is needed.");
       return tellPassPhrase(words[0]);

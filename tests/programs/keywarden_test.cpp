@@ -26,5 +26,20 @@ TEST(Keywarden, ATaskOnAnotherRootIsToldThePassPhraseThatThisRootsKeychainHolds)
   EXPECT_EQ(told.output, "secret words\n");
 }
 
+TEST(Keywarden, ARootThatIsNoDirectoryIsToldAndIsNoEmptyKeychain) {
+  const ScratchRoot root;
+  root.write("/file", "");
+  PosixTasks tasks("/", KEYWARDEN_DIRECTORY);
+  for (const char* place : {"/nowhere", "/file"}) {
+    const TaskResult told = tasks.launch_task(
+        "/usr/sbin/keywarden",
+        {TaskArgument::text("--root"), TaskArgument::text(root.hostPath(place)), TaskArgument::text("list")});
+    EXPECT_EQ(told.status, 66) << place;
+    EXPECT_EQ(told.output, "") << place;
+    EXPECT_EQ(told.errorText.find("error: " + root.hostPath(place) + " cannot be read: "), 0U)
+        << told.errorText;
+  }
+}
+
 }  // namespace
 }  // namespace tessard
