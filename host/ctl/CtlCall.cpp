@@ -59,6 +59,11 @@ int CtlCall::printEntries(const Dictionary& answer) const {
   return EX_OK;
 }
 
+int CtlCall::beforeSetup(const std::string& what) const {
+  return output_.failure("not-set-up", what + "; first-time setup is not done (tessardctl setup).",
+                         EX_UNAVAILABLE);
+}
+
 // The answer dictionary of a request that the daemon carried out; otherwise the failure has been told.
 std::optional<Dictionary> CtlCall::exchange(const std::string& method, const std::string& path,
                                             const std::string& body, std::string_view expected,

@@ -48,6 +48,9 @@ class CtlCall {
 
   /// "key: value" for each entry, or the JSON document.
   int printEntries(const Dictionary& answer) const;
+  /// Ends a call that was answered with nothing because service data does not exist: `what` is a sentence's
+  /// beginning, such as "There is no list yet".
+  int beforeSetup(const std::string& what) const;
 
  private:
   void showWaiting(int seconds);

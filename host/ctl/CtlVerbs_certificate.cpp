@@ -105,10 +105,9 @@ int importCertificates(CtlCall& call, const std::string& path) {
 int setCertificate(CtlCall& call, const std::string& name) {
   if (name.empty()) return call.usage("The NAME is empty; \"certificate clear\" takes the choice back.");
   return call.send({{"command", "setKorvsCertificate"}, {kNameKey, name}}, [&](const Dictionary& answer) {
-    const int exitCode = call.printEntries(answer);
-    if (answer.contains(kNameKey)) return exitCode;
-    call.output().message("error", "The certificate is not chosen; the system log may say why.");
-    return EX_SOFTWARE;
+    if (answer.contains(kNameKey)) return call.printEntries(answer);
+    return call.output().failure("not-chosen", "The certificate is not chosen; the system log may say why.",
+                                 EX_SOFTWARE);
   });
 }
 

@@ -114,10 +114,7 @@ int followLog(CtlCall& call, Dictionary request) {
 
 int listLogs(CtlCall& call) {
   return call.send({{"command", "getLogPaths"}}, [&](const Dictionary& answer) {
-    const int exitCode = call.printEntries(answer);
-    if (!answer.empty()) return exitCode;
-    call.output().message("error", "There are no logs yet; first-time setup is not done (tessardctl setup).");
-    return EX_UNAVAILABLE;
+    return answer.empty() ? call.beforeSetup("There are no logs yet") : call.printEntries(answer);
   });
 }
 

@@ -37,10 +37,8 @@ int printServices(const CtlCall& call, const Dictionary& answer) {
 
 int listServices(CtlCall& call) {
   return call.send({{"command", "getConfiguredServices"}}, [&](const Dictionary& answer) {
-    const int exitCode = printServices(call, answer);
-    if (answer.contains(kServicesKey)) return exitCode;
-    call.output().message("error", "There is no list yet; first-time setup is not done (tessardctl setup).");
-    return EX_UNAVAILABLE;
+    return answer.contains(kServicesKey) ? printServices(call, answer)
+                                         : call.beforeSetup("There is no list yet");
   });
 }
 
@@ -79,11 +77,7 @@ int runServiceUser(CtlCall& call) {
     return call.usage("\"service-user\" needs a SERVICE, such as calendar.");
   }
   return call.send({{"command", "getServiceUser"}, {"service", words[1]}}, [&](const Dictionary& answer) {
-    const int exitCode = call.printEntries(answer);
-    if (!answer.empty()) return exitCode;
-    call.output().message("error",
-                          "There is no account yet; first-time setup is not done (tessardctl setup).");
-    return EX_UNAVAILABLE;
+    return answer.empty() ? call.beforeSetup("There is no account yet") : call.printEntries(answer);
   });
 }
 

@@ -22,15 +22,11 @@ int printSettings(CtlCall& call, const Dictionary& answer, const Words& keys) {
   const Dictionary none;
   const Dictionary* found = answer.dictionaryFor("configuration");
   const Dictionary& settings = found ? *found : none;
+  if (keys.empty() && settings.empty()) return call.beforeSetup("There are no settings yet");
   if (call.output().json()) {
     call.output().document(settings);
   } else {
     for (const DictionaryEntry& entry : settings) call.output().line(settingAsWord(entry.key, entry.value));
-  }
-  if (keys.empty() && settings.empty()) {
-    call.output().message("error",
-                          "There are no settings yet; first-time setup is not done (tessardctl setup).");
-    return EX_UNAVAILABLE;
   }
   int exitCode = EX_OK;
   for (const std::string& key : keys) {

@@ -124,6 +124,8 @@ def test_the_paths_are_answered_once_there_is_service_data(plugin):
     done = plugin.tool("log", "--list")
     assert (done.returncode, done.stdout) == (69, "")
     assert "first-time setup is not done" in done.stderr
+    done = plugin.tool("--json", "log", "--list")
+    assert (done.returncode, json.loads(done.stdout)["error"], done.stderr) == (69, "not-set-up", "")
     assert plugin.tool("setup").returncode == 0
     assert plugin.post({"command": "getLogPaths"}).json == paths
     assert plugin.tool("log", "--list").stdout == "".join(f"{name}: {path}\n" for name, path in paths.items())

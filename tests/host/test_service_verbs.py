@@ -26,11 +26,18 @@ def test_client_services_are_added_listed_and_removed(plugin):
     assert plugin.tool("services", "list").stdout == ""
 
 
+def assert_json_tells_of_the_setup(plugin, *words):
+    done = plugin.tool("--json", *words)
+    answer = json.loads(done.stdout)
+    assert (done.returncode, done.stderr, answer.pop("error")) == (69, "", "not-set-up")
+    assert "first-time setup is not done" in answer.pop("message") and answer == {}
+
+
 def test_a_list_before_the_first_time_setup_is_told(plugin):
     done = plugin.tool("services", "list")
     assert (done.returncode, done.stdout) == (69, "")
     assert "first-time setup is not done" in done.stderr
-    assert json.loads(plugin.tool("services", "list", "--json").stdout) == {}
+    assert_json_tells_of_the_setup(plugin, "services", "list")
 
 
 @pytest.mark.parametrize(
@@ -88,6 +95,7 @@ def test_an_account_before_the_first_time_setup_is_told(plugin):
     done = plugin.tool("service-user", "calendar")
     assert (done.returncode, done.stdout) == (69, "")
     assert "first-time setup is not done" in done.stderr
+    assert_json_tells_of_the_setup(plugin, "service-user", "calendar")
 
 
 def test_values_of_other_kinds_are_refused(plugin):

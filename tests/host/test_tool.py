@@ -91,6 +91,8 @@ def test_settings_before_the_first_time_setup_are_told(daemon):
     done = daemon.tool("settings", "get")
     assert done.returncode == 69
     assert "first-time setup is not done" in done.stderr
+    done = daemon.tool("settings", "get", "--json")
+    assert (done.returncode, json.loads(done.stdout)["error"], done.stderr) == (69, "not-set-up", "")
 
 
 @pytest.mark.parametrize(
