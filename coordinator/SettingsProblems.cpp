@@ -1,5 +1,7 @@
 #include "coordinator/SettingsProblems.h"
 
+#include <limits.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -16,6 +18,9 @@ namespace {
 constexpr std::int64_t kLargestPort = 65535;
 // A domain is part of a file name, "sm_%@.xml.tmp", and file names have at most 255 bytes.
 constexpr std::size_t kLongestDomain = 240;
+// What SQLite opens: its own limit of 512 with room for the names of its further files.
+constexpr std::size_t kLongestDatabasePath = 504;
+constexpr std::size_t kLongestPath = PATH_MAX - 1;
 // From 2^53 on doubles skip whole numbers.
 constexpr double kFirstInexactReal = 0x1p53;
 
@@ -60,6 +65,30 @@ bool isText(const Value& value) {
   return value.asString() != nullptr;
 }
 
+// jabberd2 puts other parts of its configuration in the place of "${name}", and does not start with any other
+// "${". The placeholders are filled in whenever service data is made again.
+bool staysAsItIs(const Value& value) {
+  const std::string* text = value.asString();
+  const auto lacks = [&](const char* part) { return text->find(part) == std::string::npos; };
+  return text && lacks("${") && lacks("@HOSTNAME@") && lacks("@ROUTERPASSWORD@");
+}
+
+bool isFile(const Value& value) {
+  return staysAsItIs(value) && value.asString()->size() <= kLongestPath;
+}
+
+// An empty one would be taken for "1", and another for one below the directory that the component happens to
+// be in.
+bool isDatabase(const Value& value) {
+  return staysAsItIs(value) && value.asString()->starts_with('/') &&
+         value.asString()->size() <= kLongestDatabasePath;
+}
+
+// The router accepts nobody without one.
+bool isSecret(const Value& value) {
+  return isText(value) && !value.asString()->empty();
+}
+
 bool isWord(const Value& value) {
   return value.stringValue().has_value();
 }
@@ -72,13 +101,19 @@ constexpr const char* kPort = "a port number from 0 to 65535";
 constexpr const char* kDays = "a whole number of days";
 constexpr const char* kSwitch = "true or false";
 constexpr const char* kText = "a string";
+constexpr const char* kPlainText = "a string without \"${\" and placeholders, which would be replaced";
+constexpr const char* kFile =
+    "a path of at most 4095 bytes without \"${\" and placeholders, which would be replaced";
+constexpr const char* kDatabase =
+    "an absolute path of at most 504 bytes without \"${\" and placeholders, which would be replaced";
+constexpr const char* kSecret = "a string that is not empty";
 constexpr const char* kTexts = "a list of strings";
 
 constexpr std::array<SettingKind, 27> kKinds = {{
     {"hosts", isListOfTexts, kTexts},
     {"hostsCommaDelimitedString", isText, kText},
-    {"sslKeyFile", isText, kText},
-    {"sslCAFile", isText, kText},
+    {"sslKeyFile", isFile, kFile},
+    {"sslCAFile", isFile, kFile},
     {"authLevel", isWord, kText},
     {"enableAutoBuddy", isSwitch, kSwitch},
     {"enableXMPP", isSwitch, kSwitch},
@@ -88,29 +123,34 @@ constexpr std::array<SettingKind, 27> kKinds = {{
     {"logLevel", isText, kText},
     {"eventLogArchiveInterval", isCountOfDays, kDays},
     {"enableSavedChats", isSwitch, kSwitch},
-    {"savedChatsLocation", isText, kText},
+    {"savedChatsLocation", staysAsItIs, kPlainText},
     {"savedChatsArchiveInterval", isCountOfDays, kDays},
     {"initialized", isSwitch, kSwitch},
-    {"jabberdDatabasePath", isText, kText},
+    {"jabberdDatabasePath", isDatabase, kDatabase},
     {"jabberdClientPortTLS", isPort, kPort},
     {"jabberdClientPortSSL", isPort, kPort},
     {"jabberdS2SPort", isPort, kPort},
     {"jid", isText, kText},
     {"domain", isText, kText},
-    {"secret", isText, kText},
+    {"secret", isSecret, kSecret},
     {"connectAsClient", isSwitch, kSwitch},
     {"korvbridgeEnabled", isSwitch, kSwitch},
     {"korvbridgePort", isPort, kPort},
     {"privilegedUsers", isListOfTexts, kTexts},
 }};
 
-bool holdsOnlyXmlText(const Value& value) {
-  if (const std::string* text = value.asString()) return isXmlText(*text);
-  if (const Array* array = value.asArray()) return std::ranges::all_of(*array, holdsOnlyXmlText);
+// What is shown in one line and may come back in a log; of control characters, XML can hold these alone.
+bool isOneLine(std::string_view text) {
+  return text.find_first_of("\t\n\r\x7f") == std::string_view::npos;
+}
+
+bool everyTextIs(bool (*good)(std::string_view), const Value& value) {
+  const auto isGood = [good](const Value& part) { return everyTextIs(good, part); };
+  if (const std::string* text = value.asString()) return good(*text);
+  if (const Array* array = value.asArray()) return std::ranges::all_of(*array, isGood);
   if (const Dictionary* dictionary = value.asDictionary()) {
-    return std::ranges::all_of(*dictionary, [](const DictionaryEntry& entry) {
-      return isXmlText(entry.key) && holdsOnlyXmlText(entry.value);
-    });
+    return std::ranges::all_of(
+        *dictionary, [&](const DictionaryEntry& entry) { return good(entry.key) && isGood(entry.value); });
   }
   return true;
 }
@@ -125,7 +165,7 @@ std::optional<std::string> problemWithSettings(const SettingsDictionary& setting
   for (const DictionaryEntry& entry : settings) {
     if (!isXmlText(entry.key))
       return "the name of a setting holds characters that no configuration file can hold";
-    if (!holdsOnlyXmlText(entry.value)) {
+    if (!everyTextIs(isXmlText, entry.value)) {
       return fill("\"%@\" holds characters that no configuration file can hold", {entry.key});
     }
   }
@@ -152,9 +192,10 @@ std::optional<std::string> problemWithServiceRequest(const Dictionary& request) 
     const std::string* text = request.stringFor(key);
     if (!text || text->empty()) return fill("\"%@\" must be a string that is not empty", {key});
   }
-  if (!holdsOnlyXmlText(Value(request))) {
+  if (!everyTextIs(isXmlText, Value(request))) {
     return "the request holds characters that no configuration file can hold";
   }
+  if (!everyTextIs(isOneLine, Value(request))) return "the request holds control characters";
   return std::nullopt;
 }
 

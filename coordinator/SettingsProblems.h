@@ -8,7 +8,8 @@
 namespace tessard {
 
 /// What keeps settings from being written, as a sentence that names the key: a value that cannot be read as
-/// what its key asks (a fraction as a port, an array as a path), or text that no configuration file can hold.
+/// what its key asks (a fraction as a port, an array as a path), text that no configuration file can hold, or
+/// one that jabberd would not start with or take for something else.
 /// Absent when there is nothing. Keys that belong to no service are not looked at beyond their text.
 std::optional<std::string> problemWithSettings(const SettingsDictionary& settings);
 
@@ -17,7 +18,7 @@ std::optional<std::string> problemWithSettings(const SettingsDictionary& setting
 std::optional<std::string> problemWithHosts(const SettingsDictionary& filtered);
 
 /// What is wrong with a request to add or remove a client service: "service" and "hostName" must be texts,
-/// and everything in it text that a configuration file can hold.
+/// and everything in it text that a configuration file can hold, without control characters.
 std::optional<std::string> problemWithServiceRequest(const Dictionary& request);
 
 }  // namespace tessard

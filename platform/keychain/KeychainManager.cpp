@@ -30,7 +30,7 @@ std::optional<std::string> digestDigits(std::string_view text) {
   return digits;
 }
 
-// What is told to the service is one line, and part of an XML file.
+// What is told to the service is one line, and part of an XML file in which jabberd replaces "${name}".
 KeychainResult<void> checkTellable(const Secret& phrase) {
   if (phrase.size() == 0) {
     return KeychainError{KeychainProblem::invalidRequest, "The pass phrase is empty"};
@@ -38,6 +38,10 @@ KeychainResult<void> checkTellable(const Secret& phrase) {
   if (!isXmlText(phrase.view()) || phrase.view().find_first_of("\r\n") != std::string_view::npos) {
     return KeychainError{KeychainProblem::invalidRequest,
                          "A pass phrase is one line of UTF-8 text without control characters"};
+  }
+  if (phrase.view().find("${") != std::string_view::npos) {
+    return KeychainError{KeychainProblem::invalidRequest,
+                         "The pass phrase holds \"${\", which jabberd would replace: change it"};
   }
   return {};
 }

@@ -8,7 +8,9 @@
 namespace tessard {
 namespace {
 
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 
 constexpr const char* kPorts[] = {"jabberdClientPortTLS", "jabberdClientPortSSL", "jabberdS2SPort",
                                   "korvbridgePort"};
@@ -82,12 +84,50 @@ TEST(SettingsProblems, ASwitchIsANumberOrAWordForTrueOrFalse) {
 TEST(SettingsProblems, ATextIsAString) {
   for (const char* key : kTexts) {
     EXPECT_EQ(problemWith(key, "/some/path"), "none") << key;
-    EXPECT_EQ(problemWith(key, ""), "none") << key;
     for (const Value& bad :
          {Value(1), Value(true), Value(Array{"/path"}), Value(Dictionary{}), Value(Data{"x"})}) {
-      EXPECT_EQ(problemWith(key, bad), mustBe(key, "a string")) << bad.description();
+      EXPECT_THAT(problemWith(key, bad), MatchesRegex(".* must be an? .*")) << key << bad.description();
     }
   }
+  for (const char* key : {"hostsCommaDelimitedString", "sslKeyFile", "sslCAFile", "logLevel",
+                          "savedChatsLocation", "jid", "domain"}) {
+    EXPECT_EQ(problemWith(key, ""), "none") << key;
+  }
+}
+
+TEST(SettingsProblems, WhatWouldBeReplacedIsRefused) {
+  const char* const keys[] = {"sslKeyFile", "sslCAFile", "savedChatsLocation", "jabberdDatabasePath"};
+  for (const char* key : keys) {
+    for (const char* bad : {"/a${", "/${id}", "/a$${b}c", "/${}", "/@HOSTNAME@", "/a@ROUTERPASSWORD@"}) {
+      EXPECT_THAT(problemWith(key, bad),
+                  HasSubstr("without \"${\" and placeholders, which would be replaced"))
+          << bad;
+    }
+    for (const char* good : {"/$", "/$(x)", "/{x}", "/$ {x}", "/a}b", "/@a@", "/\"]]>--'&"}) {
+      EXPECT_EQ(problemWith(key, good), "none") << key << " " << good;
+    }
+  }
+}
+
+TEST(SettingsProblems, APathFitsIntoWhatOpensIt) {
+  EXPECT_EQ(problemWith("sslKeyFile", "/" + std::string(4094, 'k')), "none");
+  for (const char* key : {"sslKeyFile", "sslCAFile"}) {
+    EXPECT_THAT(problemWith(key, "/" + std::string(4095, 'k')), HasSubstr("at most 4095 bytes"));
+  }
+  EXPECT_EQ(problemWith("jabberdDatabasePath", "/" + std::string(503, 'd')), "none");
+  EXPECT_THAT(problemWith("jabberdDatabasePath", "/" + std::string(504, 'd')),
+              HasSubstr("at most 504 bytes"));
+}
+
+TEST(SettingsProblems, ADatabaseIsAnAbsolutePath) {
+  for (const char* bad : {"", " ", "x.db", "./x.db", "~/x.db", " /x.db"}) {
+    EXPECT_THAT(problemWith("jabberdDatabasePath", bad), HasSubstr("must be an absolute path")) << bad;
+  }
+}
+
+TEST(SettingsProblems, TheSecretIsNotEmpty) {
+  EXPECT_EQ(problemWith("secret", ""), mustBe("secret", "a string that is not empty"));
+  EXPECT_EQ(problemWith("secret", " "), "none");
 }
 
 TEST(SettingsProblems, AnAuthenticationLevelIsAnyWord) {
@@ -203,6 +243,20 @@ TEST(ServiceRequestProblems, NothingInItMayBeUnfitForAFile) {
   EXPECT_EQ(problemWithServiceRequest({{"service", "m"}, {"hostName", "a"}, {"more", Array{"\x02"}}}),
             problem);
   EXPECT_EQ(problemWithServiceRequest({{"service", "m"}, {"hostName", "a"}, {"\x02", 1}}), problem);
+}
+
+TEST(ServiceRequestProblems, NothingInItMayBreakALine) {
+  const std::string problem = "the request holds control characters";
+  for (const char* bad : {"a\tb", "a\n", "\ra", "a\x7f"}) {
+    EXPECT_EQ(problemWithServiceRequest({{"service", bad}, {"hostName", "a"}}), problem);
+    EXPECT_EQ(problemWithServiceRequest({{"service", "m"}, {"hostName", bad}}), problem);
+    EXPECT_EQ(problemWithServiceRequest({{"service", "m"}, {"hostName", "a"}, {bad, 1}}), problem);
+    EXPECT_EQ(problemWithServiceRequest(
+                  {{"service", "m"}, {"hostName", "a"}, {"k", Array{Dictionary{{"k", bad}}}}}),
+              problem);
+  }
+  EXPECT_EQ(problemWithServiceRequest({{"service", "m m"}, {"hostName", "ü"}, {"more", Data{"\n"}}}),
+            std::nullopt);
 }
 
 }  // namespace

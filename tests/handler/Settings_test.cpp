@@ -230,7 +230,8 @@ const Refusal kRefusals[] = {
     {{{"jabberdS2SPort", 52.5}},
      "tessard_notification[E]: settings refused: \"jabberdS2SPort\" must be a port number from 0 to 65535"},
     {{{"sslKeyFile", Array{"/a"}}},
-     "tessard_notification[E]: settings refused: \"sslKeyFile\" must be a string"},
+     "tessard_notification[E]: settings refused: \"sslKeyFile\" must be a path of at most 4095 bytes "
+     "without \"${\" and placeholders, which would be replaced"},
     {{{"hosts", Array{"!!"}}}, "tessard_notification[E]: settings refused: \"hosts\" names no host"},
     {{{"logLevel", "\x01"}},
      "tessard_notification[E]: settings refused: \"logLevel\" holds characters that no configuration file "

@@ -254,8 +254,8 @@ TEST_F(KeychainManagement, APassPhraseIsKeptOnlyWhenItOpensTheKey) {
   EXPECT_EQ(manager.setPassPhrase("/k.pem", made.pem(), Secret("x")).error().problem, KeychainProblem::noKey);
   EXPECT_EQ(manager.setPassPhrase("/k.pem", made.keyPem(), Secret("x")).error().problem,
             KeychainProblem::invalidRequest);
-  for (const std::string& phrase :
-       {std::string(), std::string("a\nb"), std::string("a\0b", 3), std::string("\xff")}) {
+  for (const std::string& phrase : {std::string(), std::string("a\nb"), std::string("a\0b", 3),
+                                    std::string("\xff"), std::string("a${b")}) {
     EXPECT_EQ(manager.setPassPhrase("/k.pem", made.keyPem(phrase), Secret(phrase)).error().problem,
               KeychainProblem::invalidRequest);
   }
@@ -264,6 +264,9 @@ TEST_F(KeychainManagement, APassPhraseIsKeptOnlyWhenItOpensTheKey) {
   EXPECT_EQ(manager.passPhrase("/k.pem").value()->view(), "right");
   ASSERT_TRUE(manager.setPassPhrase("/k.pem", made.keyPem("newer", true), Secret("newer")));
   EXPECT_EQ(manager.passPhrase("/k.pem").value()->view(), "newer");
+  const std::string strange = " $ {x} ]]>--'\"&<ü ";
+  ASSERT_TRUE(manager.setPassPhrase("/k.pem", made.keyPem(strange), Secret(strange)));
+  EXPECT_EQ(manager.passPhrase("/k.pem").value()->view(), strange);
   EXPECT_FALSE(manager.passPhrase("/other.pem").value());
   EXPECT_THAT(manager.passPhraseFiles().value(), ElementsAre("/k.pem"));
   EXPECT_TRUE(manager.removePassPhrase("/k.pem").value());
