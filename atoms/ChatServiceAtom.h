@@ -19,8 +19,8 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration;
 
 /// One managed service. The coordinator speaks to services only through the operations of this class; each
 /// has a harmless answer here, so that a subclass overrides only what its service needs. An atom keeps no
-/// state beyond its name and owner: every answer is computed afresh. Used on the thread that carries the
-/// host's requests.
+/// state beyond its name and owner and what unchanged files hold: every answer is computed afresh. Used on
+/// the thread that carries the host's requests.
 class NOTIFICATION_PLUGIN_ChatServiceAtom : public Object {
  public:
   explicit NOTIFICATION_PLUGIN_ChatServiceAtom(Platform& platform);

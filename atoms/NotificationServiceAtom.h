@@ -6,6 +6,7 @@
 #include "atoms/ChatServiceAtom.h"
 #include "atoms/X509Name.h"
 #include "common/Keychain.h"
+#include "common/PropertyListFiles.h"
 #include "common/Result.h"
 
 namespace tessard {
@@ -153,6 +154,7 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
 
   std::unique_ptr<std::mutex> settingsDictLock_;
   std::optional<Dictionary> hostCache_;
+  PropertyListFiles lists_{platform().files, platform().clock};
 };
 
 }  // namespace tessard

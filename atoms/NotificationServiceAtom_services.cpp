@@ -29,8 +29,8 @@ bool isOfService(const Dictionary& entry, const std::string& service) {
 }  // namespace
 
 std::optional<Array> NOTIFICATION_PLUGIN_NotificationServiceAtom::getConfiguredServices() {
-  const auto configuration = readPropertyListFile(platform().files, kBundleConfigFilePath);
-  return configuration ? servicesIn(configuration.value()) : Array{};
+  const auto configuration = lists_.look(kBundleConfigFilePath);
+  return configuration ? servicesIn(*configuration.value()) : Array{};
 }
 
 // The file is the preferences' file too. A new one needs their defaults: a file with client services alone
@@ -43,7 +43,7 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::bundleCon
     }
     return preferences;
   }
-  auto stored = readPropertyListFile(platform().files, kBundleConfigFilePath);
+  auto stored = lists_.read(kBundleConfigFilePath);
   if (stored) return std::move(stored).value();
   logError_source(fill("client services cannot be changed: \"%@\" : %@",
                        {kBundleConfigFilePath, stored.error().description()}),

@@ -51,7 +51,7 @@ std::optional<std::string> NOTIFICATION_PLUGIN_NotificationServiceAtom::getSecre
 }
 
 Dictionary NOTIFICATION_PLUGIN_NotificationServiceAtom::defaultSettings() {
-  auto defaults = readPropertyListFile(platform().files, kNotificationDefaultConfigFilePath);
+  auto defaults = lists_.read(kNotificationDefaultConfigFilePath);
   if (defaults) return std::move(defaults).value();
   logError_source("tessard_notification: Couldn't find defaults file", "");
   return {};
@@ -70,7 +70,7 @@ std::optional<std::string> NOTIFICATION_PLUGIN_NotificationServiceAtom::servedDo
 }
 
 std::optional<SettingsDictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::dictionaryFromSettingsFile() {
-  const auto stored = readPropertyListFile(platform().files, kNotificationConfigFilePath);
+  const auto stored = lists_.read(kNotificationConfigFilePath);
   const Dictionary settings = stored ? stored.value() : Dictionary{};
   SettingsDictionary merged = defaultSettings();
   if (!settings.contains("secret")) {
@@ -110,8 +110,8 @@ std::optional<SettingsDictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::r
   const auto lock = lockSettings();
   auto settings = dictionaryFromSettingsFile();
   if (!settings) return std::nullopt;
-  const auto configuration = readPropertyListFile(platform().files, kBundleConfigFilePath);
-  const Value* services = configuration ? configuration.value().find("services") : nullptr;
+  const auto configuration = lists_.look(kBundleConfigFilePath);
+  const Value* services = configuration ? configuration.value()->find("services") : nullptr;
   settings->set("configuredServices", services ? *services : Value(Dictionary{}));
   return settings;
 }
@@ -167,7 +167,7 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::updateConfigFile(const std::op
   }
   logDebug_source(fill("configuring config file for host=\"%@\"", {*host}), "");
   auto lock = lockSettings();
-  auto settings = readPropertyListFile(files, kNotificationConfigFilePath);
+  auto settings = lists_.read(kNotificationConfigFilePath);
   const auto secret = getSecret();
   if (!secret) {
     logError_source("Beaconry data init failed: could not get router config data", "");

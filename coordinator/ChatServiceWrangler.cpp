@@ -18,7 +18,7 @@ constexpr int kDeepestCleanUp = 3;
 }  // namespace
 
 NOTIFICATION_PLUGIN_ChatServiceWrangler::NOTIFICATION_PLUGIN_ChatServiceWrangler(Platform& platform)
-    : Object(platform.log), platform_(platform) {}
+    : Object(platform.log), platform_(platform), lists_(platform.files, platform.clock) {}
 
 std::unique_ptr<NOTIFICATION_PLUGIN_ChatServiceWrangler>
 NOTIFICATION_PLUGIN_ChatServiceWrangler::chatServiceWrangler(Platform& platform) {

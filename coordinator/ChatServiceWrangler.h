@@ -11,6 +11,7 @@
 #include "common/Log.h"
 #include "common/NetworkChangeContext.h"
 #include "common/Platform.h"
+#include "common/PropertyListFiles.h"
 #include "common/ServiceTypes.h"
 #include "config/MasterConfiguration.h"
 
@@ -96,6 +97,7 @@ class NOTIFICATION_PLUGIN_ChatServiceWrangler : public Object, public ServiceOwn
   void handleChangeIPRequest(const NetworkChangeContext& context);
 
  private:
+  const Dictionary* lookAtPreferences(std::optional<Dictionary>& seeded);
   std::string namePart(std::string_view text, std::string_view alsoKept);
   Array filteredNames(const Array& names);
   void cleanUpByStopping();
@@ -106,6 +108,7 @@ class NOTIFICATION_PLUGIN_ChatServiceWrangler : public Object, public ServiceOwn
   std::unique_ptr<NOTIFICATION_PLUGIN_MasterConfiguration> masterConfig_;
   Atoms serviceAtoms_;
   int cleanUpDepth_ = 0;
+  PropertyListFiles lists_;
 };
 
 }  // namespace tessard

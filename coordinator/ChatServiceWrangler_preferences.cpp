@@ -42,13 +42,20 @@ bool NOTIFICATION_PLUGIN_ChatServiceWrangler::preferencesExist() {
 }
 
 std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatServiceWrangler::loadPreferences() {
-  if (!preferencesExist()) {
-    auto defaults = defaultPreferences();
-    if (defaults) savePreferences(*defaults);
-    return defaults;
-  }
-  auto stored = readPropertyListFile(platform_.files, kBundleConfigFilePath);
-  return stored ? std::optional(std::move(stored).value()) : std::nullopt;
+  std::optional<Dictionary> seeded;
+  const Dictionary* preferences = lookAtPreferences(seeded);
+  return preferences ? std::optional(*preferences) : std::nullopt;
+}
+
+// Points into `seeded` when there were none and the defaults have just been saved.
+const Dictionary* NOTIFICATION_PLUGIN_ChatServiceWrangler::lookAtPreferences(
+    std::optional<Dictionary>& seeded) {
+  const auto stored = lists_.look(kBundleConfigFilePath);
+  if (stored) return stored.value();
+  if (preferencesExist()) return nullptr;
+  seeded = defaultPreferences();
+  if (seeded) savePreferences(*seeded);
+  return seeded ? &*seeded : nullptr;
 }
 
 bool NOTIFICATION_PLUGIN_ChatServiceWrangler::savePreferences(const Dictionary& preferences) {
@@ -71,7 +78,8 @@ bool NOTIFICATION_PLUGIN_ChatServiceWrangler::setPreferenceValue_forKey(const Va
 }
 
 std::optional<Value> NOTIFICATION_PLUGIN_ChatServiceWrangler::getPreferenceValueForKey(std::string_view key) {
-  const auto preferences = loadPreferences();
+  std::optional<Dictionary> seeded;
+  const Dictionary* preferences = lookAtPreferences(seeded);
   const Value* value = preferences ? preferences->find(key) : nullptr;
   return value ? std::optional(*value) : std::nullopt;
 }

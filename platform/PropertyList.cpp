@@ -26,7 +26,11 @@ Result<Value> parsePropertyList(std::string_view bytes, std::size_t sizeLimit, s
 Result<Dictionary> readPropertyListFile(FileSystem& files, std::string_view path) {
   const Result<std::string> bytes = files.readFile(path, kPropertyListFileSizeLimit);
   if (!bytes) return bytes.error();
-  Result<Value> value = parsePropertyList(bytes.value(), kPropertyListFileSizeLimit);
+  return dictionaryIn(bytes.value());
+}
+
+Result<Dictionary> dictionaryIn(std::string_view bytes) {
+  Result<Value> value = parsePropertyList(bytes, kPropertyListFileSizeLimit);
   if (!value) return value.error();
   Dictionary* const dictionary = value.value().asDictionary();
   if (!dictionary) return SystemError(0, "the top level of the property list is no dictionary");

@@ -16,6 +16,9 @@ inline constexpr std::size_t kPropertyListContentLimit = 4 * kPropertyListSizeLi
 
 inline constexpr std::string_view kBinaryPropertyListMark = "bplist00";
 
+/// The dictionary that a file's bytes hold; see `readPropertyListFile`.
+Result<Dictionary> dictionaryIn(std::string_view bytes);
+
 Result<Value> parseXmlPropertyList(std::string_view bytes, std::size_t valueLimit);
 Result<Value> parseBinaryPropertyList(std::string_view bytes, std::size_t valueLimit);
 
