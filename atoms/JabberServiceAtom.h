@@ -1,6 +1,9 @@
 #pragma once
 
+#include <map>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "atoms/ChatServiceAtom.h"
 
@@ -82,6 +85,10 @@ class NOTIFICATION_PLUGIN_JabberServiceAtom : public NOTIFICATION_PLUGIN_ChatSer
   std::optional<std::vector<std::string>> liveValuesAt(const std::string& path, const char* preferenceKey);
   bool isDirectory(const std::string& path);
   void databaseCreationFailed(std::string_view output, std::string_view error);
+
+  /// The answers that the pass phrase tool gave to the write that is going on, by key file. Null between
+  /// writes.
+  std::map<std::string, std::optional<std::string>>* passPhrases_ = nullptr;
 };
 
 }  // namespace tessard

@@ -61,11 +61,18 @@ const char* digitFor(const Value& flag) {
   return flag.boolValue() ? "1" : "0";
 }
 
+using Atom = NOTIFICATION_PLUGIN_JabberServiceAtom;
+
 }  // namespace
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::writeServiceConfiguration_error(
     const SettingsDictionary* settings, int& error) {
   error = kWriteSucceeded;
+  std::map<std::string, std::optional<std::string>> passPhrases;
+  passPhrases_ = &passPhrases;
+  // Also when something throws.
+  const std::unique_ptr<Atom, void (*)(Atom*)> untilTheEnd(this,
+                                                           [](Atom* atom) { atom->passPhrases_ = nullptr; });
   const SettingsDictionary incoming = settings ? *settings : SettingsDictionary{};
   auto merged = readServiceConfiguration();
   if (!merged) return false;
@@ -202,6 +209,7 @@ std::optional<std::string> NOTIFICATION_PLUGIN_JabberServiceAtom::getPrivateKeyP
     logDebug_source("NULL keyFilePath requested", "");
     return std::nullopt;
   }
+  if (passPhrases_ && passPhrases_->contains(*path)) return passPhrases_->at(*path);
   const TaskResult answer = platform().tasks.launch_task(
       kPassPhraseTool, {TaskArgument::text("--get-private-key-passphrase"), TaskArgument::path(*path)});
   if (answer.status != 0) {
@@ -209,8 +217,10 @@ std::optional<std::string> NOTIFICATION_PLUGIN_JabberServiceAtom::getPrivateKeyP
     logError_source(fill("keywarden error: %d - %@", {answer.status, reason}), "");
     return std::nullopt;
   }
-  if (answer.output.empty() || !isUtf8(answer.output)) return std::nullopt;
-  return std::string(trimmed(answer.output, "\r\n"));
+  std::optional<std::string> passPhrase;
+  if (!answer.output.empty() && isUtf8(answer.output)) passPhrase = trimmed(answer.output, "\r\n");
+  if (passPhrases_) passPhrases_->emplace(*path, passPhrase);
+  return passPhrase;
 }
 
 }  // namespace tessard

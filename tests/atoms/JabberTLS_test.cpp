@@ -199,6 +199,19 @@ TEST_F(JabberTLS, KnowsNoPassPhraseOfNoKeyFile) {
               ElementsAre("NULL keyFilePath requested", "NULL keyFilePath requested"));
 }
 
+TEST_F(JabberTLS, AsksForThePassPhraseOfAKeyFileOnceInEachWrite) {
+  switchAllOn();
+  platform.tasks.calls.clear();
+  for (const std::string phrase : {"geheim", "anders"}) {
+    keyHasPassPhrase(phrase + "\n");
+    EXPECT_TRUE(write({{"sslKeyFile", "/key.pem"}}));
+    EXPECT_EQ(platform.tasks.calls.size(), 1U);
+    platform.tasks.calls.clear();
+    EXPECT_THAT(allAt("c2s.local.private_key_password"), ElementsAre(phrase));
+    EXPECT_THAT(attributesAt("c2s.local.id", 1), Contains(Pair("private-key-password", phrase)));
+  }
+}
+
 TEST_F(JabberTLS, ReportsAFailingKeychainToolAndGoesOnWithoutPassword) {
   switchAllOn();
   platform.tasks.on(kKeychainTool, {44, "half a phrase", "no such item"});
