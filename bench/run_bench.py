@@ -1,5 +1,6 @@
 """Measures this product, the floor and other programs at the same work, and prints one table.
-Usage: run_bench.py BUILD [--json FILE] [--short] [--only NAME] [--without-peers] [--directory DIR]"""
+Usage: run_bench.py BUILD [--json FILE] [--short] [--only NAME] [--domains N,...] [--without-peers]
+[--directory DIR]"""
 
 import argparse
 import contextlib
@@ -23,10 +24,10 @@ import xmppservers  # noqa: E402
 from peers import PEERS, Peers  # noqa: E402
 from private_machine import MachineError  # noqa: E402
 from report import Report, reached, target_lines, targets  # noqa: E402
-from runs import Tools  # noqa: E402
-from trees import Base  # noqa: E402
+from runs import Sample, Tools  # noqa: E402
+from trees import PREFERENCES, Base  # noqa: E402
 
-SECTIONS = ("read", "state", "write")
+SECTIONS = ("read", "state", "write", "parts")
 # Number of domains -> repetitions of a write.
 WRITES = {1: 21, 10: 15, 100: 9, 1000: 5, 10000: 3}
 READS = {1: 15, 1000: 3}
@@ -34,6 +35,7 @@ ROUNDS = 200  # requests of one repetition over one connection
 # What the largest tree takes, with backups, temporary files and room for the file system's own needs.
 MEBIBYTES = {1: 64, 10: 64, 100: 96, 1000: 256, 10000: 1600}
 SHORT = {"read": {1: 1}, "state": {1: 1}, "write": {1: 1, 3: 1}}
+PARTS = {"XML": "floor/XML", "property list": "floor/property list", "request": "floor/request"}
 FULL = {"read": READS, "state": {1: 15}, "write": WRITES}
 
 
@@ -46,6 +48,7 @@ class Bench:
         self.build = options.build.resolve()
         self.short = options.short
         self.only = options.only
+        self.domains = options.domains
         self.tools = Tools(self.build, scratch)
         self.base = Base(scratch, self.build)
         self.report = Report()
@@ -65,8 +68,8 @@ class Bench:
 
     def _plan(self):
         for section, counts in (SHORT if self.short else FULL).items():
-            if self.only in (None, section):
-                for count, repetitions in counts.items():
+            for count, repetitions in counts.items():
+                if self.only in (None, section) and (not self.domains or count in self.domains):
                     yield section, count, repetitions
 
     def run(self, file_systems):
@@ -83,6 +86,21 @@ class Bench:
                 for place in file_systems if work == "write" else file_systems[-1:]:
                     say(f"{work}, {count} domains, {place.name}")
                     self._measure(work, count, place, variants, repetitions)
+
+    def run_parts(self, directory):
+        """Each part of a request alone, without a place."""
+        if self.short or self.only not in (None, "parts"):
+            return
+        tree = self.base.tree(directory, 1)
+        said = subprocess.run(
+            [self.tools.program("bench_parts"), str(tree.configuration / "c2s.xml"), f"{tree.root}{PREFERENCES}",
+             tree.request("write"), "--benchmark_format=json", "--benchmark_repetitions=5",
+             "--benchmark_enable_random_interleaving=true"], check=True, capture_output=True, text=True).stdout
+        for run in json.loads(said)["benchmarks"]:
+            if run["run_type"] == "iteration":
+                name = run["run_name"]
+                floor = name if name.startswith("floor") else PARTS[name.partition(":")[0]]
+                self.report.row("parts", "memory", 1, name, floor).samples.append(Sample(run["real_time"]))
 
     def _measure(self, work, count, place, variants, repetitions):
         for variant in variants:
@@ -122,6 +140,13 @@ class Bench:
             row.calls = number
 
 
+def counts_in(text):
+    counts = [int(word) for word in text.split(",")]
+    if not set(counts) <= set(MEBIBYTES):
+        raise argparse.ArgumentTypeError(f"of {', '.join(map(str, MEBIBYTES))}")
+    return counts
+
+
 def machine():
     model = next((line.partition(":")[2].strip() for line in Path("/proc/cpuinfo").read_text(encoding="utf-8").splitlines()
                   if line.startswith("model name")), platform.machine())
@@ -143,18 +168,21 @@ def main():
     parser.add_argument("--json", type=Path, metavar="FILE", help="write every row and target")
     parser.add_argument("--short", action="store_true", help="one repetition of a few domains, without other programs")
     parser.add_argument("--only", choices=SECTIONS, metavar="NAME", help=f"one of {', '.join(SECTIONS)} alone")
+    parser.add_argument("--domains", type=counts_in, metavar="N,...",
+                        help="with so many domains alone")
     parser.add_argument("--without-peers", action="store_true", help="without other programs")
     parser.add_argument("--directory", default=str(Path.home() / ".cache/tessardd/bench"),
                         help="a directory on a disk with ext4 (default %(default)s)")
     options = parser.parse_args()
     in_own_mounts()
-    plan = SHORT if options.short else FULL
-    largest = max(count for section, counts in plan.items() if options.only in (None, section) for count in counts)
+    largest = max(options.domains or [3 if options.short else 1000 if options.only == "read" else 10000])
     with (tempfile.TemporaryDirectory(prefix="tessard-bench-") as scratch,
-          places.places(options.directory, MEBIBYTES.get(largest, 64)) as file_systems):
+          places.places(options.directory, next(size for count, size in MEBIBYTES.items() if count >= largest)) as file_systems):
         os.chmod(scratch, 0o755)
         bench = Bench(options, scratch)
         bench.run(file_systems)
+        with tempfile.TemporaryDirectory(dir=scratch) as place:
+            bench.run_parts(place)
     report = bench.report
     made = [] if options.short else targets(report, PEERS)
     print(report.table())
