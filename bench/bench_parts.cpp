@@ -5,7 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include <cstring>
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -25,85 +25,103 @@ std::string contentOf(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// What is worked on; read before anything is run.
+struct Inputs {
+  std::string xml;
+  std::string list;
+  std::string json;
+};
+
+Inputs& inputs() {
+  static Inputs inputs;
+  return inputs;
+}
+
 void copyBytes(benchmark::State& state, const std::string& bytes) {
   std::string copy(bytes.size(), '\0');
-  for (auto round : state) {
-    std::memcpy(copy.data(), bytes.data(), bytes.size());
-    benchmark::DoNotOptimize(std::memchr(copy.data(), '\0', copy.size()));
+  while (state.KeepRunning()) {
+    std::copy(bytes.begin(), bytes.end(), copy.begin());
+    benchmark::DoNotOptimize(copy.find('\0'));
   }
 }
 
-void parseXml(benchmark::State& state, const std::string& bytes) {
-  for (auto round : state) benchmark::DoNotOptimize(XmlDocument::parse(bytes));
+void floorXml(benchmark::State& state) {
+  copyBytes(state, inputs().xml);
 }
 
-void serializeXml(benchmark::State& state, const std::string& bytes) {
-  const auto document = XmlDocument::parse(bytes);
-  for (auto round : state) benchmark::DoNotOptimize(document.value().serialize());
+void floorList(benchmark::State& state) {
+  copyBytes(state, inputs().list);
+}
+
+void floorRequest(benchmark::State& state) {
+  copyBytes(state, inputs().json);
+}
+
+void parseXml(benchmark::State& state) {
+  while (state.KeepRunning()) benchmark::DoNotOptimize(XmlDocument::parse(inputs().xml));
+}
+
+void serializeXml(benchmark::State& state) {
+  const auto document = XmlDocument::parse(inputs().xml);
+  while (state.KeepRunning()) benchmark::DoNotOptimize(document.value().serialize());
 }
 
 // A component whose document is set, and not read from any file.
 struct Component {
-  explicit Component(const std::string& bytes) : real(HostConfiguration{}), component(real.platform) {
-    component.setConfigXMLDocument(XmlDocument::parse(bytes).value());
-  }
-  RealPlatform real;
-  NOTIFICATION_PLUGIN_C2SConfigurationParser component;
+  Component() { component.setConfigXMLDocument(XmlDocument::parse(inputs().xml).value()); }
+  RealPlatform real{HostConfiguration{}};
+  NOTIFICATION_PLUGIN_C2SConfigurationParser component{real.platform};
 };
 
-void lookUp(benchmark::State& state, const std::string& bytes) {
-  const Component c2s(bytes);
-  for (auto round : state) {
+void lookUp(benchmark::State& state) {
+  const Component c2s;
+  while (state.KeepRunning()) {
     int found = kNodeNotFound;
     benchmark::DoNotOptimize(
         c2s.component.getStringValueForPath_nodeState("c2s.authreg.mechanisms.sasl.plain", found));
   }
 }
 
-void edit(benchmark::State& state, const std::string& bytes) {
-  Component c2s(bytes);
+void edit(benchmark::State& state) {
+  Component c2s;
   bool other = false;
-  for (auto round : state) {
+  while (state.KeepRunning()) {
     other = !other;
     c2s.component.setStringValue_forPath_nodeState(other ? "5218" : "5222", "c2s.local.port", kNodeLive);
   }
 }
 
-void parseList(benchmark::State& state, const std::string& bytes) {
-  for (auto round : state) benchmark::DoNotOptimize(parsePropertyList(bytes));
+void parseList(benchmark::State& state) {
+  while (state.KeepRunning()) benchmark::DoNotOptimize(parsePropertyList(inputs().list));
 }
 
-void serializeList(benchmark::State& state, const std::string& bytes) {
-  const auto list = parsePropertyList(bytes);
-  for (auto round : state) benchmark::DoNotOptimize(serializePropertyList(list.value()));
+void serializeList(benchmark::State& state) {
+  const auto list = parsePropertyList(inputs().list);
+  while (state.KeepRunning()) benchmark::DoNotOptimize(serializePropertyList(list.value()));
 }
 
-void parseRequest(benchmark::State& state, const std::string& bytes) {
-  for (auto round : state) benchmark::DoNotOptimize(parseJson(bytes));
+void parseRequest(benchmark::State& state) {
+  while (state.KeepRunning()) benchmark::DoNotOptimize(parseJson(inputs().json));
 }
+
+BENCHMARK(floorXml)->Name("floor/XML");
+BENCHMARK(parseXml)->Name("XML: parse");
+BENCHMARK(lookUp)->Name("XML: look a path up");
+BENCHMARK(edit)->Name("XML: edit a value");
+BENCHMARK(serializeXml)->Name("XML: serialise");
+BENCHMARK(floorList)->Name("floor/property list");
+BENCHMARK(parseList)->Name("property list: parse");
+BENCHMARK(serializeList)->Name("property list: serialise");
+BENCHMARK(floorRequest)->Name("floor/request");
+BENCHMARK(parseRequest)->Name("request: decode JSON");
 
 }  // namespace
 
 int main(int count, char** arguments) {
   if (count < 4) return 64;
-  const std::string xml = contentOf(arguments[1]);
-  const std::string list = contentOf(arguments[2]);
-  const std::string json = contentOf(arguments[3]);
-  if (!XmlDocument::parse(xml) || !parsePropertyList(list) || !parseJson(json)) return 66;
-  const auto add = [](const char* name, void (*part)(benchmark::State&, const std::string&),
-                      const std::string& bytes) {
-    benchmark::RegisterBenchmark(name, [part, &bytes](benchmark::State& state) { part(state, bytes); });
-  };
-  add("floor/XML", copyBytes, xml);
-  add("XML: parse", parseXml, xml);
-  add("XML: look a path up", lookUp, xml);
-  add("XML: edit a value", edit, xml);
-  add("XML: serialise", serializeXml, xml);
-  add("floor/property list", copyBytes, list);
-  add("property list: parse", parseList, list);
-  add("property list: serialise", serializeList, list);
-  add("floor/request", copyBytes, json);
-  add("request: decode JSON", parseRequest, json);
+  inputs() = {contentOf(arguments[1]), contentOf(arguments[2]), contentOf(arguments[3])};
+  if (!XmlDocument::parse(inputs().xml) || !parsePropertyList(inputs().list) || !parseJson(inputs().json))
+    return 66;
   int rest = count - 3;
   arguments[3] = arguments[0];
   benchmark::Initialize(&rest, arguments + 3);

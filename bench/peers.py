@@ -13,6 +13,7 @@ from works import Variant
 PEERS = ("xmlstarlet", "lxml", "augtool", "libxml2", "pugixml")
 # Above so many domains one run takes minutes.
 _MOST = {"xmlstarlet": 1000, "lxml": 1000, "augtool": 10, "libxml2": 10000, "pugixml": 10000}
+_SLOW = ("xmlstarlet", "lxml")
 _LIBRARIES = "usr/lib/x86_64-linux-gnu"
 _SOURCES = Path(__file__).resolve().parent / "peers"
 
@@ -121,9 +122,10 @@ class Peers:
     # --- runs -----------------------------------------------------------------------------------------------
 
     def variants(self, work, count, texts):
-        return [self._variant(name, work, texts) for name in PEERS if count <= _MOST[name]]
+        return [self._variant(name, work, texts, 2 if name in _SLOW and count > 10 else None)
+                for name in PEERS if count <= _MOST[name]]
 
-    def _variant(self, name, work, texts):
+    def _variant(self, name, work, texts, at_most):
         def command(tree):
             words = self.words(name, work, tree, texts)
             return [str(self.tree / "usr/bin" / words[0]) if "/" not in words[0] else words[0], *words[1:]]
@@ -140,7 +142,7 @@ class Peers:
         def calls(tree):
             return [self.tools.calls_of(*command(tree), environment=self._environment)]
 
-        return Variant([(name, READING if work == "read" else FLUSHED)], run, calls)
+        return Variant([(name, READING if work == "read" else FLUSHED)], run, calls, at_most)
 
 
 def _xmlstarlet_edit(kind, root, what, path, *words):

@@ -14,12 +14,13 @@ UNTIL_ANSWER = "daemon started for it, until the answer"
 
 class Variant:
     """`run` measures on a fresh tree and gives a sample for each of its rows, in the order of `rows`; `calls` counts
-    the system calls of the same, for each row or None."""
+    the system calls of the same, for each row or None. What takes very long is run `at_most` so often."""
 
-    def __init__(self, rows, run, calls=None):
+    def __init__(self, rows, run, calls=None, at_most=None):
         self.rows = rows
         self.run = run
         self.calls = calls
+        self.at_most = at_most
 
 
 def _server(tree):
