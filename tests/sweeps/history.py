@@ -18,6 +18,10 @@ SETTINGS_B = {"hosts": ["push.example.com", "c.example.com", "d.example.com"], "
               "jabberdClientPortTLS": 5301, "enableXMPP": True, "savedChatsArchiveInterval": 2, "verbose": False}
 # What is on no disk of a machine, or comes with the installation.
 _ELSEWHERE = ("usr", "run", "lost+found")
+# The journal, and what the last undo has replaced.
+_JOURNAL = "Library/Server/tessardd/journal"
+# Requests that, when they are cut off, are done with the next attempt in place of being undone.
+CARRIED_ON = ("setup", "import", "setKorvsCertificate", "getServiceUser", "changeip")
 _DATABASE = b"SQLite format 3"
 
 
@@ -45,14 +49,15 @@ def makeCertificate(directory):
 
 
 def story(certificate, rounds):
-    """Requests, each of which changes something: a name, and what is to be done with a daemon."""
+    """Requests, each of which changes something: a name, and what is to be done with a daemon. Those of CARRIED_ON do
+    part of their work with programs and databases."""
     steps = [
         ("setup", lambda daemon: ask(daemon, command="initialSetup")),
         ("import", lambda daemon: ask(daemon, "/v1/certificates", file=certificate)),
     ]
 
-    def write(configuration):
-        steps.append(("settings", lambda daemon: ask(daemon, command="writeSettings", configuration=configuration)))
+    def write(configuration, name="settings"):
+        steps.append((name, lambda daemon: ask(daemon, command="writeSettings", configuration=configuration)))
 
     def command(name, **entries):
         steps.append((name, lambda daemon: ask(daemon, command=name, **entries)))
@@ -65,7 +70,7 @@ def story(certificate, rounds):
         if number == 0:
             command("setKorvsCertificate", certificateName="push.example.com")
             command("getServiceUser", service="calendar")
-        write({"changeip": {"oldHost": "push.example.com", "newHost": f"new{number}.example.com"}})
+        write({"changeip": {"oldHost": "push.example.com", "newHost": f"new{number}.example.com"}}, "changeip")
         command("removeService", **service)
     return steps
 
@@ -106,10 +111,17 @@ def treeOf(root):
     for directory, subdirectories, files in os.walk(root):
         if directory == str(root):
             subdirectories[:] = [name for name in subdirectories if name not in _ELSEWHERE]
+        subdirectories[:] = [name for name in subdirectories
+                             if str(Path(directory, name).relative_to(root)) != _JOURNAL]
         for name in subdirectories + files:
             path = Path(directory, name)
             tree[str(path.relative_to(root))] = _entry(path)
     return tree
+
+
+def hasOpenJournal(root):
+    """Whether a request is not at its end, or was cut off and not yet undone."""
+    return (root / _JOURNAL / "open").exists()
 
 
 def _isAccounts(content):
@@ -150,8 +162,13 @@ def _isMadeAnew(name):
 
 def differences(found, wanted):
     """Names under which two trees do not hold the same. An empty directory more is none."""
-    return [name for name in sorted(set(found) | set(wanted))
-            if found.get(name) != wanted.get(name) and not (name not in wanted and found[name][0] == "directory")]
+    def alike(name):
+        if name in found and name in wanted and name.endswith("/jabberd.cfg.bak"):
+            # A daemon that was started since has written the master file once more as it was.
+            return isWhole(name, found[name])
+        return found.get(name) == wanted.get(name) or name not in wanted and found[name][0] == "directory"
+
+    return [name for name in sorted(set(found) | set(wanted)) if not alike(name)]
 
 
 class History:
@@ -187,9 +204,11 @@ class History:
         equal = [number for number, state in enumerate(self.states) if not differences(found, state)]
         if equal:
             return f"lost: the state of {equal} in place of {allowed}"
-        unlike = {number: [f"{name} {self._nature(name, found.get(name))}"
-                           for name in differences(found, self.states[number])] for number in allowed}
-        return "mixed: " + "; ".join(f"against {number}: {', '.join(what)}" for number, what in unlike.items())
+        return "mixed: " + "; ".join(
+            f"against {number}: {self.described(found, differences(found, self.states[number]))}" for number in allowed)
+
+    def described(self, found, names):
+        return ", ".join(f"{name} {self._nature(name, found.get(name))}" for name in names)
 
     def _nature(self, name, entry):
         if entry is None:
@@ -204,4 +223,4 @@ class History:
         return f"has other attributes {entry[:-1]}, as in {same} else" if same else f"is in no state{length}"
 
 
-__all__ = ["History", "Refused", "SETTINGS_A", "SETTINGS_B", "ask", "differences", "makeCertificate", "story", "treeOf"]
+__all__ = ["History", "isWhole", "Refused", "SETTINGS_A", "SETTINGS_B", "ask", "differences", "makeCertificate", "story", "treeOf"]

@@ -22,20 +22,18 @@ _HEAD = struct.Struct("<cQI")
 
 class Format:
     """A kind of file system: its smallest size, since every moment needs a copy, how it is made, with nothing left to
-    be done while the test watches, how it is mounted, and how many copies of one can be mounted at a time."""
+    be done while the test watches, and how it is mounted."""
 
-    def __init__(self, mebibytes, command, options=(), copies=2):
+    def __init__(self, mebibytes, command, options=()):
         self.bytes = mebibytes * 1024 * 1024
         self.command = command
         self.options = ",".join(("loop", "noatime", *options))
-        self.copies = copies
 
 
 FORMATS = {
     "ext4": Format(32, ["mkfs.ext4", "-q", "-F", "-b", "4096", "-J", "size=4", "-E",
                         "nodiscard,lazy_itable_init=0,lazy_journal_init=0"]),
     "xfs": Format(300, ["mkfs.xfs", "-q", "-K"], options=["nouuid"]),
-    "btrfs": Format(110, ["mkfs.btrfs", "-q", "-K"], copies=1),
 }
 
 

@@ -12,7 +12,7 @@ from collections import Counter
 
 import pytest
 
-from history import SETTINGS_A, SETTINGS_B, History, ask, differences, treeOf
+from history import SETTINGS_A, SETTINGS_B, History, ask, differences, hasOpenJournal, treeOf
 from hosttools import Daemon, needsPlugin
 from sweeptools import report, seedOfThisRun, size
 
@@ -115,6 +115,7 @@ class Killing:
         assert not self.history.torn(treeOf(self.root), [acknowledged, further])
         self.killStarts()
         self.start()
+        assert not hasOpenJournal(self.root)
         found = treeOf(self.root)
         wrong = self.history.deviation(found, [acknowledged, further])
         assert wrong is None, f"after {client.done} requests: {wrong}"
