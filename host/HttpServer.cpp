@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <exception>
@@ -164,11 +165,15 @@ int HttpServer::takeUpload(MHD_Connection* connection, Exchange& exchange, const
   std::string& body = exchange.request.body;
   const std::size_t size = body.size() + *uploadSize;
   const bool fits = size <= kBodyLimit;
-  if (!fits || !table_.hold(descriptorOf(connection), size)) {
+  // What it takes, not what is in it: the string would grow to twice its size.
+  const std::size_t room =
+      size <= body.capacity() ? body.capacity() : std::min(std::max(size, 2 * body.capacity()), kBodyLimit);
+  if (!fits || !table_.hold(descriptorOf(connection), room)) {
     // The library takes no answer in the middle of a body, and this one may never end.
     sendNow(descriptorOf(connection), fits ? tooMuch() : tooLarge());
     return MHD_NO;
   }
+  body.reserve(room);
   body.append(upload, *uploadSize);
   *uploadSize = 0;
   return MHD_YES;
@@ -220,7 +225,7 @@ void HttpServer::submit(MHD_Connection* connection, Exchange& exchange, RoutedRe
 
 int HttpServer::queueAnswer(MHD_Connection* connection, HttpAnswer answer) {
   table_.enter(descriptorOf(connection), Phase::answering);
-  table_.holdAnswer(descriptorOf(connection), answer.body.size());
+  table_.holdAnswer(descriptorOf(connection), answer.body.capacity());
   auto body = std::make_unique<std::string>(std::move(answer.body));
   MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
       body->size(), body->data(), [](void* content) { delete static_cast<std::string*>(content); },
