@@ -94,9 +94,9 @@ class Bench:
         tree = self.base.tree(directory, 1)
         said = subprocess.run(
             [self.tools.program("bench_parts"), str(tree.configuration / "c2s.xml"), f"{tree.root}{PREFERENCES}",
-             tree.request("write"), "--benchmark_format=json", "--benchmark_repetitions=5",
+             tree.request("write"), "--benchmark_format=json", "--benchmark_repetitions=5", "--benchmark_min_time=0.05",
              "--benchmark_enable_random_interleaving=true"], check=True, capture_output=True, text=True).stdout
-        for run in json.loads(said)["benchmarks"]:
+        for run in sorted(json.loads(said)["benchmarks"], key=lambda each: each["family_index"]):
             if run["run_type"] == "iteration":
                 name = run["run_name"]
                 floor = name if name.startswith("floor") else PARTS[name.partition(":")[0]]
