@@ -4,6 +4,7 @@ it was written, and what jabberd2 cannot bear is refused before anything is writ
 import json
 import os
 import random
+import re
 import sys
 import time
 from pathlib import Path
@@ -14,8 +15,9 @@ from sweeptools import SANITIZED, report, size
 HERE = Path(__file__).parent
 sys.path.insert(0, str(HERE.parent / "e2e"))
 
+from certificates import CA_FILE, KEY_FILE, make_certificate  # noqa: E402
 from jabberd import components_of  # noqa: E402
-from private_machine import CONFIGURATION, PrivateMachine  # noqa: E402
+from private_machine import CONFIGURATION, MachineError, PrivateMachine  # noqa: E402
 from service import Service  # noqa: E402
 
 ROUNDS = size(short=14, full=400)
@@ -160,3 +162,38 @@ def test_what_jabberd2_cannot_bear_is_refused_before_anything_is_written(served)
         keys.add(key)
     report(f"{chances} writes with a value that cannot be borne, of {len(keys)} keys, all refused")
     assert SANITIZED or len(keys) >= 10
+
+
+def test_router_passwords_as_they_are_drawn_load(served):
+    machine, drawn = served.machine, set()
+    for _ in range(size(short=3, full=60)):
+        machine.run("sh", "-c", f"rm -rf {CONFIGURATION} && /usr/libexec/tessardd/prepare-instance && "
+                                "rm /private/var/jabberd/sqlite/jabberd2_notification.db")
+        assert served.tool("setup").returncode == 0
+        drawn.add(served.router_password())
+        assertLoads(served, {})
+    report(f"{len(drawn)} passwords of the router")
+    assert len(drawn) == size(short=3, full=60)
+
+
+def test_pass_phrases_that_are_kept_open_the_key_in_the_real_component(served):
+    chance, machine = random.Random(SEED), served.machine
+    report(f"seed {SEED} (TESSARD_SEED={SEED} repeats it)")
+    pieces = [piece for piece in PIECES if "\n" not in piece and "\r" not in piece]
+    for number in range(size(short=3, full=60)):
+        phrase = textOf(chance, pieces) + chance.choice(["x", " ", "ü", "'"]) * 4
+        make_certificate(machine, ["a.example.test"], phrase)
+        before = len(machine.system_log())
+        served.post({"command": "writeSettings",
+                     "configuration": {"hosts": ["a.example.test"], "sslKeyFile": KEY_FILE, "sslCAFile": CA_FILE}})
+        assert served.values("c2s.local.private_key_password") == [phrase], (SEED, number)
+        assertLoads(served, {})
+        assert "failed to load" not in machine.system_log()[before:], (SEED, number, phrase)
+    # Had one of them not opened the key, this is what would have been told.
+    text = machine.read(f"{CONFIGURATION}/c2s.xml")
+    machine.write(f"{CONFIGURATION}/c2s.xml", re.sub("private-key-password='[^']*'", "private-key-password='wrong'", text), 0o600, (84, 0))
+    assertLoads(served, {})
+    assert "failed to load" in machine.system_log()[before:]
+    for phrase in EXPANDED[:7]:
+        with pytest.raises(MachineError, match="jabberd would replace"):
+            make_certificate(machine, ["a.example.test"], "of the file " + phrase)
