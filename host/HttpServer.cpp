@@ -2,6 +2,7 @@
 
 #include <microhttpd.h>
 #include <poll.h>
+#include <string.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "common/Format.h"
+#include "host/WipedMemory.h"
 
 namespace tessard {
 
@@ -69,6 +71,7 @@ struct HttpServer::Callbacks {
   static MHD_Result handle(void* server, MHD_Connection* connection, const char* url, const char* method,
                            const char* /*version*/, const char* upload, std::size_t* uploadSize,
                            void** context) {
+    const WipedMemory wiped;
     try {
       return static_cast<MHD_Result>(
           static_cast<HttpServer*>(server)->handle(connection, url, method, upload, uploadSize, context));
@@ -84,6 +87,7 @@ struct HttpServer::Callbacks {
 
   static void completed(void* server, MHD_Connection* connection, void** context,
                         MHD_RequestTerminationCode /*reason*/) {
+    const WipedMemory wiped;
     delete static_cast<Exchange*>(*context);
     *context = nullptr;
     static_cast<HttpServer*>(server)->table_.enter(descriptorOf(connection), Phase::between);
@@ -175,6 +179,8 @@ int HttpServer::takeUpload(MHD_Connection* connection, Exchange& exchange, const
   }
   body.reserve(room);
   body.append(upload, *uploadSize);
+  // The library's own memory, which it uses again and does not wipe.
+  explicit_bzero(const_cast<char*>(upload), *uploadSize);
   *uploadSize = 0;
   return MHD_YES;
 }

@@ -6,6 +6,7 @@
 #include "host/Footprint.h"
 #include "host/JsonCodec.h"
 #include "host/Version.h"
+#include "host/WipedMemory.h"
 
 namespace tessard {
 
@@ -171,8 +172,11 @@ RoutedRequest RequestRouter::routeCertificates(HttpRequest request) const {
   if (body.refusal) return answered(std::move(*body.refusal));
   const std::size_t bytes = footprintOf(body.content);
   return {std::nullopt, "certificate import",
-          [this, request = std::move(request), body = std::move(body)] {
-            return answerTo(request, body.type, certificates_.import(body.content));
+          [this, request = std::move(request), body = std::move(body)]() mutable {
+            const WipedMemory wiped;
+            HttpAnswer answer = answerTo(request, body.type, certificates_.import(body.content));
+            body.content = Dictionary();
+            return answer;
           },
           bytes};
 }

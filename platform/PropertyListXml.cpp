@@ -1,8 +1,13 @@
 #include <expat.h>
+#include <malloc.h>
+#include <string.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -86,6 +91,22 @@ std::optional<Data> dataFrom(std::string_view text) {
   data.bytes += static_cast<char>(bits);
   return data;
 }
+
+void wipeAndFree(void* memory) {
+  if (memory) explicit_bzero(memory, malloc_usable_size(memory));
+  std::free(memory);
+}
+
+void* wipingResize(void* memory, std::size_t size) {
+  void* const resized = std::malloc(size);
+  if (!resized || !memory) return resized;
+  std::memcpy(resized, memory, std::min(size, malloc_usable_size(memory)));
+  wipeAndFree(memory);
+  return resized;
+}
+
+// The parser copies what it reads, and lists that come as requests may hold secrets.
+constexpr XML_Memory_Handling_Suite kWipingMemory = {std::malloc, wipingResize, wipeAndFree};
 
 struct ParserFree {
   void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
@@ -280,7 +301,7 @@ class Builder {
 }  // namespace
 
 Result<Value> parseXmlPropertyList(std::string_view bytes, std::size_t valueLimit) {
-  const Parser parser(XML_ParserCreate(nullptr));
+  const Parser parser(XML_ParserCreate_MM(nullptr, &kWipingMemory, nullptr));
   if (!parser) return SystemError(0, XML_ErrorString(XML_ERROR_NO_MEMORY));
   return Builder(parser.get(), valueLimit).parse(bytes);
 }

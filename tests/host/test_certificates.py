@@ -1,12 +1,14 @@
 """The keychain's certificates over the socket, and with the command-line tool."""
 
 import base64
+import contextlib
 import json
+import plistlib
 import subprocess
 
 import pytest
 
-from hosttools import TerminalTool
+from hosttools import TerminalTool, buildDirectory
 
 PHRASE = "correct horse \u00fc battery"
 SUBJECT = "/UID=com.example.topic/CN=push.example.com"
@@ -151,6 +153,33 @@ def test_the_pass_phrase_is_nowhere_but_in_the_request(daemon, files):
             assert PHRASE.encode() not in file.read_bytes()
     _, said = daemon.end()
     assert PHRASE not in said
+
+
+def memory_of(pid):
+    """All that a process can read, piece by piece."""
+    with open(f"/proc/{pid}/maps", encoding="ascii") as maps, open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
+        for line in maps:
+            first, last = (int(place, 16) for place in line.split()[0].split("-"))
+            # What the kernel shows of itself cannot be read.
+            with contextlib.suppress(OSError, OverflowError, ValueError):
+                memory.seek(first)
+                yield memory.read(last - first)
+
+
+def test_the_pass_phrase_does_not_stay_in_the_daemons_memory(daemon, files):
+    if buildDirectory().name in ("asan", "tsan"):
+        pytest.skip("the sanitizers keep what is given back")
+    # Long enough for memory of its own; a needle is looked for behind its beginning, which lists of free memory cover.
+    mark = b"Zebra crossing 7 of the long pass phrase"
+    phrase = "P" * 40 + mark.decode() + "Q" * 40
+    key = openssl("ec", "-in", files / "key.pem", "-aes128", "-passout", "stdin", input=phrase.encode()).stdout.decode()
+    text = (files / "certificate.pem").read_text() + key
+    for wrong, status in (("", 200), ("x", 400)):
+        for kind, body in (("application/json", json.dumps({"file": text, "passPhrase": wrong + phrase}).encode()),
+                           ("application/xml", plistlib.dumps({"file": text, "passPhrase": wrong + phrase}))):
+            assert daemon.send("POST", "/v1/certificates", body, **{"Content-Type": kind}).status == status
+    assert sum(len(piece) for piece in memory_of(daemon.process.pid)) > 1_000_000
+    assert not [piece for piece in memory_of(daemon.process.pid) if mark in piece]
 
 
 @pytest.mark.parametrize(
