@@ -114,7 +114,9 @@ void certificates(std::string_view input) {
   const auto read = readCertificateFile(file, hasPhrase ? &phrase : nullptr);
   if (read) {
     promiseFile(read.value());
-    promiseImport(file, hasPhrase ? &phrase : nullptr);
+    // Such a pass phrase is refused before the file is looked at.
+    const bool usable = words.find('\0') == std::string_view::npos;
+    if (usable) promiseImport(file, hasPhrase ? &phrase : nullptr);
   } else {
     promise(!read.error().text.empty(), "a refusal has a reason");
   }
