@@ -9,6 +9,7 @@ import json
 import os
 import platform
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -177,7 +178,11 @@ def main():
                         help="a directory on a disk with ext4 (default %(default)s)")
     options = parser.parse_args()
     in_own_mounts()
-    largest = max(options.domains or [3 if options.short else 1000 if options.only == "read" else 10000])
+    # What is told to end leaves nothing behind.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+    plan = SHORT if options.short else FULL
+    planned = [count for section in plan if options.only in (None, section) for count in plan[section]]
+    largest = max(options.domains or planned or [1])
     with (tempfile.TemporaryDirectory(prefix="tessard-bench-") as scratch,
           places.places(options.directory, next(size for count, size in MEBIBYTES.items() if count >= largest)) as file_systems):
         os.chmod(scratch, 0o755)
