@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,9 +13,8 @@
 
 namespace tessard {
 
-struct XmlNodeData;
-struct XmlDocumentNode;
-struct XmlTree;
+struct XmlDocumentRecord;
+class XmlTree;
 
 /// Error codes of `XmlDocument` that are not the parser's own (those are below 1000).
 enum XmlErrorCode : int {
@@ -34,7 +34,8 @@ inline constexpr std::size_t kXmlSizeLimit = std::size_t{256} * 1024 * 1024;
 /// that was just made, has no parent until it is appended; its handles stay good, before and after. Texts go
 /// in and out as UTF-8, whatever the encoding of the file.
 ///
-/// Not safe for use by several threads at once: nodes of one tree share state.
+/// Not safe for use by several threads at once: nodes of one tree share state, and so do the documents that
+/// were copied from each other.
 class XmlNode {
  public:
   enum class Kind { element, comment, text, other };
@@ -45,8 +46,8 @@ class XmlNode {
   static XmlNode makeElement(std::string_view name, std::string_view text);
   static XmlNode makeComment(std::string_view text);
 
-  explicit operator bool() const { return node_ != nullptr; }
-  bool operator==(const XmlNode& other) const { return node_ == other.node_; }
+  explicit operator bool() const { return node_ != 0; }
+  bool operator==(const XmlNode& other) const;
 
   Kind kind() const;
   bool isElement() const { return node_ && kind() == Kind::element; }
@@ -96,23 +97,46 @@ class XmlNode {
   /// afresh into a tree of its own. Otherwise an empty handle.
   XmlNode elementInComment() const;
 
+  /// False when `elementInComment` can give no element of that name: most comments are told apart so, without
+  /// a parse.
+  bool mayHoldElementNamed(std::string_view name) const;
+
  private:
   friend class XmlDocument;
-  XmlNode(std::shared_ptr<XmlTree> tree, XmlNodeData* node);
-  XmlNode sameTree(XmlNodeData* node) const;
+  XmlNode(std::shared_ptr<XmlTree> tree, std::uint32_t node);
+  XmlNode sameTree(std::uint32_t node) const;
+  XmlTree& tree() const;
 
-  std::shared_ptr<XmlTree> tree_;
-  XmlNodeData* node_ = nullptr;
+  // Brought up to date when the tree has moved into another one.
+  mutable std::shared_ptr<XmlTree> tree_;
+  mutable std::uint32_t node_ = 0;
 };
 
 /// An XML file in memory. Writing it out gives back, byte for byte, what was read wherever nothing was
-/// changed. Copies share one tree.
+/// changed. Assigning shares one tree; `copy` makes another.
 class XmlDocument {
  public:
   /// Parses strictly, by the rules of the parser that jabberd2 itself uses (without namespaces): what that
   /// refuses fails with its error code and a description that names the line. Document type declarations and
   /// UTF-16 are refused with codes of our own, and nothing is ever fetched.
   static Result<XmlDocument> parse(std::string bytes);
+
+  /// The document that `parse` would make of the bytes, without a parse: an independent one that shares with
+  /// this one what is the same in both. Absent, at little cost, unless this one is as `parse` made it and the
+  /// bytes differ from its own in nothing but plain texts between tags (printable ASCII without markup).
+  std::optional<XmlDocument> parseLike(std::string_view bytes) const;
+
+  /// A document with the same content. A change of one never shows in the other; what neither has changed is
+  /// kept once, so that this costs little.
+  XmlDocument copy() const;
+
+  /// How many nodes the document's tree keeps, and how many of them it was read with: the rest was made
+  /// since, and much of that is no longer part of it.
+  struct Weight {
+    std::size_t nodes;
+    std::size_t read;
+  };
+  Weight weight() const;
 
   /// Empty only when the root was appended to another tree.
   XmlNode root() const;
@@ -125,10 +149,11 @@ class XmlDocument {
   Result<std::string> serialize() const;
 
  private:
-  XmlDocument(std::shared_ptr<XmlTree> tree, XmlDocumentNode* document);
+  XmlDocument(std::shared_ptr<XmlTree> tree, XmlDocumentRecord* document);
+  const XmlTree& tree() const;
 
-  std::shared_ptr<XmlTree> tree_;
-  XmlDocumentNode* document_;
+  mutable std::shared_ptr<XmlTree> tree_;
+  XmlDocumentRecord* document_;
 };
 
 }  // namespace tessard

@@ -174,8 +174,7 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
 
  private:
   std::optional<std::vector<MatchEntry>> matchingChildren(
-      std::string_view path, const std::string& parent, const XmlNode& base,
-      const std::optional<AttributeFilter>& attributes) const;
+      std::string_view path, const XmlNode& base, const std::optional<AttributeFilter>& attributes) const;
   void keepDocumentAsSaved(FileTime now);
   void readDocument(FileTime now);
   void addMissingNode(const std::optional<std::string>& value, std::string_view path, int nodeState);

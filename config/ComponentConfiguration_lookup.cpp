@@ -1,12 +1,17 @@
-#include "common/Format.h"
 #include "config/ComponentConfiguration.h"
 
 namespace tessard {
 
 namespace {
 
-std::string joined(std::string_view parent, std::string_view name) {
-  return fill("%@.%@", {parent, name});
+// All segments of a path but the last, and the last; empty without a dot.
+std::string_view parentOf(std::string_view path) {
+  const std::size_t dot = path.rfind('.');
+  return path.substr(0, dot == std::string_view::npos ? 0 : dot);
+}
+
+std::string_view lastSegmentOf(std::string_view path) {
+  return path.substr(path.rfind('.') + 1);
 }
 
 // Whether the path is `base` or lies somewhere below it.
@@ -41,13 +46,15 @@ std::optional<std::vector<MatchEntry>>
 NOTIFICATION_PLUGIN_ComponentConfiguration::getChildNodesForPath_fromBase_basePath_withAttributes(
     std::string_view path, const XmlNode& base, std::string_view basePath,
     const std::optional<AttributeFilter>& attributes) const {
-  const std::string parent = parentPathFromPath(path);
-  if (parent == basePath) return matchingChildren(path, parent, base, attributes);
+  const std::string_view parent = parentOf(path);
+  if (parent == basePath) return matchingChildren(path, base, attributes);
   if (!isAtOrBelow(parent, basePath)) return std::nullopt;
+  // Names may hold dots, so that more than one of them can lead on.
+  const std::string_view below = parent.substr(basePath.size() + 1);
   for (XmlNode child = base.firstChild(); child; child = child.nextSibling()) {
-    if (!child.isElement()) continue;
-    const std::string childPath = joined(basePath, child.name());
-    if (!isAtOrBelow(parent, childPath)) continue;
+    const std::string_view name = child.name();
+    if (!child.isElement() || !isAtOrBelow(below, name)) continue;
+    const std::string_view childPath = parent.substr(0, basePath.size() + 1 + name.size());
     auto found = getChildNodesForPath_fromBase_basePath_withAttributes(path, child, childPath, attributes);
     if (found) return found;
   }
@@ -55,15 +62,17 @@ NOTIFICATION_PLUGIN_ComponentConfiguration::getChildNodesForPath_fromBase_basePa
 }
 
 std::optional<std::vector<MatchEntry>> NOTIFICATION_PLUGIN_ComponentConfiguration::matchingChildren(
-    std::string_view path, const std::string& parent, const XmlNode& base,
-    const std::optional<AttributeFilter>& attributes) const {
+    std::string_view path, const XmlNode& base, const std::optional<AttributeFilter>& attributes) const {
+  const std::string_view name = lastSegmentOf(path);
+  if (name.empty() || name.size() == path.size()) return std::nullopt;
   std::vector<MatchEntry> matches;
   for (XmlNode child = base.firstChild(); child; child = child.nextSibling()) {
     const bool live = child.isElement();
-    const XmlNode element = live ? child : elementNodeWithCommentNode(child);
-    if (!element || joined(parent, element.name()) != path) continue;
+    if (live ? child.name() != name : !child.mayHoldElementNamed(name)) continue;
+    if (!live && elementNodeWithCommentNode(child).name() != name) continue;
     if (live && attributes && !matchNode_withAttributes(child, *attributes)) continue;
-    matches.push_back({child, std::string(path), parent, live ? kNodeLive : kNodeSwitchedOff});
+    matches.push_back(
+        {child, std::string(path), std::string(parentOf(path)), live ? kNodeLive : kNodeSwitchedOff});
   }
   if (matches.empty()) return std::nullopt;
   return matches;
@@ -102,12 +111,11 @@ std::optional<std::string> NOTIFICATION_PLUGIN_ComponentConfiguration::getString
 }
 
 std::string NOTIFICATION_PLUGIN_ComponentConfiguration::nodeNameFromPath(std::string_view path) const {
-  return std::string(path.substr(path.rfind('.') + 1));
+  return std::string(lastSegmentOf(path));
 }
 
 std::string NOTIFICATION_PLUGIN_ComponentConfiguration::parentPathFromPath(std::string_view path) const {
-  const std::size_t dot = path.rfind('.');
-  return std::string(path.substr(0, dot == std::string_view::npos ? 0 : dot));
+  return std::string(parentOf(path));
 }
 
 }  // namespace tessard

@@ -15,17 +15,17 @@ constexpr std::string_view kDefaultUnit = "  ";
 // more children than this on its last line is laid out without their example.
 constexpr int kSiblingsLookedAt = 100;
 
-bool isText(const XmlNodeData* node) {
-  return node && node->kind == Kind::text;
+bool isText(const XmlTree& tree, XmlNodeId node) {
+  return node && tree[node].kind == Kind::text;
 }
-bool isWhiteText(const XmlNodeData* node) {
-  return isText(node) && node->white;
+bool isWhiteText(const XmlTree& tree, XmlNodeId node) {
+  return isText(tree, node) && tree[node].white;
 }
 
 /// The white space before a node when it is the first on its line.
-std::optional<std::string_view> indentationOf(const XmlNodeData& node) {
-  if (!isText(node.previous)) return std::nullopt;
-  const std::string_view before = node.previous->bytes();
+std::optional<std::string_view> indentationOf(const XmlTree& tree, XmlNodeId node) {
+  if (!isText(tree, tree[node].previous)) return std::nullopt;
+  const std::string_view before = tree.bytes(tree[tree[node].previous]);
   const std::size_t lineEnd = before.find_last_of("\r\n");
   if (lineEnd == kNowhere) return std::nullopt;
   const std::string_view indentation = before.substr(lineEnd + 1);
@@ -34,9 +34,9 @@ std::optional<std::string_view> indentationOf(const XmlNodeData& node) {
 }
 
 /// The indentation of the line that an element stands on, as far as its ancestors tell.
-std::string_view lineIndentationOf(const XmlNodeData& element) {
-  for (const XmlNodeData* at = &element; at; at = at->parent) {
-    if (const auto indentation = indentationOf(*at)) return *indentation;
+std::string_view lineIndentationOf(const XmlTree& tree, XmlNodeId element) {
+  for (XmlNodeId at = element; at; at = tree[at].parent) {
+    if (const auto indentation = indentationOf(tree, at)) return *indentation;
   }
   return {};
 }
@@ -45,21 +45,17 @@ bool setsExample(const XmlNodeData& node) {
   return node.kind == Kind::element || node.kind == Kind::comment;
 }
 
-XmlNodeData* following(XmlNodeData* node) {
-  if (node->firstChild) return node->firstChild;
-  while (node && !node->next) node = node->parent;
-  return node ? node->next : nullptr;
-}
-
 /// What one level adds to the indentation: the first example of a child that stands deeper than its parent.
-const std::string& indentationUnitOf(XmlDocumentNode& document) {
+const std::string& indentationUnitOf(const XmlTree& tree, XmlDocumentRecord& document) {
   if (document.indentationUnit) return *document.indentationUnit;
   document.indentationUnit = std::string(kDefaultUnit);
-  for (XmlNodeData* node = document.firstChild; node; node = following(node)) {
-    if (!setsExample(*node) || node->parent == &document) continue;
-    const auto inner = indentationOf(*node);
+  const XmlNodeId top = document.node;
+  for (XmlNodeId node = tree[top].firstChild; node; node = followingWithin(tree, node, top)) {
+    const XmlNodeId parent = tree[node].parent;
+    if (!setsExample(tree[node]) || parent == top) continue;
+    const auto inner = indentationOf(tree, node);
     const auto outer =
-        node->parent->parent == &document ? lineIndentationOf(*node->parent) : indentationOf(*node->parent);
+        tree[parent].parent == top ? lineIndentationOf(tree, parent) : indentationOf(tree, parent);
     if (!inner || !outer || inner->size() <= outer->size() || !inner->starts_with(*outer)) continue;
     document.indentationUnit = std::string(inner->substr(outer->size()));
     break;
@@ -68,138 +64,147 @@ const std::string& indentationUnitOf(XmlDocumentNode& document) {
 }
 
 /// The indentation of the parent's last children that begin a line.
-std::optional<std::string> exampleAmongChildren(const XmlNodeData& parent) {
-  const XmlNodeData* child = parent.lastChild;
-  for (int looked = 0; child && looked < kSiblingsLookedAt; child = child->previous, ++looked) {
-    if (!setsExample(*child)) continue;
-    if (const auto indentation = indentationOf(*child)) return std::string(*indentation);
+std::optional<std::string> exampleAmongChildren(const XmlTree& tree, XmlNodeId parent) {
+  XmlNodeId child = tree[parent].lastChild;
+  for (int looked = 0; child && looked < kSiblingsLookedAt; child = tree[child].previous, ++looked) {
+    if (!setsExample(tree[child])) continue;
+    if (const auto indentation = indentationOf(tree, child)) return std::string(*indentation);
   }
   return std::nullopt;
 }
 
-XmlNodeData& makeWhite(XmlTree& tree, std::string bytes) {
-  XmlNodeData& white = *tree.make(Kind::text);
-  white.white = true;
-  white.own = std::make_unique<std::string>(std::move(bytes));
+XmlNodeId makeWhite(XmlTree& tree, std::string bytes) {
+  const XmlNodeId white = tree.make(Kind::text);
+  tree.setBytes(white, std::move(bytes));
+  tree.edit(white).white = true;
   return white;
 }
 
 /// Gives the children of an element made here lines of their own, once it stands in a document. Deeper than
 /// the limit nothing can be written, so nothing is laid out there.
-void layOutMade(XmlTree& tree, XmlNodeData& element, XmlDocumentNode& document,
-                const std::string& indentation, std::size_t depth) {
-  if (element.kind != Kind::element || element.raw || !element.firstChild || depth > kXmlDepthLimit) return;
-  for (const XmlNodeData* child = element.firstChild; child; child = child->next) {
-    if (child->kind == Kind::text) return;
+void layOutMade(XmlTree& tree, XmlNodeId element, XmlDocumentRecord& document, const std::string& indentation,
+                std::size_t depth) {
+  const XmlNodeData& made = tree[element];
+  if (made.kind != Kind::element || made.raw || !made.firstChild || depth > kXmlDepthLimit) return;
+  for (XmlNodeId child = made.firstChild; child; child = tree[child].next) {
+    if (tree[child].kind == Kind::text) return;
   }
   const std::string lineEnd(document.lineEnd);
-  const std::string inner = indentation + indentationUnitOf(document);
-  for (XmlNodeData* child = element.firstChild; child; child = child->next) {
-    linkAfter(element, child->previous, makeWhite(tree, lineEnd + inner));
-    layOutMade(tree, *child, document, inner, depth + 1);
+  const std::string inner = indentation + indentationUnitOf(tree, document);
+  for (XmlNodeId child = tree[element].firstChild; child; child = tree[child].next) {
+    linkAfter(tree, element, tree[child].previous, makeWhite(tree, lineEnd + inner));
+    layOutMade(tree, child, document, inner, depth + 1);
   }
-  linkAfter(element, element.lastChild, makeWhite(tree, lineEnd + indentation));
+  linkAfter(tree, element, tree[element].lastChild, makeWhite(tree, lineEnd + indentation));
 }
 
-void appendOnOwnLine(XmlTree& tree, XmlNodeData& parent, XmlNodeData* last, XmlNodeData& child,
-                     XmlDocumentNode& document) {
+void appendOnOwnLine(XmlTree& tree, XmlNodeId parent, XmlNodeId last, XmlNodeId child,
+                     XmlDocumentRecord& document) {
   const std::string lineEnd(document.lineEnd);
-  const std::string outer(lineIndentationOf(parent));
-  std::optional<std::string> indentation = exampleAmongChildren(parent);
-  if (!indentation) indentation = outer + indentationUnitOf(document);
+  const std::string outer(lineIndentationOf(tree, parent));
+  std::optional<std::string> indentation = exampleAmongChildren(tree, parent);
+  if (!indentation) indentation = outer + indentationUnitOf(tree, document);
 
-  XmlNodeData* const tail = last ? last->next : parent.firstChild;
+  const XmlNodeId tail = last ? tree[last].next : tree[parent].firstChild;
   if (!tail) {
-    linkAfter(parent, last, makeWhite(tree, lineEnd + outer));
-  } else if (lastLineEnd(tail->bytes()) == kNowhere) {
-    tail->own = std::make_unique<std::string>(lineEnd + outer);
-    tail->added = false;
+    linkAfter(tree, parent, last, makeWhite(tree, lineEnd + outer));
+  } else if (lastLineEnd(tree.bytes(tree[tail])) == kNowhere) {
+    tree.setBytes(tail, lineEnd + outer);
+    tree.edit(tail).added = false;
   }
-  XmlNodeData& before = makeWhite(tree, lineEnd + *indentation);
-  linkAfter(parent, last, before);
-  linkAfter(parent, &before, child);
+  const XmlNodeId before = makeWhite(tree, lineEnd + *indentation);
+  linkAfter(tree, parent, last, before);
+  linkAfter(tree, parent, before, child);
   layOutMade(tree, child, document, *indentation, 0);
 }
 
 /// Makes one text of two neighbours.
-void mergeIntoFirst(XmlNodeData& first, XmlNodeData& second) {
-  const auto markup = [](const XmlNodeData& text) {
-    return text.encoding == XmlEncoding::latin1 ? escapeXmlText(decodeXmlText(text.bytes(), text.encoding))
-                                                : std::string(text.bytes());
-  };
+void mergeIntoFirst(XmlTree& tree, XmlNodeId firstId, XmlNodeId secondId) {
+  const XmlNodeData first = tree[firstId];
+  const XmlNodeData second = tree[secondId];
   const bool sameEncoding = first.encoding == second.encoding;
-  const bool white = first.white && second.white;
-  XmlNodeData& parent = *first.parent;
-  if (!first.own) first.own = std::make_unique<std::string>(first.bytes());
+  const auto markup = [&](const XmlNodeData& text) {
+    const bool foreign = !sameEncoding && text.encoding == XmlEncoding::latin1;
+    return foreign ? escapeXmlText(decodeXmlText(tree.bytes(text), text.encoding))
+                   : std::string(tree.bytes(text));
+  };
+  std::string more = markup(second);
   if (!sameEncoding) {
-    *first.own = markup(first);
-    first.encoding = XmlEncoding::utf8;
+    tree.setBytes(firstId, markup(first));
+    tree.edit(firstId).encoding = XmlEncoding::utf8;
   }
-  std::string more = sameEncoding ? std::string(second.bytes()) : markup(second);
+  std::string& merged = tree.editBytes(firstId);
   // "]]" and ">" may stand apart, but not together.
   const std::size_t bracket = more.find_first_not_of(']');
-  if (bracket != kNowhere && more[bracket] == '>' && first.own->ends_with(']')) {
+  if (bracket != kNowhere && more[bracket] == '>' && merged.ends_with(']')) {
     more.replace(bracket, 1, "&gt;");
   }
-  first.own->append(more);
-  first.added = first.added && second.added;
-  unlink(second);
-  if (first.white && !white) ++parent.realTexts;
-  first.white = white;
+  merged += more;
+  unlink(tree, secondId);
+  const bool white = first.white && second.white;
+  if (first.white && !white) ++tree.edit(first.parent).realTexts;
+  XmlNodeData& kept = tree.edit(firstId);
+  kept.white = white;
+  kept.added = first.added && second.added;
 }
 
 /// Takes away what belongs to a node between two white spaces: its line when it is alone there, else the
 /// blanks on one side of it.
-void removeWhiteAround(XmlNodeData& node) {
-  XmlNodeData& before = *node.previous;
-  XmlNodeData& after = *node.next;
-  const std::size_t kept = lastLineEnd(before.bytes());
+void removeWhiteAround(XmlTree& tree, XmlNodeId node) {
+  const XmlNodeId before = tree[node].previous;
+  const XmlNodeId after = tree[node].next;
+  const std::string_view white = tree.bytes(tree[before]);
+  const bool lineFollows = beginsWithLineEnd(tree.bytes(tree[after]));
+  const std::size_t kept = lastLineEnd(white);
   if (kept == kNowhere || kept == 0) {
-    const bool alone = kept == kNowhere || beginsWithLineEnd(after.bytes());
-    unlink(alone ? before : after);
-  } else if (!beginsWithLineEnd(after.bytes())) {
-    unlink(after);
-  } else if (before.own) {
-    before.own->resize(kept);
+    unlink(tree, kept == kNowhere || lineFollows ? before : after);
+  } else if (!lineFollows) {
+    unlink(tree, after);
+  } else if (tree[before].own) {
+    tree.editBytes(before).resize(kept);
   } else {
-    before.rawLength = static_cast<std::uint32_t>(kept);
+    tree.edit(before).rawLength = static_cast<std::uint32_t>(kept);
   }
 }
 
 }  // namespace
 
-void removeWithLayout(XmlNodeData& node) {
-  XmlNodeData& parent = *node.parent;
-  const bool layout = parent.kind == Kind::element && parent.realTexts == 0 && node.kind != Kind::text;
+void removeWithLayout(XmlTree& tree, XmlNodeId node) {
+  const XmlNodeId parent = tree[node].parent;
+  const bool layout =
+      tree[parent].kind == Kind::element && tree[parent].realTexts == 0 && tree[node].kind != Kind::text;
   // The node may be the last example of how deep a level is.
-  XmlDocumentNode* const document = documentOf(node);
-  if (document && document->hasLayout) indentationUnitOf(*document);
-  if (layout && isText(node.previous) && isText(node.next)) removeWhiteAround(node);
-  XmlNodeData* const before = node.previous;
-  XmlNodeData* const after = node.next;
-  unlink(node);
-  if (isText(before) && isText(after)) mergeIntoFirst(*before, *after);
-  if (!parent.firstChild) parent.emptied = true;
+  XmlDocumentRecord* const document = tree.documentOf(node);
+  if (document && document->hasLayout) indentationUnitOf(tree, *document);
+  if (layout && isText(tree, tree[node].previous) && isText(tree, tree[node].next)) {
+    removeWhiteAround(tree, node);
+  }
+  const XmlNodeId before = tree[node].previous;
+  const XmlNodeId after = tree[node].next;
+  unlink(tree, node);
+  if (isText(tree, before) && isText(tree, after)) mergeIntoFirst(tree, before, after);
+  if (!tree[parent].firstChild) tree.edit(parent).emptied = true;
 }
 
-void appendWithLayout(XmlTree& tree, XmlNodeData& parent, XmlNodeData& child) {
-  XmlNodeData* last = parent.lastChild;
-  if (child.kind == Kind::text) {
+void appendWithLayout(XmlTree& tree, XmlNodeId parent, XmlNodeId child) {
+  XmlNodeId last = tree[parent].lastChild;
+  if (tree[child].kind == Kind::text) {
     // Escaped anew, since it may come to stand right after another text.
-    const bool added = child.added;
-    if (isText(last)) setTextMarkup(child, escapeXmlText(decodeXmlText(child.bytes(), child.encoding)));
-    child.added = added;
-    linkAfter(parent, last, child);
+    const bool added = tree[child].added;
+    if (isText(tree, last)) {
+      setTextMarkup(tree, child, escapeXmlText(decodeXmlText(tree.bytes(tree[child]), tree[child].encoding)));
+    }
+    tree.edit(child).added = added;
+    linkAfter(tree, parent, last, child);
     return;
   }
-  if (parent.realTexts == 0) {
-    while (isWhiteText(last)) last = last->previous;
-  }
-  XmlDocumentNode* const document = documentOf(parent);
-  if (parent.realTexts == 0 && document && document->hasLayout) {
+  const bool realTexts = tree[parent].realTexts > 0;
+  while (!realTexts && isWhiteText(tree, last)) last = tree[last].previous;
+  XmlDocumentRecord* const document = tree.documentOf(parent);
+  if (!realTexts && document && document->hasLayout) {
     appendOnOwnLine(tree, parent, last, child, *document);
   } else {
-    linkAfter(parent, last, child);
+    linkAfter(tree, parent, last, child);
   }
 }
 

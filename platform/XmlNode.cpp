@@ -13,40 +13,44 @@ using DataKind = XmlNodeData::Kind;
 constexpr std::string_view kCommentStart = "<!--";
 constexpr std::string_view kCommentEnd = "-->";
 
-/// The node after `node` in document order within `top`.
-const XmlNodeData* following(const XmlNodeData* node, const XmlNodeData* top) {
-  if (node->firstChild) return node->firstChild;
-  while (node != top && !node->next) node = node->parent;
-  return node == top ? nullptr : node->next;
-}
-
-void replaceContent(XmlTree& tree, XmlNodeData& element, std::string_view text) {
-  XmlNodeData* const only = element.firstChild;
-  const bool oneText = only && !only->next && only->kind == DataKind::text;
-  if (oneText && decodeXmlText(only->bytes(), only->encoding) == text) return;
+void replaceContent(XmlTree& tree, XmlNodeId element, std::string_view text) {
+  const XmlNodeId only = tree[element].firstChild;
+  const bool oneText = only && !tree[only].next && tree[only].kind == DataKind::text;
+  if (oneText && decodeXmlText(tree.bytes(tree[only]), tree[only].encoding) == text) return;
   if (oneText && !text.empty()) {
-    setTextMarkup(*only, escapeXmlText(text));
+    setTextMarkup(tree, only, escapeXmlText(text));
     return;
   }
-  if (element.firstChild) element.emptied = true;
-  while (element.firstChild) unlink(*element.firstChild);
+  if (only) tree.edit(element).emptied = true;
+  while (tree[element].firstChild) unlink(tree, tree[element].firstChild);
   if (text.empty()) return;
-  XmlNodeData& content = *tree.make(DataKind::text);
-  setTextMarkup(content, escapeXmlText(text));
-  linkAfter(element, nullptr, content);
+  const XmlNodeId content = tree.make(DataKind::text);
+  setTextMarkup(tree, content, escapeXmlText(text));
+  linkAfter(tree, element, 0, content);
 }
 
-bool isAncestorOrSelf(const XmlNodeData* candidate, const XmlNodeData* node) {
-  while (node && node != candidate) node = node->parent;
+bool isAncestorOrSelf(const XmlTree& tree, XmlNodeId candidate, XmlNodeId node) {
+  while (node && node != candidate) node = tree[node].parent;
   return node;
+}
+
+/// What stands between the marks of a comment, as its bytes have it.
+std::string_view insideOf(std::string_view comment) {
+  comment.remove_prefix(kCommentStart.size());
+  comment.remove_suffix(kCommentEnd.size());
+  return comment;
+}
+
+/// The name of the element that a comment begins with; empty for prose.
+std::string_view nameInside(std::string_view comment) {
+  const std::string_view text = insideOf(comment);
+  return text.starts_with('<') ? nameInTag(text) : std::string_view();
 }
 
 }  // namespace
 
-std::string commentText(const XmlNodeData& comment) {
-  std::string_view text = comment.bytes();
-  text.remove_prefix(kCommentStart.size());
-  text.remove_suffix(kCommentEnd.size());
+std::string commentText(const XmlTree& tree, XmlNodeId comment) {
+  const std::string_view text = insideOf(tree.bytes(tree[comment]));
   std::string decoded;
   decoded.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -57,47 +61,59 @@ std::string commentText(const XmlNodeData& comment) {
       decoded += text[i];
     }
   }
-  return comment.encoding == XmlEncoding::latin1 ? toUtf8(decoded, comment.encoding) : decoded;
+  const XmlEncoding encoding = tree[comment].encoding;
+  return encoding == XmlEncoding::latin1 ? toUtf8(decoded, encoding) : decoded;
 }
 
 std::string commentMarkup(std::string_view text) {
   return std::string(kCommentStart) + escapeXmlComment(text) + std::string(kCommentEnd);
 }
 
-XmlNode::XmlNode(std::shared_ptr<XmlTree> tree, XmlNodeData* node)
-    : tree_(node ? XmlTree::current(std::move(tree)) : nullptr), node_(node) {}
+XmlNode::XmlNode(std::shared_ptr<XmlTree> tree, std::uint32_t node)
+    : tree_(node ? std::move(tree) : nullptr), node_(node) {}
 
-XmlNode XmlNode::sameTree(XmlNodeData* node) const {
+XmlTree& XmlNode::tree() const {
+  XmlTree::follow(tree_, node_);
+  return *tree_;
+}
+
+XmlNode XmlNode::sameTree(std::uint32_t node) const {
   return node ? XmlNode(tree_, node) : XmlNode();
+}
+
+bool XmlNode::operator==(const XmlNode& other) const {
+  if (!node_ || !other.node_) return node_ == other.node_;
+  return &tree() == &other.tree() && node_ == other.node_;
 }
 
 XmlNode XmlNode::makeElement(std::string_view name, std::string_view text) {
   auto tree = std::make_shared<XmlTree>();
-  XmlNodeData& element = *tree->make(DataKind::element);
+  const XmlNodeId element = tree->make(DataKind::element);
   if (isXmlName(name)) {
-    element.own = std::make_unique<std::string>("<" + std::string(name) + "/>");
+    tree->setBytes(element, "<" + std::string(name) + "/>");
   } else {
-    element.own = std::make_unique<std::string>("<_/>");
-    element.nameApart = true;
-    element.unwritable = true;
-    tree->names.emplace(&element, name);
+    tree->setBytes(element, "<_/>");
+    XmlNodeData& made = tree->edit(element);
+    made.nameApart = true;
+    made.unwritable = true;
+    tree->names.emplace(element, name);
   }
   replaceContent(*tree, element, text);
-  return XmlNode(std::move(tree), &element);
+  return XmlNode(std::move(tree), element);
 }
 
 XmlNode XmlNode::makeComment(std::string_view text) {
   auto tree = std::make_shared<XmlTree>();
-  tree->nodesAtOnce = 1;
-  XmlNodeData& comment = *tree->make(DataKind::comment);
-  comment.own = std::make_unique<std::string>(commentMarkup(text));
-  comment.added = true;
-  return XmlNode(std::move(tree), &comment);
+  const XmlNodeId comment = tree->make(DataKind::comment);
+  tree->setBytes(comment, commentMarkup(text));
+  tree->edit(comment).added = true;
+  return XmlNode(std::move(tree), comment);
 }
 
 XmlNode::Kind XmlNode::kind() const {
   if (!node_) return Kind::other;
-  switch (node_->kind) {
+  const XmlTree& tree = this->tree();
+  switch (tree[node_].kind) {
     case DataKind::element:
       return Kind::element;
     case DataKind::comment:
@@ -111,120 +127,149 @@ XmlNode::Kind XmlNode::kind() const {
 
 std::string_view XmlNode::name() const {
   if (!isElement()) return {};
-  if (!node_->nameApart) return rawNameOf(*node_);
-  return XmlTree::current(tree_)->names.at(node_);
+  const XmlTree& tree = this->tree();
+  return tree[node_].nameApart ? tree.names.at(node_) : nameInTag(tree.bytes(tree[node_]));
 }
 
 std::string XmlNode::stringValue() const {
+  if (!node_) return {};
+  const XmlTree& tree = this->tree();
   switch (kind()) {
     case Kind::comment:
-      return commentText(*node_);
+      return commentText(tree, node_);
     case Kind::text:
-      return decodeXmlText(node_->bytes(), node_->encoding);
+      return decodeXmlText(tree.bytes(tree[node_]), tree[node_].encoding);
     case Kind::element:
       break;
     default:
       return {};
   }
   std::string value;
-  for (const XmlNodeData* at = following(node_, node_); at; at = following(at, node_)) {
-    if (at->kind == DataKind::text) value += decodeXmlText(at->bytes(), at->encoding);
+  for (XmlNodeId at = followingWithin(tree, node_, node_); at; at = followingWithin(tree, at, node_)) {
+    if (tree[at].kind == DataKind::text) value += decodeXmlText(tree.bytes(tree[at]), tree[at].encoding);
   }
   return value;
 }
 
 void XmlNode::setStringValue(std::string_view text) const {
+  if (!node_) return;
+  XmlTree& tree = this->tree();
   switch (kind()) {
     case Kind::element:
-      replaceContent(*XmlTree::current(tree_), *node_, text);
+      replaceContent(tree, node_, text);
       break;
     case Kind::text:
-      setTextMarkup(*node_, escapeXmlText(text));
+      setTextMarkup(tree, node_, escapeXmlText(text));
       break;
-    case Kind::comment:
-      if (commentText(*node_) == text) return;
-      node_->own = std::make_unique<std::string>(commentMarkup(text));
-      node_->encoding = XmlEncoding::utf8;
-      node_->added = true;
+    case Kind::comment: {
+      if (commentText(tree, node_) == text) return;
+      tree.setBytes(node_, commentMarkup(text));
+      XmlNodeData& comment = tree.edit(node_);
+      comment.encoding = XmlEncoding::utf8;
+      comment.added = true;
       break;
+    }
     default:
       return;
   }
-  markChanged(*node_);
+  tree.markChanged(node_);
 }
 
 XmlNode XmlNode::parent() const {
-  if (!node_ || !node_->parent || node_->parent->kind == DataKind::document) return {};
-  return sameTree(node_->parent);
+  if (!node_) return {};
+  const XmlTree& tree = this->tree();
+  const XmlNodeId parent = tree[node_].parent;
+  if (!parent || tree[parent].kind == DataKind::document) return {};
+  return sameTree(parent);
 }
 
 std::vector<XmlNode> XmlNode::children() const {
   std::vector<XmlNode> nodes;
-  for (XmlNodeData* child = node_ ? node_->firstChild : nullptr; child; child = child->next) {
-    nodes.push_back(sameTree(child));
-  }
+  for (XmlNode child = firstChild(); child; child = child.nextSibling()) nodes.push_back(child);
   return nodes;
 }
 
 XmlNode XmlNode::firstChild() const {
-  return node_ ? sameTree(node_->firstChild) : XmlNode();
+  if (!node_) return {};
+  const XmlTree& tree = this->tree();
+  return sameTree(tree[node_].firstChild);
 }
 
 XmlNode XmlNode::nextSibling() const {
-  return node_ ? sameTree(node_->next) : XmlNode();
+  if (!node_) return {};
+  const XmlTree& tree = this->tree();
+  return sameTree(tree[node_].next);
 }
 
 std::optional<std::string> XmlNode::attribute(std::string_view name) const {
   if (!isElement()) return std::nullopt;
-  return attributeOf(*node_, name);
+  const XmlTree& tree = this->tree();
+  return attributeOf(tree, node_, name);
 }
 
 std::vector<std::pair<std::string, std::string>> XmlNode::attributes() const {
   if (!isElement()) return {};
-  return attributesOf(*node_);
+  const XmlTree& tree = this->tree();
+  return attributesOf(tree, node_);
 }
 
 void XmlNode::setAttribute(std::string_view name, std::string_view value) const {
-  if (isElement() && changeAttribute(*node_, name, value)) markChanged(*node_);
+  if (!isElement()) return;
+  XmlTree& tree = this->tree();
+  if (changeAttribute(tree, node_, name, value)) tree.markChanged(node_);
 }
 
 void XmlNode::removeAttribute(std::string_view name) const {
-  if (isElement() && changeAttribute(*node_, name, std::nullopt)) markChanged(*node_);
+  if (!isElement()) return;
+  XmlTree& tree = this->tree();
+  if (changeAttribute(tree, node_, name, std::nullopt)) tree.markChanged(node_);
 }
 
 void XmlNode::detach() const {
   if (!parent()) return;
-  markChanged(*node_);
-  removeWithLayout(*node_);
+  XmlTree& tree = this->tree();
+  tree.markChanged(node_);
+  removeWithLayout(tree, node_);
 }
 
 void XmlNode::append(const XmlNode& child) const {
-  if (!isElement() || !child || isAncestorOrSelf(child.node_, node_)) return;
-  XmlTree::unite(tree_, child.tree_);
-  if (child.node_->parent) {
-    markChanged(*child.node_);
-    removeWithLayout(*child.node_);
+  if (!isElement() || !child) return;
+  const bool sameTree = &tree() == &child.tree();
+  if (sameTree && isAncestorOrSelf(tree(), child.node_, node_)) return;
+  if (!sameTree) XmlTree::unite(tree_, child.tree_);
+  XmlTree& tree = this->tree();
+  child.tree();
+  if (tree[child.node_].parent) {
+    tree.markChanged(child.node_);
+    removeWithLayout(tree, child.node_);
   }
-  appendWithLayout(*XmlTree::current(tree_), *node_, *child.node_);
-  markChanged(*node_);
+  appendWithLayout(tree, node_, child.node_);
+  tree.markChanged(node_);
+}
+
+bool XmlNode::mayHoldElementNamed(std::string_view name) const {
+  if (!isComment()) return false;
+  const XmlNodeData& comment = tree()[node_];
+  const std::string_view found = nameInside(tree().bytes(comment));
+  return comment.encoding == XmlEncoding::latin1 ? toUtf8(found, comment.encoding) == name : found == name;
 }
 
 XmlNode XmlNode::elementInComment() const {
   if (!isComment()) return {};
   // Most comments are prose: they are told apart without a parse.
-  const std::string_view bytes = node_->bytes();
-  if (bytes.size() <= kCommentStart.size() + kCommentEnd.size() || bytes[kCommentStart.size()] != '<')
-    return {};
-  std::string text = commentText(*node_);
+  const XmlTree& tree = this->tree();
+  if (nameInside(tree.bytes(tree[node_])).empty()) return {};
+  std::string text = commentText(tree, node_);
   const std::size_t end = text.find_last_not_of(" \t\n");
   if (end < 3 || text[end] != '>' || text[1] == '!' || text[1] == '?') return {};
   Result<ParsedXml> parsed = parseXml(std::move(text));
   if (!parsed) return {};
-  XmlDocumentNode& document = *parsed.value().document;
-  XmlNodeData& root = *document.firstChild;
-  if (root.next && root.next->kind != DataKind::text) return {};
-  unlink(root);
-  return XmlNode(parsed.value().tree, &root);
+  XmlTree& inside = *parsed.value().tree;
+  const XmlNodeId root = inside[parsed.value().document->node].firstChild;
+  const XmlNodeId after = inside[root].next;
+  if (after && inside[after].kind != DataKind::text) return {};
+  unlink(inside, root);
+  return XmlNode(parsed.value().tree, root);
 }
 
 }  // namespace tessard

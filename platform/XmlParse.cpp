@@ -22,8 +22,8 @@ using Parser = std::unique_ptr<std::remove_pointer_t<XML_Parser>, ParserFree>;
 /// Turns expat's events into nodes. Only the places of the events count: texts are what stands between them.
 class Builder {
  public:
-  Builder(XML_Parser parser, XmlTree& tree, XmlDocumentNode& document)
-      : parser_(parser), tree_(tree), document_(document), source_(document.source), open_(&document) {
+  Builder(XML_Parser parser, XmlTree& tree, XmlDocumentRecord& document, std::string_view source)
+      : parser_(parser), tree_(tree), document_(document), source_(source), open_(document.node) {
     XML_SetUserData(parser, this);
     XML_SetElementHandler(
         parser, [](void* self, const char*, const char**) { static_cast<Builder*>(self)->startElement(); },
@@ -67,15 +67,16 @@ class Builder {
   std::size_t place() const { return static_cast<std::size_t>(XML_GetCurrentByteIndex(parser_)); }
   std::size_t length() const { return static_cast<std::size_t>(XML_GetCurrentByteCount(parser_)); }
 
-  XmlNodeData& add(Kind kind, std::size_t begin, std::size_t length) {
-    XmlNodeData& node = *tree_.make(kind);
+  XmlNodeId add(Kind kind, std::size_t begin, std::size_t length) {
+    const XmlNodeId id = tree_.make(kind);
+    XmlNodeData& node = tree_.edit(id);
     node.raw = source_.data() + begin;
     node.rawLength = static_cast<std::uint32_t>(length);
     node.encoding = document_.encoding;
-    if (kind == Kind::text) node.white = isXmlWhite(node.bytes());
-    linkAfter(*open_, open_->lastChild, node);
+    if (kind == Kind::text) node.white = isXmlWhite(source_.substr(begin, length));
+    linkAfter(tree_, open_, tree_[open_].lastChild, id);
     read_ = begin + length;
-    return node;
+    return id;
   }
 
   void addText(std::size_t end) {
@@ -83,12 +84,12 @@ class Builder {
   }
 
   void noteLayout() {
-    const XmlNodeData* const text = open_->lastChild;
-    if (document_.hasLayout || open_ == &document_ || !text) return;
-    document_.hasLayout = text->white && lastLineEnd(text->bytes()) != std::string_view::npos;
+    if (document_.hasLayout || open_ == document_.node || !tree_[open_].lastChild) return;
+    const XmlNodeData& text = tree_[tree_[open_].lastChild];
+    document_.hasLayout = text.white && lastLineEnd(tree_.bytes(text)) != std::string_view::npos;
   }
 
-  XmlNodeData& addMarkup(Kind kind) {
+  XmlNodeId addMarkup(Kind kind) {
     addText(place());
     noteLayout();
     return add(kind, place(), length());
@@ -109,35 +110,34 @@ class Builder {
              "elements are nested deeper than " + std::to_string(kXmlDepthLimit) + " levels");
       return;
     }
-    XmlNodeData& element = addMarkup(Kind::element);
-    const std::string_view name = rawNameOf(element);
-    const bool plain =
-        std::all_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    if (element.encoding == XmlEncoding::latin1 && !plain) {
-      element.nameApart = true;
-      tree_.names.emplace(&element, toUtf8(name, XmlEncoding::latin1));
-    }
-    open_ = &element;
+    open_ = addMarkup(Kind::element);
+    if (document_.encoding != XmlEncoding::latin1) return;
+    const std::string_view name = nameInTag(tree_.bytes(tree_[open_]));
+    const auto plain = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+    if (std::all_of(name.begin(), name.end(), plain)) return;
+    tree_.edit(open_).nameApart = true;
+    tree_.names.emplace(open_, toUtf8(name, XmlEncoding::latin1));
   }
 
   void endElement() {
     if (refusal_) return;
     --depth_;
-    if (!open_->bytes().ends_with("/>")) {
+    if (!tree_.bytes(tree_[open_]).ends_with("/>")) {
       addText(place());
+      XmlNodeData& element = tree_.edit(open_);
       // In an element without children white space may be its value, but for the root.
-      if (open_->firstChild != open_->lastChild || open_->parent == &document_) noteLayout();
-      open_->endTagDistance = static_cast<std::uint32_t>(source_.data() + place() - open_->raw);
+      if (element.firstChild != element.lastChild || element.parent == document_.node) noteLayout();
+      element.endTagDistance = static_cast<std::uint32_t>(source_.data() + place() - element.raw);
       read_ = place() + length();
     }
-    open_ = open_->parent;
+    open_ = tree_[open_].parent;
   }
 
   XML_Parser parser_;
   XmlTree& tree_;
-  XmlDocumentNode& document_;
+  XmlDocumentRecord& document_;
   std::string_view source_;
-  XmlNodeData* open_;
+  XmlNodeId open_;
   std::size_t read_ = 0;
   std::size_t depth_ = 0;
   std::optional<SystemError> refusal_;
@@ -165,16 +165,17 @@ Result<ParsedXml> parseXml(std::string bytes) {
   if (isUtf16(bytes)) return SystemError(kXmlEncodingRefused, "line 1: UTF-16 is not supported, use UTF-8");
 
   auto tree = std::make_shared<XmlTree>();
-  const std::string& source = *tree->sources.emplace_back(std::make_unique<std::string>(std::move(bytes)));
-  XmlDocumentNode& document = *tree->documents.emplace_back(std::make_unique<XmlDocumentNode>());
-  document.kind = Kind::document;
+  const std::string_view source = tree->keepSource(std::move(bytes));
+  XmlDocumentRecord& document = tree->addDocument(tree->make(Kind::document));
   document.source = source;
+  document.size = source.size();
   document.lineEnd = lineEndOf(source);
 
   const Parser parser(XML_ParserCreate(nullptr));
   if (!parser) return SystemError(XML_ERROR_NO_MEMORY, XML_ErrorString(XML_ERROR_NO_MEMORY));
-  const Result<void> parsed = Builder(parser.get(), *tree, document).parse();
+  const Result<void> parsed = Builder(parser.get(), *tree, document, source).parse();
   if (!parsed) return parsed.error();
+  document.nodesRead = tree->size();
   return ParsedXml{std::move(tree), &document};
 }
 

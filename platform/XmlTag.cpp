@@ -50,13 +50,12 @@ class AttributeScan {
   std::size_t at_;
 };
 
-std::string nameAt(const XmlNodeData& element, const AttributePlace& place) {
-  return toUtf8(element.bytes().substr(place.name, place.nameEnd - place.name), element.encoding);
+std::string nameAt(std::string_view tag, XmlEncoding encoding, const AttributePlace& place) {
+  return toUtf8(tag.substr(place.name, place.nameEnd - place.name), encoding);
 }
 
-std::string valueAt(const XmlNodeData& element, const AttributePlace& place) {
-  return decodeXmlAttribute(element.bytes().substr(place.value + 1, place.end - place.value - 2),
-                            element.encoding);
+std::string valueAt(std::string_view tag, XmlEncoding encoding, const AttributePlace& place) {
+  return decodeXmlAttribute(tag.substr(place.value + 1, place.end - place.value - 2), encoding);
 }
 
 std::string quoted(std::string_view value, char preferred, XmlEncoding encoding) {
@@ -69,66 +68,78 @@ std::string quoted(std::string_view value, char preferred, XmlEncoding encoding)
   return quote + raw + quote;
 }
 
-void replaceInTag(XmlNodeData& element, std::size_t begin, std::size_t end, std::string_view with) {
-  const std::string_view tag = element.bytes();
+void replaceInTag(XmlTree& tree, XmlNodeId element, std::size_t begin, std::size_t end,
+                  std::string_view with) {
+  const std::string_view tag = tree.bytes(tree[element]);
   std::string changed(tag.substr(0, begin));
   changed += with;
   changed += tag.substr(end);
-  element.own = std::make_unique<std::string>(std::move(changed));
+  tree.setBytes(element, std::move(changed));
+}
+
+/// Puts a new attribute after the last one.
+void addAttribute(XmlTree& tree, XmlNodeId element, std::string_view name, std::string_view value) {
+  // The name joins a tag in the tag's own encoding; only UTF-8 tags can take every letter.
+  const XmlEncoding encoding = tree[element].encoding;
+  if (encoding != XmlEncoding::utf8 && withReferences(name) != name) {
+    tree.setBytes(element, toUtf8(tree.bytes(tree[element]), encoding));
+    tree.edit(element).encoding = XmlEncoding::utf8;
+  }
+  AttributeScan scan(tree.bytes(tree[element]));
+  while (scan.next()) continue;
+  const std::string added = " " + std::string(name) + "=" + quoted(value, '\'', tree[element].encoding);
+  replaceInTag(tree, element, scan.end(), scan.end(), added);
 }
 
 }  // namespace
 
-std::string_view rawNameOf(const XmlNodeData& element) {
-  const std::string_view tag = element.bytes();
+std::string_view nameInTag(std::string_view tag) {
   return tag.substr(1, nameEnd(tag, 1) - 1);
 }
 
-std::optional<std::string> attributeOf(const XmlNodeData& element, std::string_view name) {
-  AttributeScan scan(element.bytes());
+std::optional<std::string> attributeOf(const XmlTree& tree, XmlNodeId element, std::string_view name) {
+  const std::string_view tag = tree.bytes(tree[element]);
+  const XmlEncoding encoding = tree[element].encoding;
+  AttributeScan scan(tag);
   while (const auto place = scan.next()) {
-    if (nameAt(element, *place) == name) return valueAt(element, *place);
+    if (nameAt(tag, encoding, *place) == name) return valueAt(tag, encoding, *place);
   }
   return std::nullopt;
 }
 
-std::vector<std::pair<std::string, std::string>> attributesOf(const XmlNodeData& element) {
+std::vector<std::pair<std::string, std::string>> attributesOf(const XmlTree& tree, XmlNodeId element) {
+  const std::string_view tag = tree.bytes(tree[element]);
+  const XmlEncoding encoding = tree[element].encoding;
   std::vector<std::pair<std::string, std::string>> attributes;
-  AttributeScan scan(element.bytes());
+  AttributeScan scan(tag);
   while (const auto place = scan.next()) {
-    attributes.emplace_back(nameAt(element, *place), valueAt(element, *place));
+    attributes.emplace_back(nameAt(tag, encoding, *place), valueAt(tag, encoding, *place));
   }
   return attributes;
 }
 
-bool changeAttribute(XmlNodeData& element, std::string_view name, std::optional<std::string_view> value) {
-  if (value && element.encoding != XmlEncoding::utf8 && !isXmlText(*value)) element.unwritable = true;
-  AttributeScan scan(element.bytes());
+bool changeAttribute(XmlTree& tree, XmlNodeId element, std::string_view name,
+                     std::optional<std::string_view> value) {
+  const XmlEncoding encoding = tree[element].encoding;
+  if (value && encoding != XmlEncoding::utf8 && !isXmlText(*value)) tree.edit(element).unwritable = true;
+  const std::string_view tag = tree.bytes(tree[element]);
+  AttributeScan scan(tag);
   while (const auto place = scan.next()) {
-    if (nameAt(element, *place) != name) continue;
+    if (nameAt(tag, encoding, *place) != name) continue;
     if (!value) {
-      replaceInTag(element, place->begin, place->end, "");
+      replaceInTag(tree, element, place->begin, place->end, "");
       return true;
     }
-    if (valueAt(element, *place) == *value) return false;
-    const char quote = element.bytes()[place->value];
-    replaceInTag(element, place->value, place->end, quoted(*value, quote, element.encoding));
+    if (valueAt(tag, encoding, *place) == *value) return false;
+    replaceInTag(tree, element, place->value, place->end, quoted(*value, tag[place->value], encoding));
     return true;
   }
   if (!value) return false;
-  if (!isXmlName(name)) {
-    element.unwritable = true;
-    return true;
+  if (isXmlName(name)) {
+    addAttribute(tree, element, name, *value);
+  } else {
+    tree.edit(element).unwritable = true;
   }
-  // The name joins a tag in the tag's own encoding; only UTF-8 tags can take every letter.
-  const bool plain = withReferences(name) == name;
-  if (!plain && element.encoding != XmlEncoding::utf8) {
-    element.own = std::make_unique<std::string>(toUtf8(element.bytes(), element.encoding));
-    element.encoding = XmlEncoding::utf8;
-    return changeAttribute(element, name, value);
-  }
-  const std::string added = " " + std::string(name) + "=" + quoted(*value, '\'', element.encoding);
-  replaceInTag(element, scan.end(), scan.end(), added);
   return true;
 }
 

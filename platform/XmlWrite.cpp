@@ -16,31 +16,26 @@ bool isAscii(std::string_view bytes) {
   return std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-/// Whether an element's children may be put on lines of their own without changing a text.
-bool takesLayout(const XmlNodeData& node) {
-  if (node.kind != Kind::element || node.realTexts > 0) return false;
-  const XmlNodeData* child = node.firstChild;
-  while (child && child->kind == Kind::text) child = child->next;
-  return child;
-}
-
-/// Writes a changed document. A failure stops it and is kept.
+/// Writes a document. A failure stops it and is kept. Pieces that lie side by side in the source go out in
+/// one.
 class Writer {
  public:
-  explicit Writer(const XmlDocumentNode& document) : document_(document), pretty_(!document.hasLayout) {
-    out_.reserve(document.source.size() + document.source.size() / 8);
+  Writer(const XmlTree& tree, const XmlDocumentRecord& document)
+      : tree_(tree), document_(document), pretty_(document.changed && !document.hasLayout) {
+    out_.reserve(document.size + document.size / 8);
   }
 
   Result<std::string> write() {
     bool hasRoot = false;
-    for (const XmlNodeData* node = document_.firstChild; node && !failure_; node = node->next) {
-      hasRoot = hasRoot || node->kind == Kind::element;
-      if (pretty_ && node->kind != Kind::text) beginLine();
-      writeTree(*node);
+    for (XmlNodeId id = tree_[document_.node].firstChild; id && !failure_; id = tree_[id].next) {
+      hasRoot = hasRoot || tree_[id].kind == Kind::element;
+      if (pretty_ && tree_[id].kind != Kind::text) beginLine();
+      writeTree(id);
     }
     if (!hasRoot) fail(kXmlUnwritable, "the document has no root element");
     if (failure_) return *failure_;
     if (pretty_) beginLine();
+    writeWaiting();
     return std::move(out_);
   }
 
@@ -49,35 +44,63 @@ class Writer {
     if (!failure_) failure_ = SystemError(code, reason);
   }
 
+  // What is kept by the tree; it may wait for what follows it.
+  void add(std::string_view kept) {
+    if (waiting_.data() + waiting_.size() == kept.data()) {
+      waiting_ = {waiting_.data(), waiting_.size() + kept.size()};
+      return;
+    }
+    writeWaiting();
+    waiting_ = kept;
+  }
+
+  void writeWaiting() {
+    out_ += waiting_;
+    waiting_ = {};
+  }
+
+  std::string& out() {
+    writeWaiting();
+    return out_;
+  }
+
   void beginLine() {
-    const bool atStart = out_.empty() || out_ == "\xef\xbb\xbf";
+    const bool atStart = out().empty() || out_ == "\xef\xbb\xbf";
     if (!atStart && !out_.ends_with('\n') && !out_.ends_with('\r')) out_ += document_.lineEnd;
   }
 
   void newLine(std::size_t depth) {
-    out_ += document_.lineEnd;
+    out() += document_.lineEnd;
     for (std::size_t i = 0; i < depth; ++i) out_ += kUnit;
   }
 
-  void writeTree(const XmlNodeData& top) {
-    const XmlNodeData* node = &top;
+  /// Whether an element's children may be put on lines of their own without changing a text.
+  bool takesLayout(const XmlNodeData& node) const {
+    if (node.kind != Kind::element || node.realTexts > 0) return false;
+    XmlNodeId child = node.firstChild;
+    while (child && tree_[child].kind == Kind::text) child = tree_[child].next;
+    return child;
+  }
+
+  void writeTree(XmlNodeId top) {
+    XmlNodeId id = top;
     std::size_t depth = 0;
     while (!failure_) {
-      open(*node, depth);
-      if (node->firstChild) {
-        node = node->firstChild;
-        if (++depth >= kXmlDepthLimit && node->kind == Kind::element) tooDeep();
+      open(tree_[id], depth);
+      if (tree_[id].firstChild) {
+        id = tree_[id].firstChild;
+        if (++depth >= kXmlDepthLimit && tree_[id].kind == Kind::element) tooDeep();
         continue;
       }
       while (true) {
-        if (node != &top && node->next) {
-          node = node->next;
-          if (depth >= kXmlDepthLimit && node->kind == Kind::element) tooDeep();
+        if (id != top && tree_[id].next) {
+          id = tree_[id].next;
+          if (depth >= kXmlDepthLimit && tree_[id].kind == Kind::element) tooDeep();
           break;
         }
-        if (node == &top) return;
-        node = node->parent;
-        close(*node, --depth);
+        if (id == top) return;
+        id = tree_[id].parent;
+        close(tree_[id], --depth);
       }
     }
   }
@@ -87,7 +110,7 @@ class Writer {
   }
 
   void open(const XmlNodeData& node, std::size_t depth) {
-    if (pretty_ && depth > 0 && takesLayout(*node.parent)) {
+    if (pretty_ && depth > 0 && takesLayout(tree_[node.parent])) {
       if (node.kind == Kind::text) return;
       newLine(depth);
     }
@@ -107,12 +130,12 @@ class Writer {
   }
 
   void startElement(const XmlNodeData& element) {
+    std::string_view tag = tree_.bytes(element);
     const bool checked = element.own && element.encoding != XmlEncoding::latin1;
-    if (element.unwritable || (checked && !isXmlText(*element.own))) {
+    if (element.unwritable || (checked && !isXmlText(tag))) {
       fail(kXmlUnwritable, "an element has a name, or an attribute a name or value, that XML cannot hold");
       return;
     }
-    std::string_view tag = element.bytes();
     const bool isShort = tag.ends_with("/>");
     const bool wantsShort = !element.firstChild && (isShort || element.emptied || pretty_);
     if (isShort == wantsShort) {
@@ -120,11 +143,11 @@ class Writer {
     } else if (wantsShort) {
       tag.remove_suffix(1);
       writeTag(tag, element.encoding);
-      out_ += "/>";
+      out() += "/>";
     } else {
       tag.remove_suffix(2);
       writeTag(tag.substr(0, tag.find_last_not_of(" \t\r\n") + 1), element.encoding);
-      out_ += '>';
+      out() += '>';
     }
     if (!element.firstChild && !wantsShort) writeEndTag(element);
   }
@@ -138,25 +161,31 @@ class Writer {
     // A start tag that changed its encoding has a name in that encoding.
     const XmlEncoding read = element.nameApart && element.raw ? XmlEncoding::latin1 : element.encoding;
     if (element.endTagDistance > 0) {
-      writeTag(element.endTag(), read);
+      writeTag(tree_.endTag(element), read);
       return;
     }
-    out_ += "</";
-    writeTag(rawNameOf(element), element.encoding);
-    out_ += '>';
+    out() += "</";
+    writeTag(nameInTag(tree_.bytes(element)), element.encoding);
+    out() += '>';
   }
 
   void writeTag(std::string_view tag, XmlEncoding encoding) {
-    if (isAscii(tag) || encoding == document_.encoding) {
-      out_ += tag;
+    if (encoding == document_.encoding || isAscii(tag)) {
+      add(tag);
       return;
     }
     if (document_.encoding == XmlEncoding::utf8) {
-      out_ += toUtf8(tag, encoding);
+      out() += toUtf8(tag, encoding);
       return;
     }
+    writeForeignTag(toUtf8(tag, encoding));
+  }
+
+  // A tag with letters that may be missing from the document's encoding.
+  void writeForeignTag(std::string_view tag) {
+    std::string& out = this->out();
     char quote = 0;
-    for (const char32_t point : decodeUtf8(toUtf8(tag, encoding))) {
+    for (const char32_t point : decodeUtf8(tag)) {
       if (point < 0x80) {
         const char c = static_cast<char>(point);
         if (quote == 0 && (c == '\'' || c == '"')) {
@@ -164,11 +193,11 @@ class Writer {
         } else if (quote == c) {
           quote = 0;
         }
-        out_ += c;
+        out += c;
       } else if (quote != 0) {
-        out_ += "&#" + std::to_string(static_cast<std::uint32_t>(point)) + ";";
+        out += "&#" + std::to_string(static_cast<std::uint32_t>(point)) + ";";
       } else if (document_.encoding == XmlEncoding::latin1 && point < 0x100) {
-        out_ += static_cast<char>(point);
+        out += static_cast<char>(point);
       } else {
         fail(kXmlUnwritable, "a name has a letter that the document's encoding lacks");
         return;
@@ -177,66 +206,81 @@ class Writer {
   }
 
   // Line ends of what was added become those of the document.
-  void writeAdded(std::string_view bytes, bool added) {
-    if (!added || document_.lineEnd == "\n") {
-      out_ += bytes;
-      return;
-    }
+  void writeAdded(std::string_view bytes) {
+    std::string& out = this->out();
     for (const char c : bytes) {
       if (c == '\n') {
-        out_ += document_.lineEnd;
+        out += document_.lineEnd;
       } else {
-        out_ += c;
+        out += c;
       }
     }
   }
 
+  // `bytes`, kept by the tree, as they stand or with the document's line ends.
+  void writeBytes(const XmlNodeData& node, std::string_view bytes) {
+    if (!node.added || document_.lineEnd == "\n") {
+      add(bytes);
+    } else {
+      writeAdded(bytes);
+    }
+  }
+
+  // The same for markup made just now, as UTF-8.
+  void writeMarkup(const XmlNodeData& node, std::string markup) {
+    if (document_.encoding != XmlEncoding::utf8) markup = withReferences(markup);
+    if (!node.added || document_.lineEnd == "\n") {
+      out() += markup;
+    } else {
+      writeAdded(markup);
+    }
+  }
+
   void writeText(const XmlNodeData& text) {
-    if (text.own && text.encoding != XmlEncoding::latin1 && !isXmlText(*text.own)) {
+    const std::string_view bytes = tree_.bytes(text);
+    if (text.own && text.encoding != XmlEncoding::latin1 && !isXmlText(bytes)) {
       fail(kXmlUnwritable, "a text holds a character that XML cannot");
-      return;
+    } else if (text.encoding == document_.encoding || isAscii(bytes)) {
+      writeBytes(text, bytes);
+    } else {
+      writeMarkup(text, escapeXmlText(decodeXmlText(bytes, text.encoding)));
     }
-    if (text.encoding == document_.encoding || isAscii(text.bytes())) {
-      writeAdded(text.bytes(), text.added);
-      return;
-    }
-    const std::string markup = escapeXmlText(decodeXmlText(text.bytes(), text.encoding));
-    writeAdded(document_.encoding == XmlEncoding::utf8 ? markup : withReferences(markup), text.added);
   }
 
   void writeComment(const XmlNodeData& comment) {
-    if (comment.own && !isXmlText(*comment.own)) {
+    const std::string_view bytes = tree_.bytes(comment);
+    if (comment.own && !isXmlText(bytes)) {
       fail(kXmlUnwritable, "a comment holds a character that XML cannot");
-      return;
+    } else if (comment.encoding == document_.encoding || isAscii(bytes)) {
+      writeBytes(comment, bytes);
+    } else {
+      writeMarkup(comment, toUtf8(bytes, comment.encoding));
     }
-    if (comment.encoding == document_.encoding || isAscii(comment.bytes())) {
-      writeAdded(comment.bytes(), comment.added);
-      return;
-    }
-    const std::string markup = toUtf8(comment.bytes(), comment.encoding);
-    writeAdded(document_.encoding == XmlEncoding::utf8 ? markup : withReferences(markup), comment.added);
   }
 
   void writeAsIs(const XmlNodeData& node) {
-    if (node.encoding == document_.encoding || isAscii(node.bytes())) {
-      out_ += node.bytes();
+    const std::string_view bytes = tree_.bytes(node);
+    if (node.encoding == document_.encoding || isAscii(bytes)) {
+      add(bytes);
     } else if (document_.encoding == XmlEncoding::utf8) {
-      out_ += toUtf8(node.bytes(), node.encoding);
+      out() += toUtf8(bytes, node.encoding);
     } else {
       fail(kXmlUnwritable, "a processing instruction has a letter that the document's encoding lacks");
     }
   }
 
-  const XmlDocumentNode& document_;
+  const XmlTree& tree_;
+  const XmlDocumentRecord& document_;
   const bool pretty_;
   std::string out_;
+  std::string_view waiting_;
   std::optional<SystemError> failure_;
 };
 
 }  // namespace
 
-Result<std::string> writeXml(const XmlDocumentNode& document) {
-  return Writer(document).write();
+Result<std::string> writeXml(const XmlTree& tree, const XmlDocumentRecord& document) {
+  return Writer(tree, document).write();
 }
 
 }  // namespace tessard
