@@ -39,11 +39,12 @@ std::unique_ptr<Component> newObjectOfClass(std::string_view className, Platform
 }  // namespace
 
 std::unique_ptr<Component> NOTIFICATION_PLUGIN_ComponentConfiguration::componentConfigurationForName_andPath(
-    Platform& platform, std::string_view name, const std::optional<std::string>& path) {
+    Platform& platform, std::string_view name, const std::optional<std::string>& path,
+    KnownDocuments* known) {
   const Object log(platform.log);
   log.logDebug_source(fill("componentConfigurationForName: %@, %@", {name, path}), "");
-  for (const NamedClass& known : kClassNames) {
-    if (known.name == name) return instanceOfClassNamed(platform, known.className, name, path);
+  for (const NamedClass& named : kClassNames) {
+    if (named.name == name) return instanceOfClassNamed(platform, named.className, name, path, known);
   }
   log.logDebug_source("classname == nil, should never happen", "");
   return nullptr;
@@ -51,12 +52,13 @@ std::unique_ptr<Component> NOTIFICATION_PLUGIN_ComponentConfiguration::component
 
 std::unique_ptr<Component> NOTIFICATION_PLUGIN_ComponentConfiguration::instanceOfClassNamed(
     Platform& platform, std::string_view className, std::string_view name,
-    const std::optional<std::string>& path) {
+    const std::optional<std::string>& path, KnownDocuments* known) {
   auto component = newObjectOfClass(className, platform);
   if (!component) {
     Object(platform.log).logDebug_source("unknown class, should never happen", "");
     return nullptr;
   }
+  component->known_ = known;
   component->initWithName_andPath(name, path);
   return component;
 }
@@ -75,6 +77,10 @@ void NOTIFICATION_PLUGIN_ComponentConfiguration::initWithName_andPath(
 void NOTIFICATION_PLUGIN_ComponentConfiguration::setConfigXMLDocument(std::optional<XmlDocument> document) {
   configXMLDocument_ = std::move(document);
   savedFile_.reset();
+}
+
+Result<XmlDocument> NOTIFICATION_PLUGIN_ComponentConfiguration::parsed(std::string bytes) const {
+  return known_ ? known_->parse(configName_, std::move(bytes)) : XmlDocument::parse(std::move(bytes));
 }
 
 }  // namespace tessard

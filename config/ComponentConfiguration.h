@@ -13,6 +13,7 @@
 #include "common/Log.h"
 #include "common/Platform.h"
 #include "common/XmlDocument.h"
+#include "config/KnownDocuments.h"
 
 namespace tessard {
 
@@ -53,14 +54,16 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   static constexpr std::size_t kMaximumFileSize = std::size_t{16} * 1024 * 1024;
 
   /// A loaded object for "router", "sm", "s2s" or "c2s"; null for every other name. The object is there also
-  /// when its file could not be loaded.
+  /// when its file could not be loaded. Its files are parsed by way of the known documents, which are
+  /// borrowed for its life; null for none.
   static std::unique_ptr<NOTIFICATION_PLUGIN_ComponentConfiguration> componentConfigurationForName_andPath(
-      Platform& platform, std::string_view name, const std::optional<std::string>& path);
+      Platform& platform, std::string_view name, const std::optional<std::string>& path,
+      KnownDocuments* known = nullptr);
 
   /// The second half of the above: an object of the class with that name, null when there is no such class.
   static std::unique_ptr<NOTIFICATION_PLUGIN_ComponentConfiguration> instanceOfClassNamed(
       Platform& platform, std::string_view className, std::string_view name,
-      const std::optional<std::string>& path);
+      const std::optional<std::string>& path, KnownDocuments* known = nullptr);
 
   /// An object without name, path or document; `initWithName_andPath` makes it usable.
   explicit NOTIFICATION_PLUGIN_ComponentConfiguration(Platform& platform);
@@ -181,6 +184,7 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   void switchOn(const XmlNode& comment, const std::optional<std::string>& value);
   bool refuseUnlessXmlText(const std::optional<std::string>& value, std::string_view path) const;
   bool fileIsAsSaved() const;
+  Result<XmlDocument> parsed(std::string bytes) const;
 
   Platform& platform_;
   std::string configName_;
@@ -188,6 +192,7 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   std::optional<XmlDocument> configXMLDocument_;
   std::optional<FileTime> loadTime_;
   bool configDirty_ = false;
+  KnownDocuments* known_ = nullptr;
   std::optional<FileAttributes> savedFile_;  // the file that the clean tree was written to
 };
 

@@ -8,6 +8,15 @@ namespace tessard {
 
 namespace {
 
+// Elements that are written anew at each save leave their forerunners behind in a tree that is never dropped.
+// So many more nodes than were read are a reason to read the file again.
+constexpr std::size_t kNodesToSpare = 1000;
+
+bool hasGrown(const XmlDocument& document) {
+  const auto [nodes, read] = document.weight();
+  return nodes > 2 * read + kNodesToSpare;
+}
+
 bool isSameFile(const FileAttributes& a, const FileAttributes& b) {
   return a.device == b.device && a.inode == b.inode && a.size == b.size && a.modified == b.modified &&
          a.changed == b.changed;
@@ -39,21 +48,20 @@ void NOTIFICATION_PLUGIN_ComponentConfiguration::keepDocumentAsSaved(FileTime no
 void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(FileTime now) {
   loadTime_ = momentOfLook(platform_.files, *configPath_, now);
   auto bytes = platform_.files.readFile(*configPath_, kMaximumFileSize);
-  auto parsed =
-      bytes ? XmlDocument::parse(std::move(bytes).value()) : Result<XmlDocument>(SystemError(bytes.error()));
+  auto document = bytes ? parsed(std::move(bytes).value()) : Result<XmlDocument>(SystemError(bytes.error()));
   configDirty_ = false;
-  if (parsed) {
-    setConfigXMLDocument(std::move(parsed).value());
+  if (document) {
+    setConfigXMLDocument(std::move(document).value());
     logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
     return;
   }
   setConfigXMLDocument(std::nullopt);
-  logError_source(
-      fill("Failed to load component configuration %@.xml (error %ld)", {configName_, parsed.error().code()}),
-      "");
+  logError_source(fill("Failed to load component configuration %@.xml (error %ld)",
+                       {configName_, document.error().code()}),
+                  "");
   logError_source(fill("Load failure configuration file: %@", {configPath_}), "");
   // The code alone does not tell a person where to look.
-  logWarning_source(fill("Reason of the load failure: %@", {parsed.error().description()}), "");
+  logWarning_source(fill("Reason of the load failure: %@", {document.error().description()}), "");
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentFileExists() const {
@@ -77,7 +85,7 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentChangedSinceLastLoad() 
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::fileIsAsSaved() const {
-  if (!configXMLDocument_ || !savedFile_ || configDirty_) return false;
+  if (!configXMLDocument_ || !savedFile_ || configDirty_ || hasGrown(*configXMLDocument_)) return false;
   const auto file = platform_.files.attributes(*configPath_);
   return file && isSameFile(file.value(), *savedFile_);
 }

@@ -47,7 +47,8 @@ void NOTIFICATION_PLUGIN_MasterConfiguration::cachePathConfig(const ComponentNam
 NOTIFICATION_PLUGIN_ComponentConfiguration*
 NOTIFICATION_PLUGIN_MasterConfiguration::cacheNewComponentForName_andPath(std::string_view name,
                                                                           std::string_view path) {
-  auto component = Component::componentConfigurationForName_andPath(platform_, name, std::string(path));
+  auto component =
+      Component::componentConfigurationForName_andPath(platform_, name, std::string(path), &knownDocuments_);
   if (!component) {
     logError_source("Error creating new component", "");
     return nullptr;

@@ -13,6 +13,7 @@
 #include "common/Platform.h"
 #include "common/XmlDocument.h"
 #include "config/ComponentConfiguration.h"
+#include "config/KnownDocuments.h"
 #include "config/NamedLists.h"
 
 namespace tessard {
@@ -81,6 +82,8 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   /// Whether the list of components must be written.
   bool configDirty() const { return configDirty_; }
   void setConfigDirty(bool dirty) { configDirty_ = dirty; }
+  /// The documents by which the components' files are parsed.
+  const KnownDocuments& knownDocuments() const { return knownDocuments_; }
 
   // --- Reading ---
 
@@ -186,6 +189,7 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   void takeConfigLine(const std::string& line);
 
   Platform& platform_;
+  KnownDocuments knownDocuments_;  // before the components, which borrow it
   std::string configPath_;
   std::optional<ComponentPaths> loadedConfigPaths_;
   std::vector<std::string> loadedComments_;
