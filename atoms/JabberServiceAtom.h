@@ -82,7 +82,8 @@ class NOTIFICATION_PLUGIN_JabberServiceAtom : public NOTIFICATION_PLUGIN_ChatSer
   std::optional<std::string> stringAt(const std::string& path);
   std::string liveStringAt(const std::string& path);
   void readSwitch(const char* key, const std::string& path, SettingsDictionary& settings);
-  std::optional<std::vector<std::string>> liveValuesAt(const std::string& path, const char* preferenceKey);
+  std::optional<std::vector<std::string>> liveValuesAt(const std::string& path, const char* preferenceKey,
+                                                       const Dictionary& preferences);
   bool isDirectory(const std::string& path);
   void databaseCreationFailed(std::string_view output, std::string_view error);
 

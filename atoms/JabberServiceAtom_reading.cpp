@@ -63,7 +63,7 @@ void NOTIFICATION_PLUGIN_JabberServiceAtom::readDomainSettings(const Dictionary&
                                                                SettingsDictionary& settings) {
   const Value* joined = preferences.find("hostsCommaDelimitedString");
   settings.setIfPresent("hostsCommaDelimitedString", joined);
-  const auto domains = getServiceDomains();
+  const auto domains = liveValuesAt("c2s.local.id", "hosts", preferences);
   if (!domains) return;
   settings.set("hosts", arrayOf(*domains));
   if (!joined || isEmptyText(joined)) settings.set("hostsCommaDelimitedString", joinedWith(*domains, ","));
@@ -83,7 +83,8 @@ std::optional<SettingsDictionary> NOTIFICATION_PLUGIN_JabberServiceAtom::readSer
   readSwitch("enableXMPP", "s2s.local.port", settings);
   readSwitch("requireSecureS2S", "s2s.security.require_tls", settings);
   readSwitch("s2sRestrictDomains", "s2s.security.enable_whitelist", settings);
-  if (const auto allowed = getS2SAllowedDomains()) settings.set("s2sAllowedDomains", arrayOf(*allowed));
+  const auto allowed = liveValuesAt("s2s.security.whitelist_domain", "s2sAllowedDomains", preferences);
+  if (allowed) settings.set("s2sAllowedDomains", arrayOf(*allowed));
   readPreferenceSettings(preferences, {"logLevel", "eventLogArchiveInterval"}, settings);
   readSwitch("enableSavedChats", "router.message_logging_enabled", settings);
   if (auto location = stringAt("router.message_logging_dir")) {
@@ -109,8 +110,7 @@ std::string NOTIFICATION_PLUGIN_JabberServiceAtom::authLevel() {
 }
 
 std::optional<std::vector<std::string>> NOTIFICATION_PLUGIN_JabberServiceAtom::liveValuesAt(
-    const std::string& path, const char* preferenceKey) {
-  const auto preferences = owner().loadPreferences();
+    const std::string& path, const char* preferenceKey, const Dictionary& preferences) {
   std::vector<std::string> values;
   if (const auto matches = config().getNodesForPath_withAttributes(path, std::nullopt)) {
     for (const MatchEntry& match : *matches) {
@@ -118,16 +118,17 @@ std::optional<std::vector<std::string>> NOTIFICATION_PLUGIN_JabberServiceAtom::l
     }
   }
   if (!values.empty()) return values;
-  const Array* fallback = preferences ? preferences->arrayFor(preferenceKey) : nullptr;
+  const Array* fallback = preferences.arrayFor(preferenceKey);
   return fallback ? std::optional(stringsOf(*fallback)) : std::nullopt;
 }
 
 std::optional<std::vector<std::string>> NOTIFICATION_PLUGIN_JabberServiceAtom::getServiceDomains() {
-  return liveValuesAt("c2s.local.id", "hosts");
+  return liveValuesAt("c2s.local.id", "hosts", owner().loadPreferences().value_or(Dictionary{}));
 }
 
 std::optional<std::vector<std::string>> NOTIFICATION_PLUGIN_JabberServiceAtom::getS2SAllowedDomains() {
-  return liveValuesAt("s2s.security.whitelist_domain", "s2sAllowedDomains");
+  return liveValuesAt("s2s.security.whitelist_domain", "s2sAllowedDomains",
+                      owner().loadPreferences().value_or(Dictionary{}));
 }
 
 std::optional<Dictionary> NOTIFICATION_PLUGIN_JabberServiceAtom::getServiceConnectedUsers() {

@@ -178,12 +178,13 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
  private:
   std::optional<std::vector<MatchEntry>> matchingChildren(
       std::string_view path, const XmlNode& base, const std::optional<AttributeFilter>& attributes) const;
-  void keepDocumentAsSaved(FileTime now);
-  void readDocument(FileTime now);
+  std::optional<FileAttributes> lookAtFile() const;
+  void readDocument(FileTime moment);
   void addMissingNode(const std::optional<std::string>& value, std::string_view path, int nodeState);
   void switchOn(const XmlNode& comment, const std::optional<std::string>& value);
   bool refuseUnlessXmlText(const std::optional<std::string>& value, std::string_view path) const;
-  bool fileIsAsSaved() const;
+  bool isChanged(const std::optional<FileAttributes>& file) const;
+  bool fileIsAsSaved(const std::optional<FileAttributes>& file) const;
   Result<XmlDocument> parsed(std::string bytes) const;
 
   Platform& platform_;

@@ -26,27 +26,31 @@ bool isSameFile(const FileAttributes& a, const FileAttributes& b) {
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::loadDocument() {
   logDebug_source(fill("loadDocument: %@ at path: %@", {configName_, configPath_}), "");
-  if (!documentFileExists()) return true;
   // Taken before the file is looked at, so that whatever is written from here on counts as a later change.
   const FileTime now = platform_.clock.now();
-  if (documentChangedSinceLastLoad()) {
-    if (fileIsAsSaved()) {
-      keepDocumentAsSaved(now);
+  // One look for all that is asked of the file: there may be a thousand of them.
+  const auto file = lookAtFile();
+  if (!file && !documentFileExists()) return true;
+  if (isChanged(file)) {
+    if (fileIsAsSaved(file)) {
+      loadTime_ = momentOfLook(file, now);
+      logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
       return true;
     }
     setConfigXMLDocument(std::nullopt);
   }
-  if (!configXMLDocument_) readDocument(now);
+  if (!configXMLDocument_) readDocument(momentOfLook(file, now));
   return true;
 }
 
-void NOTIFICATION_PLUGIN_ComponentConfiguration::keepDocumentAsSaved(FileTime now) {
-  loadTime_ = momentOfLook(platform_.files, *configPath_, now);
-  logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
+std::optional<FileAttributes> NOTIFICATION_PLUGIN_ComponentConfiguration::lookAtFile() const {
+  if (!configPath_) return std::nullopt;
+  const auto file = platform_.files.attributes(*configPath_);
+  return file ? std::optional(file.value()) : std::nullopt;
 }
 
-void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(FileTime now) {
-  loadTime_ = momentOfLook(platform_.files, *configPath_, now);
+void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(FileTime moment) {
+  loadTime_ = moment;
   auto bytes = platform_.files.readFile(*configPath_, kMaximumFileSize);
   auto document = bytes ? parsed(std::move(bytes).value()) : Result<XmlDocument>(SystemError(bytes.error()));
   configDirty_ = false;
@@ -75,19 +79,21 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentFileExists() const {
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentChangedSinceLastLoad() const {
+  return isChanged(configXMLDocument_ ? lookAtFile() : std::nullopt);
+}
+
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::isChanged(const std::optional<FileAttributes>& file) const {
   if (!configXMLDocument_) return true;
-  if (!configPath_ || !loadTime_) return false;
-  const auto file = platform_.files.attributes(*configPath_);
-  if (!file || file.value().modified <= *loadTime_) return false;
+  if (!file || !loadTime_ || file->modified <= *loadTime_) return false;
   logInfo_source(
       fill("External configuration change detected, re-loading: %@", {lastPathComponent(*configPath_)}), "");
   return true;
 }
 
-bool NOTIFICATION_PLUGIN_ComponentConfiguration::fileIsAsSaved() const {
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::fileIsAsSaved(
+    const std::optional<FileAttributes>& file) const {
   if (!configXMLDocument_ || !savedFile_ || configDirty_ || hasGrown(*configXMLDocument_)) return false;
-  const auto file = platform_.files.attributes(*configPath_);
-  return file && isSameFile(file.value(), *savedFile_);
+  return file && isSameFile(*file, *savedFile_);
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::saveDocument() {

@@ -20,8 +20,12 @@ bool isWithinATick(FileTime from, FileTime to) {
 
 FileTime momentOfLook(FileSystem& files, std::string_view path, FileTime now) {
   const auto file = files.attributes(path);
-  if (!file || file.value().modified <= now) return now;
-  return isWithinATick(now, file.value().modified) ? file.value().modified : now;
+  return momentOfLook(file ? std::optional(file.value()) : std::nullopt, now);
+}
+
+FileTime momentOfLook(const std::optional<FileAttributes>& file, FileTime now) {
+  if (!file || file->modified <= now) return now;
+  return isWithinATick(now, file->modified) ? file->modified : now;
 }
 
 }  // namespace tessard

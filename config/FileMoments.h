@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string_view>
 
 #include "common/FileSystem.h"
@@ -11,5 +12,7 @@ namespace tessard {
 /// Kernels that date files more finely than that clock can date one so, and the file as it is must not look
 /// newer than its reading: what is edited meanwhile would be given up for it.
 FileTime momentOfLook(FileSystem& files, std::string_view path, FileTime now);
+/// The same for a file that was looked at since `now`; absent when that failed.
+FileTime momentOfLook(const std::optional<FileAttributes>& file, FileTime now);
 
 }  // namespace tessard

@@ -40,6 +40,13 @@ class JabberReading : public JabberTest {
   }
 };
 
+TEST_F(JabberReading, LoadsThePreferencesOnce) {
+  load({});
+  owner.preferenceLoads = 0;
+  ASSERT_TRUE(atom->readServiceConfiguration());
+  EXPECT_EQ(owner.preferenceLoads, 1);
+}
+
 TEST_F(JabberReading, CopiesTheJoinedHostsOfThePreferences) {
   owner.preferences = Dictionary{{"hostsCommaDelimitedString", "p.example.com,q.example.com"}};
   EXPECT_EQ(read({}, "hostsCommaDelimitedString"), Value("p.example.com,q.example.com"));

@@ -86,6 +86,18 @@ TEST(AThousandDomains, AreSavedWithOneNewFileEachAndReadBackOnce) {
   EXPECT_EQ(domains.listedPaths("sm").size(), kDomains);
 }
 
+TEST(AThousandDomains, AreLookedAtOnceEachWhenNothingHasChanged) {
+  ManyDomains domains;
+  domains->setHostDomains(manyDomains());
+  ASSERT_TRUE(domains->saveAllConfigurations());
+  ASSERT_TRUE(domains->loadAllConfigurations());
+  for (const auto& component : *domains->loadedComponentsForName("sm")) component->setLoadTime(kFarAhead);
+  domains.platform.files.clearCalls();
+  ASSERT_TRUE(domains->loadAllConfigurations());
+  EXPECT_LE(domains.platform.files.calls().size(), kDomains + 2) << "and at the master";
+  EXPECT_EQ(domains->knownDocuments().parses(), 1U);
+}
+
 TEST(AThousandDomains, AreRemovedWithOneDeletionForEachFileAndBackup) {
   ManyDomains domains;
   domains->setHostDomains(manyDomains());

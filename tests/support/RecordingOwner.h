@@ -18,6 +18,7 @@ class RecordingOwner : public ServiceOwner {
   std::unique_ptr<NOTIFICATION_PLUGIN_MasterConfiguration> master;
   std::optional<std::string> hostDomain = "chat.example.com";
   std::optional<Dictionary> preferences = Dictionary{};
+  int preferenceLoads = 0;
   /// The domains of every service, and the services whose domains were asked for.
   std::optional<std::vector<std::string>> domains = std::vector<std::string>{};
   std::vector<std::string> domainsAsked;
@@ -33,7 +34,10 @@ class RecordingOwner : public ServiceOwner {
     domainsAsked.emplace_back(name);
     return domains;
   }
-  std::optional<Dictionary> loadPreferences() override { return preferences; }
+  std::optional<Dictionary> loadPreferences() override {
+    ++preferenceLoads;
+    return preferences;
+  }
   bool savePreferences(const Dictionary& changed) override {
     saved.push_back(changed);
     preferences = changed;
