@@ -462,7 +462,8 @@ def test_idle_connections_keep_the_daemon_from_no_sleep(makeDaemon):
     before, begin = wakeups(daemon), time.monotonic()
     waitUntil(lambda: time.monotonic() - begin > 2, "two seconds have passed")
     grown = wakeups(daemon) - before
-    assert grown <= 8 * (time.monotonic() - begin) + 10
+    # A few times a second for the deadlines, and ThreadSanitizer's own thread; a loop would do it thousands of times.
+    assert grown <= 40 * (time.monotonic() - begin)
     for connection in held:
         connection.close()
     waitUntil(lambda: openConnections(daemon) == 0, "all are closed")
