@@ -22,13 +22,17 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::initServiceData() {
   if (serviceDataReady()) return true;
   const std::string database = determineDatabasePath();
   logDebug_source(fill("Using %@ as the database path", {database}), "");
+  // The data counts as ready before the templates are filled: an attempt that does not come that far must
+  // leave nothing that would keep the next one from it.
+  ChangeSet changes(platform().changes);
   if (!createServiceDatabase(database)) return false;
   if (!createServicePidDirectory()) return false;
   if (!initializeServiceConfigurations()) return false;
   const auto location = owner().getPreferenceValueForKey("savedChatsLocation");
-  return configureDirectory_ownerID_groupID_permissions(location ? location->stringValue() : std::nullopt,
-                                                        kJabberUserID, kSavedChatsGroupID,
-                                                        kSavedChatsPermissions);
+  const bool usable = configureDirectory_ownerID_groupID_permissions(
+      location ? location->stringValue() : std::nullopt, kJabberUserID, kSavedChatsGroupID,
+      kSavedChatsPermissions);
+  return changes.end() && usable;
 }
 
 std::optional<Dictionary> NOTIFICATION_PLUGIN_JabberServiceAtom::getServiceLogPaths() {

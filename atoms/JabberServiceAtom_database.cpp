@@ -26,6 +26,9 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::createServiceDatabase(const std::str
   }
   // An interrupted attempt may have left a journal, and a link that leads nowhere would lead the tool there.
   removeDatabase(platform().files, path);
+  // Made by us, so that it belongs to the changes of the request. Where this fails, the tool says why.
+  const FileOwnership ownership{kJabberUserID, kJabberGroupID, kDatabasePermissions};
+  static_cast<void>(platform().files.createFile(path, "", ownership, Flush::now).ok());
   const DatabaseOutcome outcome = makeDatabaseFromScript(platform(), kJabberDatabaseScript, path);
   if (!outcome.made) {
     databaseCreationFailed(outcome.output, outcome.errorText);
@@ -33,8 +36,7 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::createServiceDatabase(const std::str
     removeDatabase(platform().files, path);
     return false;
   }
-  const auto owned =
-      platform().files.setOwnership(path, {kJabberUserID, kJabberGroupID, kDatabasePermissions});
+  const auto owned = platform().files.setOwnership(path, ownership);
   if (owned) return true;
   logError_source(
       fill("unable to set ownership/permissions for the database: '%@'", {owned.error().description()}), "");

@@ -112,7 +112,8 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::makeDatabase(const Notificatio
     return;
   }
   const auto owned = platform().files.setOwnership(path, kNotificationDataOwnership);
-  if (!owned) databaseNotMade(path, owned.error().description());
+  if (!owned) return databaseNotMade(path, owned.error().description());
+  platform().changes.keep();
 }
 
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::databaseNotMade(const std::string& path,

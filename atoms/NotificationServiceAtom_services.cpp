@@ -57,6 +57,7 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::keepServices(Dictionary config
   const auto written =
       writePropertyListFile(platform().files, kBundleConfigFilePath, configuration, kBundleConfigOwnership);
   if (written) return;
+  platform().changes.fail();
   logError_source(fill("client services were not saved: \"%@\" : %@",
                        {kBundleConfigFilePath, written.error().description()}),
                   "");
@@ -64,6 +65,7 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::keepServices(Dictionary config
 
 std::optional<Dictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::addServiceWithRequest(
     const Dictionary& request) {
+  ChangeSet changes(platform().changes);
   auto configuration = bundleConfigurationToChange();
   if (!configuration) return answerWith({});
   Array services = servicesIn(*configuration);
@@ -76,11 +78,13 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::addServic
   }
   services.push_back(std::move(added));
   keepServices(std::move(*configuration), services);
+  changes.end();
   return answerWith(std::move(services));
 }
 
 std::optional<Dictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::removeServiceWithRequest(
     const Dictionary& request) {
+  ChangeSet changes(platform().changes);
   auto configuration = bundleConfigurationToChange();
   if (!configuration) return answerWith({});
   Array services = servicesIn(*configuration);
@@ -88,6 +92,7 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::removeSer
   const std::string* hostName = request.stringFor("hostName");
   if (service && hostName) removeService_ofHost(*service, *hostName, services);
   keepServices(std::move(*configuration), services);
+  changes.end();
   return answerWith(std::move(services));
 }
 

@@ -137,7 +137,9 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::writeServiceConfiguration_erro
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::saveSettings(const SettingsDictionary& settings) {
   const auto written = writePropertyListFile(platform().files, kNotificationConfigFilePath, settings,
                                              kNotificationConfigOwnership);
-  if (!written) logError_source(notSaved(written.error()), "");
+  if (written) return;
+  logError_source(notSaved(written.error()), "");
+  platform().changes.fail();
 }
 
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::updateHostFrom(const SettingsDictionary& settings) {
@@ -180,6 +182,7 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::updateConfigFile(const std::op
     written = writeConfigFile(settings.value());
   }
   if (!written) {
+    platform().changes.fail();
     logWarning_source(notSaved(written.error()), "");
     logConfigCreationError("Beaconry config modification error");
     return false;

@@ -150,6 +150,8 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::giveComponentPassword(
   if (set) {
     settings.set("password", *password);
     saveSettings(settings);
+    // The account has it already.
+    platform().changes.keep();
   } else if (platform().directory.getpwnam(account)) {
     componentPasswordNotSet(set.error());
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Bundles.h"
+#include "common/Changes.h"
 #include "common/Clock.h"
 #include "common/Directory.h"
 #include "common/FileSystem.h"
@@ -21,6 +22,7 @@ namespace tessard {
 /// given the platform, and are used on the thread that carries the host's requests.
 struct Platform {
   FileSystem& files;
+  Changes& changes;  ///< those made through `files`
   Tasks& tasks;
   ServiceManager& services;
   Processes& processes;

@@ -121,7 +121,8 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   /// version that waits there (error line).
   bool saveMasterConfiguration();
   /// Saves every changed component, with an error line for each that fails, and the changed master file,
-  /// whose result it gives; all in one batch, flushed together.
+  /// whose result it gives; all in one batch, flushed together. When one fails, the changes of the request
+  /// have failed (see `Changes`).
   bool saveAllConfigurations();
   /// Append what the file is made of: the comment lines with an empty line, and the component lines.
   void copyCachedConfigurationCommentsToString(std::string& text) const;
@@ -160,7 +161,8 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   /// Replaces the node and marks the component as changed.
   void replaceNode_withNode_forPath(const XmlNode& oldNode, const XmlNode& newNode, std::string_view path);
 
-  // --- Domains: one session manager each. Nothing is saved, but files are copied and deleted ---
+  // --- Domains: one session manager each. Nothing is saved, but files are copied and deleted. A file that
+  // cannot be is an error line, and the changes of the request have failed (see `Changes`) ---
 
   /// Lays out the session managers of these domains: the first is the primary's, every other one gets a
   /// secondary file, "sm_%@.xml" beside the primary's. All secondaries that were there before are removed
@@ -186,6 +188,7 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   std::vector<Component*> changedComponents() const;
   bool stageMaster(ReplacementBatch& batch);
   bool masterReplaced(const Replacement& saved);
+  std::size_t deleteFile(const std::string& path);
   void takeConfigLine(const std::string& line);
 
   Platform& platform_;

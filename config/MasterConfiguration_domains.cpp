@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cerrno>
 
 #include "common/DurableReplace.h"
 #include "common/Format.h"
@@ -29,11 +30,6 @@ bool isSecondary(const std::unique_ptr<NOTIFICATION_PLUGIN_ComponentConfiguratio
 bool canNameFile(std::string_view domain, std::string_view fileName) {
   return !domain.empty() && fileName.size() <= kMaximumFileNameLength &&
          domain.find('/') == std::string_view::npos && !breaksLine(domain) && isXmlText(domain);
-}
-
-// Deletes a file if there is one; 1 when it is gone, 0 otherwise.
-std::size_t deleteFile(FileSystem& files, const std::string& path) {
-  return files.exists(path) && files.remove(path) ? 1 : 0;
 }
 
 }  // namespace
@@ -88,7 +84,12 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::addSecondarySMDomain(std::string_v
   // A file that is there keeps its content: it is not removed, and the copy does not replace it. Where
   // nothing can be reached only a dangling link can be in the way.
   if (!files.exists(path)) static_cast<void>(files.remove(path).ok());
-  static_cast<void>(files.copyFile(source, path).ok());
+  const auto copied = files.copyFile(source, path);
+  if (!copied && copied.error().code() != EEXIST) {
+    logError_source(fill("session manager file not made: \"%@\" : %@", {path, copied.error().description()}),
+                    "");
+    platform_.changes.fail();
+  }
   cachePathConfig({std::string(kSessionManager), path});
   Component* secondary = cacheNewComponentForName_andPath(kSessionManager, path);
   secondary->loadDocument();
@@ -104,6 +105,16 @@ NOTIFICATION_PLUGIN_ComponentConfiguration* NOTIFICATION_PLUGIN_MasterConfigurat
   return defaultComponentForName(kSessionManager);
 }
 
+// Deletes a file if there is one; 1 when it is gone, 0 otherwise.
+std::size_t NOTIFICATION_PLUGIN_MasterConfiguration::deleteFile(const std::string& path) {
+  if (!platform_.files.exists(path)) return 0;
+  const auto removed = platform_.files.remove(path);
+  if (removed) return 1;
+  logError_source(fill("file not deleted: \"%@\" : %@", {path, removed.error().description()}), "");
+  platform_.changes.fail();
+  return 0;
+}
+
 bool NOTIFICATION_PLUGIN_MasterConfiguration::removeAllSecondarySMConfigurations() {
   std::size_t removedComponents = 0;
   std::size_t deletedFiles = 0;
@@ -111,7 +122,7 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::removeAllSecondarySMConfigurations
     removedComponents = std::erase_if(*components, [&](const auto& component) {
       if (!isSecondary(component)) return false;
       const std::string path = component->configPath().value_or("");
-      deletedFiles += deleteFile(platform_.files, path) + deleteFile(platform_.files, backupPathFor(path));
+      deletedFiles += deleteFile(path) + deleteFile(backupPathFor(path));
       return true;
     });
   }

@@ -78,6 +78,7 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::saveAllConfigurations() {
   ReplacementBatch batch(platform_.files);
   std::vector<Component*> staged;
   const auto notSaved = [this](const Component& component) {
+    platform_.changes.fail();
     logError_source(fill("error saving configuration file: \"%@\"", {component.configPath()}), "");
   };
   for (Component* component : changedComponents()) {
@@ -94,7 +95,9 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::saveAllConfigurations() {
   for (Component* component : staged) {
     if (!component->documentReplaced(*replaced++)) notSaved(*component);
   }
-  return masterStaged ? masterReplaced(*replaced) : !saveMaster;
+  const bool masterSaved = masterStaged ? masterReplaced(*replaced) : !saveMaster;
+  if (!masterSaved) platform_.changes.fail();
+  return masterSaved;
 }
 
 }  // namespace tessard

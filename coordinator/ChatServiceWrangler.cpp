@@ -114,14 +114,15 @@ bool NOTIFICATION_PLUGIN_ChatServiceWrangler::writeAllConfigurations_error(const
     logError_source(fill("settings refused: %@", {*problem}), "");
     return false;
   }
+  ChangeSet changes(platform_.changes, [this] { masterConfig_->revertMasterConfiguration(); });
   if (filtered) setHostDomainsFrom(*filtered);
   for (const auto& atom : serviceAtoms_) {
-    if (!atom->writeServiceConfiguration_error(filtered ? &*filtered : nullptr, error)) {
-      masterConfig_->revertMasterConfiguration();
-      return false;
-    }
+    // The set is left without its end, and so is put back.
+    if (!atom->writeServiceConfiguration_error(filtered ? &*filtered : nullptr, error)) return false;
   }
   masterConfig_->saveAllConfigurations();
+  // What could not be saved is in the log, and all is as it was: the result tells of refusals alone.
+  changes.end();
   return true;
 }
 

@@ -56,7 +56,8 @@ class NOTIFICATION_PLUGIN_ChatServiceWrangler : public Object, public ServiceOwn
   std::optional<std::string> problemWithWriteSettings(const SettingsDictionary& settings);
   /// Writes settings (null: none were given) to all atoms and saves every changed file. When an atom refuses,
   /// its code is in `error`, the configuration is as last loaded and later atoms are not written. A list of
-  /// hosts that is there but names none is refused before anything is changed.
+  /// hosts that is there but names none is refused before anything is changed. All files are written or none:
+  /// when one cannot be, an error line tells, and every file and the configuration are as before.
   bool writeAllConfigurations_error(const SettingsDictionary* settings, int& error);
 
   /// Starts or stops the named services in order. The first failure stops all services (a failed stop so

@@ -69,16 +69,20 @@ void NOTIFICATION_PLUGIN_ChatServiceWrangler::replaceChangedDomain(const Network
 
 void NOTIFICATION_PLUGIN_ChatServiceWrangler::handleNetworkChanged(const NetworkChangeContext& context) {
   masterConfig_->loadAllConfigurations();
+  ChangeSet changes(platform_.changes, [this] { masterConfig_->revertMasterConfiguration(); });
   updateMasterConfigurationForNetworkChange(context);
   for (const auto& atom : serviceAtoms_) atom->handleNetworkChanged(context);
   masterConfig_->saveAllConfigurations();
+  changes.end();
 }
 
 void NOTIFICATION_PLUGIN_ChatServiceWrangler::handleChangeIPRequest(const NetworkChangeContext& context) {
   masterConfig_->loadAllConfigurations();
+  ChangeSet changes(platform_.changes, [this] { masterConfig_->revertMasterConfiguration(); });
   updateMasterConfigurationForChangeIP(context);
   for (const auto& atom : serviceAtoms_) atom->handleChangeIPRequest(context);
   masterConfig_->saveAllConfigurations();
+  changes.end();
 }
 
 void NOTIFICATION_PLUGIN_ChatServiceWrangler::setHostDomainsFrom(const SettingsDictionary& settings) {

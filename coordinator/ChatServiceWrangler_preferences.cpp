@@ -63,6 +63,7 @@ bool NOTIFICATION_PLUGIN_ChatServiceWrangler::savePreferences(const Dictionary& 
   const auto written =
       writePropertyListFile(platform_.files, kBundleConfigFilePath, preferences, kBundleConfigOwnership);
   if (!written) {
+    platform_.changes.fail();
     logWarning_source(fill("preferences were not saved: \"%@\" : %@",
                            {kBundleConfigFilePath, written.error().description()}),
                       "");

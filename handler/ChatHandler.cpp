@@ -152,6 +152,8 @@ bool NOTIFICATION_PLUGIN_ChatHandler::initializeServiceDataWithReadinessCheck(bo
   } else {
     logDebug_source("Failed to initialize all service data", "");
   }
+  // What is made stays, also when the request fails that it was made for: the next one finds less to make.
+  platform_.changes.keep();
   return initialized;
 }
 

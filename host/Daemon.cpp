@@ -77,7 +77,7 @@ class Daemon {
       : configuration_(configuration),
         real_(configuration),
         hostLog_(real_.syslog),
-        executor_(real_.platform),
+        executor_(real_.platform, real_.journal),
         slot_(std::chrono::seconds(configuration.idleSeconds), [this](int count) { doIdleWork(count); }),
         monitor_(configuration.root, std::chrono::seconds(configuration.networkQuietSeconds), real_.hostNames,
                  real_.files, slot_, hostLog_,
@@ -95,6 +95,7 @@ class Daemon {
     if (!adminGroup) {
       tellWhoMayConnect();
     }
+    undoWhatWasCutOff();
     loadPlugins();
     watchNetwork();
     return serve(PeerCheck(adminGroup), stopEvent.get(), socket.value());
@@ -112,6 +113,14 @@ class Daemon {
         geteuid() == 0
             ? fill("There is no group \"%@\"; only root may send requests.", {configuration_.adminGroup})
             : fill("Not run by root; only root and user %u may send requests.", {geteuid()}));
+  }
+
+  void undoWhatWasCutOff() {
+    const auto undone = real_.journal.recover();
+    for (const std::string& problem : undone.problems) hostLog_.error(problem + ".");
+    if (!undone.found || !undone.problems.empty()) return;
+    hostLog_.notice(
+        fill("A request that was cut off is undone: %ld files are as they were before it.", {undone.files}));
   }
 
   void loadPlugins() {

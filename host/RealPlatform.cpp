@@ -48,6 +48,7 @@ RealPlatform::RealPlatform(const HostConfiguration& configuration)
       bundles(files),
       keychain(configuration.root, rootIsThisUser(),
                [this](const std::string& problem) { Object(log).logError_source(problem, ""); }),
-      logs(configuration.root) {}
+      logs(configuration.root),
+      journal(files, configuration.root, log) {}
 
 }  // namespace tessard

@@ -14,6 +14,7 @@
 #include "platform/SystemSyslog.h"
 #include "platform/UnistringUnicode.h"
 #include "platform/accounts/LibuserDirectory.h"
+#include "platform/journal/JournalingFileSystem.h"
 #include "platform/keychain/SqliteKeychain.h"
 #include "platform/logs/LinuxLogReader.h"
 
@@ -44,8 +45,9 @@ struct RealPlatform {
   DirectoryBundles bundles;
   SqliteKeychain keychain;
   LinuxLogReader logs;
-  Platform platform{files,  tasks,   *services, processes, hostNames, *network, clock,
-                    random, unicode, bundles,   directory, keychain,  logs,     log};
+  JournalingFileSystem journal;  ///< what the plug-in sees of `files`
+  Platform platform{journal, journal, tasks,   *services, processes, hostNames, *network, clock,
+                    random,  unicode, bundles, directory, keychain,  logs,      log};
 };
 
 }  // namespace tessard

@@ -44,6 +44,7 @@ ExecutionOutcome RequestExecutor::guarded(std::string_view what,
     outcome.problem = fill("the plug-in failed while it handled \"%@\": %@", {what, problem});
     logError_source(outcome.problem, "");
   };
+  journal_.startRequest();
   try {
     call(outcome);
   } catch (const std::exception& problem) {
@@ -51,6 +52,7 @@ ExecutionOutcome RequestExecutor::guarded(std::string_view what,
   } catch (...) {
     failed("unknown exception");
   }
+  journal_.finishRequest(outcome.kind == ExecutionOutcome::Kind::failed);
   outcome.log = log.lines();
   return outcome;
 }

@@ -9,6 +9,7 @@
 #include "common/Platform.h"
 #include "common/PluginRequestHandler.h"
 #include "common/Value.h"
+#include "platform/journal/JournalingFileSystem.h"
 
 namespace tessard {
 
@@ -28,10 +29,13 @@ struct ExecutionOutcome {
 };
 
 /// The one place through which requests and events reach a plug-in. Used on the thread that carries them;
-/// nothing that a plug-in throws gets past it.
+/// nothing that a plug-in throws gets past it. What a call changes in files is kept when it ends, as far as
+/// the plug-in has not decided that itself, and put back when it ends by an exception.
 class RequestExecutor : public Object {
  public:
-  explicit RequestExecutor(Platform& platform) : Object(platform.log), platform_(platform) {}
+  /// `journal` is what the platform's files are changed through.
+  RequestExecutor(Platform& platform, JournalingFileSystem& journal)
+      : Object(platform.log), platform_(platform), journal_(journal) {}
 
   /// Carries out one request. When an "initialSetup" has succeeded (its answer holds no "error"), the marker
   /// of the host's own first-time setup, "/var/db/.VeltoSetupDone", is written where it is missing.
@@ -48,6 +52,7 @@ class RequestExecutor : public Object {
   void writeSetupMarker();
 
   Platform& platform_;
+  JournalingFileSystem& journal_;
 };
 
 }  // namespace tessard

@@ -82,11 +82,16 @@ void removeQuietly(int directory, const std::string& name, int flags) {
 
 // The attributes are set through the opened directory, so that nothing put in its place gets them.
 Result<void> makeDirectory(int parent, const std::string& name, const FileOwnership& ownership) {
-  if (::mkdirat(parent, name.c_str(), kPrivateDirectory) != 0) return SystemError::last();
+  // Nobody enters a directory before it has its owner. One that keeps the caller's is complete at once as far
+  // as the umask lets it: a death in between must not leave it closed.
+  const mode_t wanted = ownership.permissions.value_or(kUsualDirectory);
+  const bool isGivenAway = ownership.owner || ownership.group;
+  if (::mkdirat(parent, name.c_str(), isGivenAway ? kPrivateDirectory : wanted) != 0) {
+    return SystemError::last();
+  }
   const FileDescriptor made(uninterrupted(
       [&] { return ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
-  auto given = made ? apply(made.get(), ownership, ownership.permissions.value_or(kUsualDirectory))
-                    : Result<void>(SystemError::last());
+  auto given = made ? apply(made.get(), ownership, wanted) : Result<void>(SystemError::last());
   if (!given) removeQuietly(parent, name, AT_REMOVEDIR);
   return given;
 }

@@ -109,9 +109,9 @@ class ThrowingBundles : public Bundles {
 template <class Thrown>
 PluginRequestHandler* createThrowing(PluginCreateFunction create, TestPlatform& test, Thrown thrown) {
   ThrowingBundles<Thrown> bundles(thrown);
-  Platform platform{test.files,     test.tasks,    test.services, test.processes, test.hostNames,
-                    test.network,   test.clock,    test.random,   test.unicode,   bundles,
-                    test.directory, test.keychain, test.logs,     test.log};
+  Platform platform{test.files,     test.journal,   test.tasks,    test.services, test.processes,
+                    test.hostNames, test.network,   test.clock,    test.random,   test.unicode,
+                    bundles,        test.directory, test.keychain, test.logs,     test.log};
   return create(kPrincipalClass, &platform);
 }
 

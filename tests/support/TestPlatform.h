@@ -4,6 +4,7 @@
 #include "platform/PosixFileSystem.h"
 #include "platform/UnistringUnicode.h"
 #include "platform/accounts/LibuserDirectory.h"
+#include "platform/journal/JournalingFileSystem.h"
 #include "platform/keychain/SqliteKeychain.h"
 #include "platform/logs/LinuxLogReader.h"
 #include "tests/support/FakeBundles.h"
@@ -53,8 +54,11 @@ class TestPlatform {
   RecordingLogReader logs{linuxLogs};
   RecordingLog log;
 
-  Platform platform{files,  tasks,   services, processes, hostNames, network, clock,
-                    random, unicode, bundles,  directory, keychain,  logs,    log};
+  /// Notes nothing before a request is started.
+  JournalingFileSystem journal{files, root.path(), log};
+
+  Platform platform{journal, journal, tasks,   services,  processes, hostNames, network, clock,
+                    random,  unicode, bundles, directory, keychain,  logs,      log};
   operator Platform&() { return platform; }
 };
 

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <functional>
+#include <string_view>
+#include <utility>
+
+namespace tessard {
+
+/// The changes that the request under way makes to files, through the platform's `FileSystem`. They can be
+/// put back until they are kept: at the end of the request, or earlier by whoever knows that a step stands
+/// for itself. When the daemon dies before, its next start puts them back. What programs and accounts change
+/// is not among them, nor are owner and permissions of directories.
+class Changes {
+ public:
+  virtual ~Changes() = default;
+
+  /// What was changed so far is on disk and stays, whatever becomes of the rest of the request. For requests
+  /// that get nearer to their aim with every attempt. Nothing happens between `begin` and `end`.
+  virtual void keep() = 0;
+
+  /// From here to `end` the changes belong together: all of them or none. What was changed before is kept.
+  virtual void begin() = 0;
+  /// One of them could not be made. No effect but between `begin` and `end`.
+  virtual void fail() = 0;
+  /// True when all were made and are on disk. Otherwise every file is as it was at `begin`, which a log line
+  /// tells; what objects hold in memory must then be read anew.
+  virtual bool end() = 0;
+
+  /// Somebody else has changed this file meanwhile: it is left as it is when the rest is put back.
+  virtual void leave(std::string_view path) = 0;
+};
+
+/// Changes that belong together, for the time of a block. Put back when the block is left without `end`.
+class ChangeSet {
+ public:
+  /// `afterUndo` is called when the files were put back; it must not throw.
+  explicit ChangeSet(
+      Changes& changes, std::function<void()> afterUndo = [] {})
+      : changes_(changes), afterUndo_(std::move(afterUndo)) {
+    changes_.begin();
+  }
+  ChangeSet(const ChangeSet&) = delete;
+  ChangeSet& operator=(const ChangeSet&) = delete;
+  ~ChangeSet() {
+    if (ended_) return;
+    changes_.fail();
+    end();
+  }
+
+  /// As `Changes::end`.
+  bool end() {
+    ended_ = true;
+    if (changes_.end()) return true;
+    afterUndo_();
+    return false;
+  }
+
+ private:
+  Changes& changes_;
+  const std::function<void()> afterUndo_;
+  bool ended_ = false;
+};
+
+}  // namespace tessard

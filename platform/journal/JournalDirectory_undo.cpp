@@ -1,0 +1,246 @@
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+#include "common/Format.h"
+#include "platform/SystemCalls.h"
+#include "platform/journal/JournalDirectory.h"
+#include "platform/journal/JournalNames.h"
+
+// How everything is put back. Each step is done for good before the note of it is removed, so that an undo
+// that is cut off itself is carried on by the next.
+
+namespace tessard {
+
+namespace {
+
+// The name of a copy until it is complete.
+const std::string kCopyBack = ".tessardd-undo";
+
+// Where something is put back no link is followed: whoever can write in a directory on the way could have put
+// one there meanwhile.
+Result<FileDescriptor> openWithoutLinks(int root, const std::string& path) {
+  open_how how{};
+  how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+  how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+  const std::string text = path.empty() ? "/" : path;
+  const long opened =
+      uninterrupted([&] { return ::syscall(SYS_openat2, root, text.c_str(), &how, sizeof how); });
+  if (opened < 0) return SystemError::last();
+  return FileDescriptor(static_cast<int>(opened));
+}
+
+Result<void> removeNote(NameIn note) {
+  return resultOf(::unlinkat(note.directory, note.name.c_str(), 0));
+}
+
+bool isSame(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Puts the noted version under the name, in one step, whatever file stands there.
+Result<void> putBack(NameIn noted, NameIn target) {
+  const char* name = target.name.c_str();
+  if (::renameat(noted.directory, noted.name.c_str(), target.directory, name) == 0) return {};
+  if (errno != EXDEV) return SystemError::last();
+  const NameIn copy{target.directory, kCopyBack};
+  if (auto removed = removeTree(copy); !removed) return removed;
+  if (auto copied = copyAcross(noted, copy); !copied) return copied;
+  return resultOf(::renameat(copy.directory, copy.name.c_str(), target.directory, name));
+}
+
+// The change of owner first, because it takes permission bits away. Links have no permissions.
+Result<void> giveBack(NameIn file, const NotedAttributes& attributes) {
+  const char* name = file.name.c_str();
+  const auto owned =
+      resultOf(::fchownat(file.directory, name, attributes.owner, attributes.group, AT_SYMLINK_NOFOLLOW));
+  if (!owned) return owned;
+  const auto status = statusOf(file);
+  if (!status) return status.error();
+  if (S_ISLNK(status.value().st_mode)) return {};
+  return resultOf(::fchmodat(file.directory, name, attributes.permissions, 0));
+}
+
+}  // namespace
+
+/// What an undo has met so far.
+struct JournalDirectory::Restoring {
+  Undone& undone;
+  bool keepsReplaced;
+
+  void problem(const std::string& path, const SystemError& reason) {
+    undone.problems.push_back(fill("\"%@\" cannot be put back: %@", {path, reason.description()}));
+  }
+};
+
+JournalDirectory::Undone JournalDirectory::undo() {
+  Undone undone;
+  if (isEmpty()) return undone;
+  restoreAll(false, undone);
+  if (!undone.problems.empty()) return undone;
+  if (const auto retired = retire(kKeptJournal); !retired) {
+    undone.problems.push_back(
+        fill("the journal in \"%@\" cannot be removed: %@", {kJournalHome, retired.error().description()}));
+    return undone;
+  }
+  static_cast<void>(removeTree({home_.get(), kKeptJournal}).ok());
+  return undone;
+}
+
+JournalDirectory::Undone JournalDirectory::recover() {
+  Undone undone;
+  if (rootError_ != 0 || !files_.exists(kJournalHome)) return undone;
+  auto prepared = openHome();
+  if (prepared) prepared = removeTree({home_.get(), kKeptJournal});
+  if (prepared) {
+    auto journal = openDirectory({home_.get(), kOpenJournal});
+    if (!journal && journal.error().code() == ENOENT) return undone;
+    if (journal) open_ = std::move(journal).value();
+    prepared = journal ? Result<void>() : Result<void>(journal.error());
+  }
+  if (!prepared) {
+    undone.problems.push_back(
+        fill("the journal in \"%@\" cannot be read: %@", {kJournalHome, prepared.error().description()}));
+    return undone;
+  }
+  undone.found = true;
+  restoreAll(true, undone);
+  if (!undone.problems.empty()) return undone;
+  if (const auto retired = retire(kUndoneJournal); !retired) {
+    undone.problems.push_back(
+        fill("the journal in \"%@\" cannot be removed: %@", {kJournalHome, retired.error().description()}));
+  }
+  return undone;
+}
+
+void JournalDirectory::restoreAll(bool keepsReplaced, Undone& undone) {
+  Restoring restoring{undone, keepsReplaced};
+  // Attributes first, while the noted versions can still be reached through the journal alone.
+  restoreAttributes(restoring);
+  for (const char* kind : {kPresent, kAbsent}) {
+    const auto tree = openDirectory({open_.get(), kind});
+    if (tree) {
+      restoreTree(kind, tree.value().get(), "", restoring);
+    } else if (tree.error().code() != ENOENT) {
+      restoring.problem(kind, tree.error());
+    }
+  }
+}
+
+void JournalDirectory::restoreAttributes(Restoring& restoring) {
+  const auto all = openDirectory({open_.get(), kAttributes});
+  if (!all) return;
+  const auto kinds = entriesOf(all.value().get());
+  if (!kinds) return restoring.problem(kAttributes, kinds.error());
+  for (const DirectoryEntry& kind : kinds.value()) {
+    const auto attributes = attributesIn(kind.name);
+    const auto mirror = openDirectory({all.value().get(), kind.name});
+    const auto notes = mirror ? entriesOf(mirror.value().get()) : mirror.error();
+    if (!attributes || !notes) continue;
+    for (const DirectoryEntry& note : notes.value()) {
+      const NameIn noted{mirror.value().get(), note.name};
+      const auto given = giveBackNoted(noted, *attributes);
+      if (given && removeNote(noted)) continue;
+      restoring.problem(kind.name, given ? SystemError::last() : given.error());
+    }
+  }
+}
+
+Result<void> JournalDirectory::giveBackNoted(NameIn noted, const NotedAttributes& attributes) const {
+  std::string path(PATH_MAX, '\0');
+  const ssize_t length = ::readlinkat(noted.directory, noted.name.c_str(), path.data(), path.size());
+  if (length < 0) return giveBack(noted, attributes);
+  path.resize(static_cast<std::size_t>(length));
+  const auto directory = openWithoutLinks(root_.get(), directoryOf(path));
+  if (!directory) return directory.error().code() == ENOENT ? Result<void>() : directory.error();
+  auto given = giveBack({directory.value().get(), lastPathComponent(path)}, attributes);
+  return !given && given.error().code() == ENOENT ? Result<void>() : given;
+}
+
+void JournalDirectory::restoreTree(const std::string& kind, int mirror, const std::string& path,
+                                   Restoring& restoring) {
+  const auto notes = entriesOf(mirror);
+  if (!notes) return restoring.problem(path, notes.error());
+  // Directories first: what was made in a new directory goes before that itself.
+  bool hasFiles = false;
+  for (const DirectoryEntry& note : notes.value()) {
+    hasFiles = hasFiles || !note.isDirectory;
+    if (!note.isDirectory) continue;
+    const auto inner = openDirectory({mirror, note.name});
+    const std::string innerPath = fill("%@/%@", {path, nameOfMirror(note.name)});
+    if (inner) {
+      restoreTree(kind, inner.value().get(), innerPath, restoring);
+    } else {
+      restoring.problem(innerPath, inner.error());
+    }
+  }
+  if (!hasFiles) return;
+  const auto target = openWithoutLinks(root_.get(), path);
+  if (!target) {
+    // Where there is no directory, nothing is absent as it should be.
+    if (kind != kAbsent || target.error().code() != ENOENT) restoring.problem(path, target.error());
+    return;
+  }
+  for (const DirectoryEntry& note : notes.value()) {
+    if (note.isDirectory) continue;
+    const NameIn noted{mirror, note.name};
+    const auto restored = kind == kPresent ? restorePresent(noted, target.value().get(), path, restoring)
+                                           : restoreAbsent(noted, target.value().get(), path, restoring);
+    if (!restored) restoring.problem(fill("%@/%@", {path, note.name}), restored.error());
+  }
+  if (const auto flushed = resultOf(uninterrupted([&] { return ::fsync(target.value().get()); })); !flushed) {
+    restoring.problem(path, flushed.error());
+  }
+}
+
+Result<void> JournalDirectory::restorePresent(NameIn noted, int target, const std::string& path,
+                                              Restoring& restoring) {
+  const NameIn current{target, noted.name};
+  const auto was = statusOf(noted);
+  const auto is = statusOf(current);
+  if (!was) return was.error();
+  if (is && isSame(was.value(), is.value())) return removeNote(noted);
+  if (is && restoring.keepsReplaced) {
+    if (auto kept = keepReplaced(current, path); !kept) return kept;
+  }
+  if (auto back = putBack(noted, current); !back) return back;
+  ++restoring.undone.files;
+  // A copy is still there.
+  const auto removed = removeNote(noted);
+  return removed || removed.error().code() == ENOENT ? Result<void>() : removed;
+}
+
+Result<void> JournalDirectory::restoreAbsent(NameIn noted, int target, const std::string& path,
+                                             Restoring& restoring) {
+  const NameIn current{target, noted.name};
+  const char* name = current.name.c_str();
+  const auto is = statusOf(current);
+  if (is && S_ISDIR(is.value().st_mode)) {
+    // Somebody may have put something into it; then it stays.
+    if (::unlinkat(target, name, AT_REMOVEDIR) == 0) ++restoring.undone.files;
+  } else if (is) {
+    if (restoring.keepsReplaced) {
+      if (auto kept = keepReplaced(current, path); !kept) return kept;
+    }
+    if (::unlinkat(target, name, 0) != 0) return SystemError::last();
+    ++restoring.undone.files;
+  }
+  return removeNote(noted);
+}
+
+// A link, or nothing where none can be made: what the daemon wrote before it died is seldom missed.
+Result<void> JournalDirectory::keepReplaced(NameIn current, const std::string& path) {
+  const auto mirror = mirrorOf(kReplaced, path);
+  if (!mirror) return mirror.error();
+  const char* name = current.name.c_str();
+  if (::linkat(current.directory, name, mirror.value(), name, 0) == 0) return {};
+  return errno == EEXIST || errno == EXDEV || errno == EMLINK || errno == EPERM
+             ? Result<void>()
+             : Result<void>(SystemError::last());
+}
+
+}  // namespace tessard

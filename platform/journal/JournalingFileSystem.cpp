@@ -1,0 +1,197 @@
+#include "platform/journal/JournalingFileSystem.h"
+
+#include <cerrno>
+#include <functional>
+#include <utility>
+
+#include "common/DurableReplace.h"
+#include "common/Format.h"
+
+namespace tessard {
+
+namespace {
+
+constexpr std::string_view kTemporarySuffix = ".tmp";
+
+std::string_view withoutSlashesAtEnd(std::string_view path) {
+  while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
+  return path;
+}
+
+std::string keyOf(const JournalDirectory::Place& place) {
+  return place.path + '/' + place.name;
+}
+
+}  // namespace
+
+JournalingFileSystem::JournalingFileSystem(FileSystem& behind, const std::string& root, Log& log)
+    : behind_(behind), log_(log), journal_(behind, root) {}
+
+// Whatever is wrong with a path is for the operation itself to tell: then there is nothing to note.
+std::optional<JournalDirectory::Place> JournalingFileSystem::placeOf(std::string_view path) {
+  std::string name = lastPathComponent(path);
+  if (name.empty() || name == "." || name == ".." || path.find('\0') != std::string_view::npos) {
+    return std::nullopt;
+  }
+  const std::string directory = directoryOf(path);
+  auto known = directories_.find(directory);
+  if (known == directories_.end()) {
+    auto opened = journal_.open(directory);
+    if (!opened) return std::nullopt;
+    known = directories_.emplace(directory, std::move(opened).value()).first;
+  }
+  return JournalDirectory::Place{known->second.descriptor.get(), known->second.path, std::move(name)};
+}
+
+Result<void> JournalingFileSystem::note(
+    std::string_view path, const std::function<Result<void>(const JournalDirectory::Place&)>& how) {
+  if (!inRequest_) return {};
+  if (undoUnfinished_) return SystemError(EIO, "an earlier request is not undone yet");
+  const auto place = placeOf(path);
+  if (!place || noted_.contains(keyOf(*place))) return {};
+  auto done = how(*place);
+  if (done) noted_.insert(keyOf(*place));
+  return done;
+}
+
+Result<void> JournalingFileSystem::remember(std::string_view path) {
+  return note(path, [this](const auto& place) { return journal_.remember(place); });
+}
+
+// A directory that is to be made, and those above it.
+Result<void> JournalingFileSystem::rememberMissing(std::string_view path) {
+  path = withoutSlashesAtEnd(path);
+  if (!inRequest_ || path == "/" || !path.starts_with('/') || behind_.exists(path)) return {};
+  const std::string parent = directoryOf(path);
+  if (behind_.exists(parent)) return remember(path);
+  if (auto noted = rememberMissing(parent); !noted) return noted;
+  return journal_.rememberAbsent(placeOfMissing(parent), lastPathComponent(path));
+}
+
+// What the path of a directory will be that is not there yet.
+std::string JournalingFileSystem::placeOfMissing(const std::string& directory) {
+  const auto place = placeOf(directory);
+  if (place) return keyOf(*place);
+  return placeOfMissing(directoryOf(directory)) + '/' + lastPathComponent(directory);
+}
+
+bool JournalingFileSystem::exists(std::string_view path) {
+  return behind_.exists(path);
+}
+
+Result<FileAttributes> JournalingFileSystem::attributes(std::string_view path) {
+  return behind_.attributes(path);
+}
+
+Result<std::string> JournalingFileSystem::readFile(std::string_view path, std::size_t limit) {
+  return behind_.readFile(path, limit);
+}
+
+Result<std::vector<std::string>> JournalingFileSystem::listDirectory(std::string_view path) {
+  return behind_.listDirectory(path);
+}
+
+Result<void> JournalingFileSystem::createFile(std::string_view path, std::string_view content,
+                                              const FileOwnership& ownership, Flush flush) {
+  if (auto noted = remember(path); !noted) return noted;
+  auto made = behind_.createFile(path, content, ownership, flush);
+  if (made && inRequest_ && flush == Flush::later) unflushed_.emplace(path);
+  return made;
+}
+
+Result<void> JournalingFileSystem::copyFile(std::string_view from, std::string_view to) {
+  if (auto noted = remember(to); !noted) return noted;
+  auto made = behind_.copyFile(from, to);
+  if (made && inRequest_) unflushed_.emplace(to);
+  return made;
+}
+
+// Temporaries are flushed because they are about to take the place of their files. These are noted before, so
+// that the flush of a file system makes the notes last, too.
+Result<void> JournalingFileSystem::flush(const std::vector<std::string>& paths) {
+  for (const std::string_view path : paths) {
+    if (!path.ends_with(kTemporarySuffix)) continue;
+    const std::string_view file = path.substr(0, path.size() - kTemporarySuffix.size());
+    if (auto noted = remember(file); !noted) return noted;
+    if (auto noted = remember(backupPathFor(file)); !noted) return noted;
+  }
+  auto flushed = behind_.flush(paths);
+  if (!flushed) return flushed;
+  if (paths.size() == 1) {
+    unflushed_.erase(paths.front());
+    return flushed;
+  }
+  // Whole file systems were.
+  std::set<std::string> directories;
+  for (const std::string& path : paths) directories.insert(directoryOf(path));
+  std::erase_if(unflushed_, [&](const std::string& path) { return directories.contains(directoryOf(path)); });
+  return flushed;
+}
+
+Result<void> JournalingFileSystem::rename(std::string_view from, std::string_view to) {
+  for (const std::string_view path : {from, to}) {
+    if (auto noted = remember(path); !noted) return noted;
+  }
+  auto renamed = behind_.rename(from, to);
+  if (renamed && unflushed_.erase(std::string(from)) > 0) unflushed_.emplace(to);
+  return renamed;
+}
+
+Result<void> JournalingFileSystem::exchange(std::string_view first, std::string_view second) {
+  for (const std::string_view path : {first, second}) {
+    if (auto noted = remember(path); !noted) return noted;
+  }
+  auto exchanged = behind_.exchange(first, second);
+  if (!exchanged) return exchanged;
+  const bool firstWasUnflushed = unflushed_.erase(std::string(first)) > 0;
+  const bool secondWasUnflushed = unflushed_.erase(std::string(second)) > 0;
+  if (firstWasUnflushed) unflushed_.emplace(second);
+  if (secondWasUnflushed) unflushed_.emplace(first);
+  return exchanged;
+}
+
+Result<void> JournalingFileSystem::remove(std::string_view path) {
+  bool taken = false;
+  auto noted = note(path, [&](const auto& place) {
+    auto done = journal_.take(place);
+    taken = done.ok();
+    return done;
+  });
+  if (!noted || taken) return noted;
+  auto removed = behind_.remove(path);
+  if (removed) unflushed_.erase(std::string(path));
+  return removed;
+}
+
+Result<void> JournalingFileSystem::createDirectory(std::string_view path, const FileOwnership& ownership,
+                                                   bool withParents) {
+  if (auto noted = rememberMissing(path); !noted) return noted;
+  return behind_.createDirectory(path, ownership, withParents);
+}
+
+Result<void> JournalingFileSystem::setOwnership(std::string_view path, const FileOwnership& ownership) {
+  if (auto noted = rememberAttributes(path, ownership); !noted) return noted;
+  return behind_.setOwnership(path, ownership);
+}
+
+Result<void> JournalingFileSystem::rememberAttributes(std::string_view path, const FileOwnership& ownership) {
+  if (!inRequest_) return {};
+  const auto is = behind_.attributes(path);
+  const auto place = placeOf(withoutSlashesAtEnd(path));
+  if (!is || !place) return {};
+  const bool same = ownership.owner.value_or(is.value().owner) == is.value().owner &&
+                    ownership.group.value_or(is.value().group) == is.value().group &&
+                    ownership.permissions.value_or(is.value().permissions) == is.value().permissions;
+  if (same) return {};
+  if (undoUnfinished_) return SystemError(EIO, "an earlier request is not undone yet");
+  const auto status = statusOf({place->directory, place->name});
+  return status ? journal_.rememberAttributes(*place, status.value()) : Result<void>(status.error());
+}
+
+Result<void> JournalingFileSystem::syncDirectory(std::string_view path) {
+  if (!inRequest_) return behind_.syncDirectory(path);
+  unsynced_.emplace(path);
+  return {};
+}
+
+}  // namespace tessard

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "common/Changes.h"
+#include "common/FileSystem.h"
+#include "common/Log.h"
+#include "platform/journal/JournalDirectory.h"
+
+namespace tessard {
+
+/// A file system that notes in a journal, during a request, what each file was before its first change, so
+/// that all of them can be put back. Reading costs nothing, and outside of a request nothing is noted. A file
+/// that cannot be noted is not changed: the call fails with the journal's error.
+///
+/// During a request directories are flushed once each, when changes are kept, and files taken away go into
+/// the journal. For one thread.
+class JournalingFileSystem : public FileSystem, public Changes {
+ public:
+  /// `behind` is borrowed; `root` is the path of the machine that is its root.
+  JournalingFileSystem(FileSystem& behind, const std::string& root, Log& log);
+
+  /// Undoes what a daemon that died has left unfinished. To be called before the first request.
+  JournalDirectory::Undone recover();
+
+  /// A request begins. When an earlier undo could not be finished it is tried again; until it succeeds, no
+  /// file can be changed.
+  void startRequest();
+  /// The request has ended: what it changed since the last `keep` or `end` is kept, or put back when it has
+  /// failed. False when it was put back.
+  bool finishRequest(bool failed);
+
+  void keep() override;
+  void begin() override;
+  void fail() override;
+  bool end() override;
+  void leave(std::string_view path) override;
+
+  bool exists(std::string_view path) override;
+  Result<FileAttributes> attributes(std::string_view path) override;
+  Result<std::string> readFile(std::string_view path, std::size_t limit) override;
+  Result<void> createFile(std::string_view path, std::string_view content, const FileOwnership& ownership,
+                          Flush flush) override;
+  Result<void> copyFile(std::string_view from, std::string_view to) override;
+  Result<void> flush(const std::vector<std::string>& paths) override;
+  Result<void> rename(std::string_view from, std::string_view to) override;
+  Result<void> exchange(std::string_view first, std::string_view second) override;
+  Result<void> remove(std::string_view path) override;
+  Result<void> createDirectory(std::string_view path, const FileOwnership& ownership,
+                               bool withParents) override;
+  Result<void> setOwnership(std::string_view path, const FileOwnership& ownership) override;
+  Result<std::vector<std::string>> listDirectory(std::string_view path) override;
+  Result<void> syncDirectory(std::string_view path) override;
+
+ private:
+  std::optional<JournalDirectory::Place> placeOf(std::string_view path);
+  std::string placeOfMissing(const std::string& directory);
+  Result<void> note(std::string_view path,
+                    const std::function<Result<void>(const JournalDirectory::Place&)>& how);
+  Result<void> remember(std::string_view path);
+  Result<void> rememberMissing(std::string_view path);
+  Result<void> rememberAttributes(std::string_view path, const FileOwnership& ownership);
+  Result<void> makeLast();
+  bool keepNow();
+  void undoNow();
+  void reportUndone(const JournalDirectory::Undone& undone);
+
+  FileSystem& behind_;
+  const Object log_;
+  JournalDirectory journal_;
+  bool inRequest_ = false;
+  bool together_ = false;
+  bool failed_ = false;
+  bool undoUnfinished_ = false;
+  std::map<std::string, JournalDirectory::OpenedDirectory> directories_;  // as callers name them
+  std::unordered_set<std::string> noted_;                                 // without links
+  std::unordered_set<std::string> unflushed_;                             // files, as callers name them
+  std::set<std::string> unsynced_;                                        // directories
+};
+
+}  // namespace tessard

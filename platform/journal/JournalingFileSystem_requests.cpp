@@ -1,0 +1,109 @@
+#include <cerrno>
+
+#include "common/Format.h"
+#include "platform/journal/JournalingFileSystem.h"
+
+// When changes are kept, and when they are put back.
+
+namespace tessard {
+
+JournalDirectory::Undone JournalingFileSystem::recover() {
+  auto undone = journal_.recover();
+  undoUnfinished_ = !undone.problems.empty();
+  return undone;
+}
+
+void JournalingFileSystem::startRequest() {
+  inRequest_ = true;
+  together_ = false;
+  failed_ = false;
+  if (!undoUnfinished_) return;
+  // What cannot be read now may be readable later, so the journal is looked for afresh.
+  reportUndone(journal_.isEmpty() ? journal_.recover() : journal_.undo());
+}
+
+bool JournalingFileSystem::finishRequest(bool failed) {
+  // Changes that belong together and were not ended have failed.
+  const bool kept = !failed && !together_ && keepNow();
+  if (!kept) undoNow();
+  together_ = false;
+  inRequest_ = false;
+  directories_.clear();
+  return kept;
+}
+
+void JournalingFileSystem::keep() {
+  if (!together_ && !keepNow()) undoNow();
+}
+
+void JournalingFileSystem::begin() {
+  keep();
+  together_ = true;
+  failed_ = false;
+}
+
+void JournalingFileSystem::fail() {
+  failed_ = together_;
+}
+
+bool JournalingFileSystem::end() {
+  together_ = false;
+  if (!failed_ && keepNow()) return true;
+  undoNow();
+  return false;
+}
+
+void JournalingFileSystem::leave(std::string_view path) {
+  if (!inRequest_) return;
+  const auto place = placeOf(path);
+  if (!place || journal_.isEmpty()) return;
+  if (const auto forgotten = journal_.forget(place->path, place->name); !forgotten) {
+    log_.logError_source(
+        fill("\"%@\" may lose somebody's changes: %@", {path, forgotten.error().description()}), "");
+  }
+}
+
+bool JournalingFileSystem::keepNow() {
+  // While an undo is unfinished nothing was changed, and its journal is still needed.
+  if (!inRequest_ || undoUnfinished_) return true;
+  const auto last = makeLast();
+  if (!last) {
+    log_.logError_source(fill("the changes of the request cannot be kept: %@", {last.error().description()}),
+                         "");
+    return false;
+  }
+  noted_.clear();
+  return true;
+}
+
+// Contents, then names, then the end of the journal: what is kept is on disk.
+Result<void> JournalingFileSystem::makeLast() {
+  if (!unflushed_.empty()) {
+    if (auto flushed = behind_.flush({unflushed_.begin(), unflushed_.end()}); !flushed) return flushed;
+    unflushed_.clear();
+  }
+  for (const std::string& directory : unsynced_) {
+    const auto synced = behind_.syncDirectory(directory);
+    // A directory that is gone has no names left.
+    if (!synced && synced.error().code() != ENOENT) return synced;
+  }
+  unsynced_.clear();
+  return journal_.keep();
+}
+
+void JournalingFileSystem::undoNow() {
+  unflushed_.clear();
+  unsynced_.clear();
+  noted_.clear();
+  if (inRequest_) reportUndone(journal_.undo());
+}
+
+void JournalingFileSystem::reportUndone(const JournalDirectory::Undone& undone) {
+  undoUnfinished_ = !undone.problems.empty();
+  for (const std::string& problem : undone.problems) log_.logError_source(problem, "");
+  if (undone.files == 0) return;
+  log_.logWarning_source(
+      fill("the request has failed: %ld changed files are as they were before it", {undone.files}), "");
+}
+
+}  // namespace tessard

@@ -1,0 +1,306 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "common/DurableReplace.h"
+#include "tests/support/TestPlatform.h"
+
+namespace tessard {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+const std::string kHome = kJournalHome;
+const FileOwnership kOwnership{84, 0, 0600};
+
+// A request on files that are there, and what they and all others were before it.
+class JournalTest : public testing::Test {
+ protected:
+  TestPlatform platform;
+  ScratchRoot& root = platform.root;
+  FaultyFileSystem& disk = platform.files;
+  JournalingFileSystem& files = platform.journal;
+
+  JournalTest() {
+    root.write("/etc/a", "old a");
+    root.setMode("/etc/a", 0640);
+    root.write("/etc/a.bak", "older a");
+    root.write("/etc/b", "old b");
+    root.makeLink("/etc/link", "a");
+    root.write("/var/c", "old c");
+  }
+
+  /// Name, kind, mode and content of everything but the journal.
+  std::map<std::string, std::string> everything() const {
+    std::map<std::string, std::string> found;
+    namespace fs = std::filesystem;
+    for (const auto& entry : fs::recursive_directory_iterator(root.path())) {
+      const std::string path = entry.path().string().substr(root.path().size());
+      if (path.starts_with("/Library")) continue;
+      std::string is = std::to_string(static_cast<unsigned>(root.mode(path))) + " ";
+      if (entry.is_symlink()) {
+        is = "link to " + fs::read_symlink(entry.path()).string();
+      } else if (entry.is_regular_file()) {
+        is += root.read(path);
+      }
+      found[path] = is;
+    }
+    return found;
+  }
+
+  /// Every kind of change once.
+  void changeEverything() {
+    ASSERT_EQ(replaceKeepingBackup(files, "/private/etc/a", "new a", kOwnership).outcome,
+              ReplaceOutcome::replaced);
+    ASSERT_TRUE(writeAtomically(files, "/etc/made", "made", kOwnership));
+    ASSERT_TRUE(files.remove("/etc/b"));
+    ASSERT_TRUE(files.copyFile("/etc/a", "/etc/b"));
+    ASSERT_TRUE(files.remove("/etc/link"));
+    ASSERT_TRUE(files.createDirectory("/var/x/y", {std::nullopt, std::nullopt, 0750}, true));
+    ASSERT_TRUE(files.createFile("/var/x/y/inside", "inside", {}, Flush::later));
+    ASSERT_TRUE(files.setOwnership("/var/c", {std::nullopt, std::nullopt, 0604}));
+    ASSERT_TRUE(files.rename("/var/c", "/var/moved"));
+  }
+};
+
+TEST_F(JournalTest, NotesNothingOutsideOfARequest) {
+  changeEverything();
+  EXPECT_FALSE(root.exists("/Library"));
+  EXPECT_TRUE(files.end()) << "nothing has failed";
+}
+
+TEST_F(JournalTest, CostsNothingWhereNothingIsChanged) {
+  files.startRequest();
+  EXPECT_TRUE(files.exists("/etc/a"));
+  EXPECT_TRUE(files.attributes("/etc/a"));
+  EXPECT_TRUE(files.readFile("/etc/a", 100));
+  EXPECT_TRUE(files.listDirectory("/etc"));
+  EXPECT_TRUE(files.finishRequest(false));
+  EXPECT_FALSE(root.exists("/Library"));
+  EXPECT_THAT(disk.changes(), IsEmpty());
+}
+
+TEST_F(JournalTest, KeepsTheChangesOfARequestThatSucceeds) {
+  files.startRequest();
+  changeEverything();
+  EXPECT_TRUE(root.exists(kHome + "/open"));
+  EXPECT_EQ(root.mode(kHome), 0700U);
+  EXPECT_TRUE(files.finishRequest(false));
+  EXPECT_THAT(root.list(kHome), IsEmpty());
+  EXPECT_EQ(root.read("/etc/a"), "new a");
+  EXPECT_EQ(root.read("/etc/a.bak"), "old a");
+  EXPECT_EQ(root.read("/etc/b"), "new a");
+  EXPECT_EQ(root.read("/var/x/y/inside"), "inside");
+  EXPECT_EQ(root.read("/var/moved"), "old c");
+  EXPECT_THAT(platform.log.lines(), IsEmpty());
+}
+
+TEST_F(JournalTest, PutsEverythingBackWhenARequestFails) {
+  const auto before = everything();
+  files.startRequest();
+  changeEverything();
+  EXPECT_NE(everything(), before);
+  EXPECT_FALSE(files.finishRequest(true));
+  EXPECT_EQ(everything(), before);
+  EXPECT_THAT(root.list(kHome), IsEmpty());
+  ASSERT_THAT(platform.log.messages(kLogWarning), SizeIs(1));
+  EXPECT_THAT(platform.log.messages(kLogWarning).front(), testing::StartsWith("the request has failed: "));
+}
+
+TEST_F(JournalTest, PutsEverythingBackAtTheStartAfterADeathAndKeepsWhatItReplaces) {
+  const auto before = everything();
+  files.startRequest();
+  changeEverything();
+  // A daemon that starts knows nothing of the one that died.
+  JournalingFileSystem next(platform.posixFiles, root.path(), platform.log);
+  const auto undone = next.recover();
+  EXPECT_TRUE(undone.found);
+  EXPECT_GT(undone.files, 0U);
+  EXPECT_THAT(undone.problems, IsEmpty());
+  EXPECT_EQ(everything(), before);
+  EXPECT_THAT(root.list(kHome), ElementsAre("undone"));
+  EXPECT_EQ(root.read(kHome + "/undone/replaced/+etc/a"), "new a");
+  EXPECT_EQ(root.read(kHome + "/undone/replaced/+etc/made"), "made");
+  EXPECT_FALSE(next.recover().found);
+}
+
+TEST_F(JournalTest, CarriesAnUndoOnThatWasCutOffItself) {
+  const auto before = everything();
+  files.startRequest();
+  changeEverything();
+  // Half of it is done already.
+  std::filesystem::rename(root.hostPath(kHome + "/open/present/+etc/b"), root.hostPath("/etc/b"));
+  root.remove("/etc/made");
+  JournalingFileSystem next(platform.posixFiles, root.path(), platform.log);
+  EXPECT_THAT(next.recover().problems, IsEmpty());
+  EXPECT_EQ(everything(), before);
+}
+
+TEST_F(JournalTest, FinishesTheRemovalOfAJournalThatIsNoLongerNeeded) {
+  root.write(kHome + "/kept/present/+etc/a", "not to be put back");
+  root.setMode(kHome, 0700);
+  JournalingFileSystem next(platform.posixFiles, root.path(), platform.log);
+  EXPECT_FALSE(next.recover().found);
+  EXPECT_THAT(root.list(kHome), IsEmpty());
+  EXPECT_EQ(root.read("/etc/a"), "old a");
+}
+
+TEST_F(JournalTest, KeepsStepsThatStandForThemselvesWhateverBecomesOfTheRest) {
+  files.startRequest();
+  ASSERT_TRUE(writeAtomically(files, "/etc/step", "kept", kOwnership));
+  files.keep();
+  ASSERT_TRUE(writeAtomically(files, "/etc/b", "lost", kOwnership));
+  EXPECT_FALSE(files.finishRequest(true));
+  EXPECT_EQ(root.read("/etc/step"), "kept");
+  EXPECT_EQ(root.read("/etc/b"), "old b");
+}
+
+TEST_F(JournalTest, PutsChangesBackThatBelongTogetherWhenOneHasFailed) {
+  const auto before = everything();
+  files.startRequest();
+  bool told = false;
+  {
+    ChangeSet changes(files, [&] { told = true; });
+    changeEverything();
+    files.keep();
+    files.fail();
+    EXPECT_FALSE(changes.end());
+  }
+  EXPECT_TRUE(told);
+  EXPECT_EQ(everything(), before);
+  EXPECT_TRUE(files.finishRequest(false)) << "there is nothing left to put back";
+  EXPECT_EQ(everything(), before);
+}
+
+TEST_F(JournalTest, PutsChangesBackWhenTheirBlockIsLeftWithoutAnEnd) {
+  const auto before = everything();
+  files.startRequest();
+  bool told = false;
+  {
+    const ChangeSet changes(files, [&] { told = true; });
+    changeEverything();
+  }
+  EXPECT_TRUE(told);
+  EXPECT_EQ(everything(), before);
+}
+
+TEST_F(JournalTest, FlushesContentsAndEachDirectoryBeforeItKeepsThem) {
+  files.startRequest();
+  disk.clearCalls();
+  ASSERT_TRUE(files.createFile("/etc/later", "x", {}, Flush::later));
+  ASSERT_TRUE(files.rename("/etc/later", "/etc/renamed"));
+  ASSERT_TRUE(files.syncDirectory("/etc"));
+  ASSERT_TRUE(files.syncDirectory("/etc"));
+  EXPECT_THAT(disk.calls("syncDirectory"), IsEmpty());
+  EXPECT_TRUE(files.finishRequest(false));
+  EXPECT_THAT(disk.calls("flush"), SizeIs(1));
+  EXPECT_EQ(disk.calls("flush").front().path, "/etc/renamed");
+  EXPECT_THAT(disk.calls("syncDirectory"), SizeIs(1));
+}
+
+TEST_F(JournalTest, PutsBackWhatCannotBeMadeToLast) {
+  const auto before = everything();
+  for (const char* step : {"flush", "syncDirectory"}) {
+    files.startRequest();
+    files.begin();
+    ASSERT_TRUE(files.createFile("/etc/later", "x", {}, Flush::later)) << step;
+    ASSERT_TRUE(files.rename("/etc/later", "/etc/a"));
+    ASSERT_TRUE(files.syncDirectory("/etc"));
+    disk.failAll(step, EIO);
+    EXPECT_FALSE(files.end()) << step;
+    disk.heal();
+    EXPECT_EQ(everything(), before) << step;
+    EXPECT_TRUE(files.finishRequest(false));
+  }
+  EXPECT_TRUE(platform.log.has(kLogError, "the changes of the request cannot be kept: Input/output error"));
+}
+
+TEST_F(JournalTest, LeavesAFileThatSomebodyElseHasChangedMeanwhile) {
+  files.startRequest();
+  ASSERT_TRUE(writeAtomically(files, "/etc/b", "new b", kOwnership));
+  root.remove("/etc/b");
+  root.write("/etc/b", "somebody's");
+  files.leave("/etc/b");
+  ASSERT_TRUE(writeAtomically(files, "/etc/a", "new a", kOwnership));
+  EXPECT_FALSE(files.finishRequest(true));
+  EXPECT_EQ(root.read("/etc/b"), "somebody's");
+  EXPECT_EQ(root.read("/etc/a"), "old a");
+}
+
+TEST_F(JournalTest, ChangesNothingThatItCannotNote) {
+  root.makeLink(kHome, "/etc");
+  const auto before = everything();
+  files.startRequest();
+  EXPECT_FALSE(files.remove("/etc/b"));
+  EXPECT_FALSE(writeAtomically(files, "/etc/a", "new", kOwnership));
+  EXPECT_FALSE(files.createDirectory("/etc/new", {}, false));
+  EXPECT_EQ(everything(), before);
+  EXPECT_TRUE(files.finishRequest(false));
+}
+
+TEST_F(JournalTest, ClosesAHomeThatOthersCanEnter) {
+  root.makeDirectory(kHome);
+  root.setMode(kHome, 0755);
+  files.startRequest();
+  EXPECT_TRUE(files.remove("/etc/b"));
+  EXPECT_EQ(root.mode(kHome), 0700U);
+}
+
+TEST_F(JournalTest, PutsNothingBackThatOthersMayHaveWritten) {
+  root.write(kHome + "/open/present/+etc/b", "planted");
+  root.setMode(kHome, 0777);
+  EXPECT_FALSE(files.recover().found);
+  EXPECT_EQ(root.read("/etc/b"), "old b");
+  EXPECT_TRUE(root.exists(kHome + ".foreign"));
+  EXPECT_EQ(root.mode(kHome), 0700U);
+}
+
+TEST_F(JournalTest, FollowsNoLinkThatWasPutInTheWayMeanwhile) {
+  root.write("/var/owned/file", "old");
+  root.write("/etc/file", "not to be touched");
+  files.startRequest();
+  ASSERT_TRUE(files.remove("/var/owned/file"));
+  std::filesystem::rename(root.hostPath("/var/owned"), root.hostPath("/var/away"));
+  root.makeLink("/var/owned", "../etc");
+  EXPECT_FALSE(files.finishRequest(true));
+  EXPECT_EQ(root.read("/etc/file"), "not to be touched");
+  EXPECT_THAT(platform.log.messages(kLogError), SizeIs(1));
+  EXPECT_EQ(root.read(kHome + "/open/present/+var/+owned/file"), "old") << "nothing is lost";
+  // Nothing can be changed until that is put right; then the next request finds it done.
+  files.startRequest();
+  EXPECT_FALSE(files.remove("/etc/b"));
+  files.finishRequest(false);
+  root.remove("/var/owned");
+  std::filesystem::rename(root.hostPath("/var/away"), root.hostPath("/var/owned"));
+  files.startRequest();
+  EXPECT_EQ(root.read("/var/owned/file"), "old");
+  EXPECT_TRUE(files.remove("/etc/b"));
+  EXPECT_TRUE(files.finishRequest(false));
+}
+
+TEST_F(JournalTest, TakesAPathByAnotherNameForTheSameFile) {
+  const auto before = everything();
+  files.startRequest();
+  ASSERT_TRUE(writeAtomically(files, "/private/etc/a", "first", kOwnership));
+  ASSERT_TRUE(writeAtomically(files, "/etc/a", "second", kOwnership));
+  EXPECT_FALSE(files.finishRequest(true));
+  EXPECT_EQ(everything(), before);
+}
+
+TEST_F(JournalTest, LeavesADirectoryThatSomebodyElseUses) {
+  files.startRequest();
+  ASSERT_TRUE(files.createDirectory("/var/new", {}, false));
+  root.write("/var/new/theirs", "kept");
+  EXPECT_FALSE(files.finishRequest(true));
+  EXPECT_EQ(root.read("/var/new/theirs"), "kept");
+}
+
+}  // namespace
+
+}  // namespace tessard
