@@ -139,10 +139,10 @@ TEST_F(ProcessState, ByPidFileLooksAtTheLowByteOfTheAnswerAlone) {
     int answer = 0;
     int get_service_state_from_pid_file(std::string_view /*path*/) override { return answer; }
   } processes;
-  Platform other{platform.files,     platform.tasks,   platform.services,  processes,
-                 platform.hostNames, platform.network, platform.clock,     platform.random,
-                 platform.unicode,   platform.bundles, platform.directory, platform.keychain,
-                 platform.logs,      platform.log};
+  Platform other{platform.journal,  platform.journal,   platform.tasks,   platform.services,
+                 processes,         platform.hostNames, platform.network, platform.clock,
+                 platform.random,   platform.unicode,   platform.bundles, platform.directory,
+                 platform.keychain, platform.logs,      platform.log};
   Atom asking{other};
   for (const auto& [answer, expected] :
        {std::pair{0, 0}, {1, 1}, {-1, 1}, {255, 1}, {0x100, 0}, {0x101, 1}}) {

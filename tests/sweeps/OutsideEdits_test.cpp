@@ -47,16 +47,6 @@ class SettingsWriter : public PluginRequestHandler {
   Wrangler& wrangler_;
 };
 
-/// With the platform's journal where it has one.
-template <class AnyPlatform>
-RequestExecutor executorOf(AnyPlatform& platform) {
-  if constexpr (requires { platform.journal; }) {
-    return RequestExecutor(platform, platform.journal);
-  } else {
-    return RequestExecutor(platform);
-  }
-}
-
 enum class Manner { inPlace, byRename };
 enum class Length { longer, same, shorter };
 enum class Time { now, kept };
@@ -81,7 +71,7 @@ struct OutsideEdits : testing::Test {
   TestPlatform platform;
   std::unique_ptr<Wrangler> wrangler = Wrangler::chatServiceWrangler(platform);
   SettingsWriter handler{platform, *wrangler};
-  RequestExecutor executor = executorOf(platform);
+  RequestExecutor executor{platform, platform.journal};
   int writes = 0;
   int edits = 0;
   // What became of the edits.

@@ -132,8 +132,6 @@ def killing(pluginRoot):
     killing.kill()
 
 
-# There is no journal over the files of one request yet.
-@pytest.mark.xfail(reason="a killed daemon leaves files of two ages", strict=False)
 def test_what_was_acknowledged_outlives_the_daemon_and_every_request_is_whole_or_undone(killing):
     killing.prepare()
     done = len(CYCLE)

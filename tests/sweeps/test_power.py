@@ -200,12 +200,7 @@ def assertNone(recorded, bad, points, what):
     assert not bad, "\n".join(bad[:40])
 
 
-# There is no journal over the files of one request yet.
-NOT_YET = pytest.mark.xfail(reason="a loss of power leaves files of two ages", strict=False)
-
-
 # Every machine has the programs for the first; "./dev sweep" tries the other too.
-@NOT_YET
 @pytest.mark.parametrize("kind, points", size([("ext4", 20)], [("ext4", 1000), ("xfs", 250)]))
 def test_a_power_failure_leaves_what_was_acknowledged_and_every_request_whole_or_undone(memory, kind, points):
     recorded = Recorded(memory, kind, rounds=size(1, 4))
@@ -213,7 +208,6 @@ def test_a_power_failure_leaves_what_was_acknowledged_and_every_request_whole_or
     assertNone(recorded, bad, points, "one failure")
 
 
-@NOT_YET
 def test_a_second_power_failure_while_the_first_is_made_good_does_no_harm(memory):
     recorded = Recorded(memory, "ext4", rounds=1)
     points = size(5, 200)
