@@ -56,24 +56,14 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::setKorvsC
     logError_source("the name of a certificate must be a text, nothing was changed", "");
     return Dictionary{};
   }
-  // The switch and the preference say the same: where the one cannot be written, the other is as before.
-  const auto former = platform().keychain.SecIdentityCopyPreferred(kBridgeIdentityName);
-  bool preferred = false;
-  ChangeSet changes(platform().changes, [&] {
-    if (preferred) preferIdentity(former);
-  });
   if (!name || name->empty()) {
-    preferred = preferIdentity(std::nullopt);
-    if (preferred) keepHttps(false);
-    changes.end();
+    if (preferIdentity(std::nullopt)) keepHttps(false);
     return Dictionary{};
   }
   const auto identity = identityWhoseSubjectContains(*name);
-  preferred = identity && preferIdentity(identity);
-  if (!preferred) return Dictionary{};
+  if (!identity || !preferIdentity(identity)) return Dictionary{};
   logDebug_source("SecIdentitySetPreferred succeeded, updating preferences with https URL", "");
   keepHttps(true);
-  changes.end();
   return Dictionary{{"certificateName", *name}};
 }
 
@@ -116,7 +106,6 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::keepHttps(bool enabled) {
   if ((current && current->boolValue()) == enabled) return;
   settings->set("enableHTTPS", enabled);
   if (const auto written = writeConfigFile(*settings); !written) {
-    platform().changes.fail();
     logError_source(notSaved(written.error()), "");
   }
   setConfigFileAttributes();
