@@ -20,7 +20,7 @@ class XmlTree;
 enum XmlErrorCode : int {
   kXmlDocumentTypeRefused = 1001,  ///< a document type declaration
   kXmlNestingTooDeep = 1002,       ///< more than `kXmlDepthLimit` levels of elements
-  kXmlEncodingRefused = 1003,      ///< UTF-16
+  kXmlEncodingRefused = 1003,      ///< UTF-16, or a byte order mark that the declaration contradicts
   kXmlTooLarge = 1004,             ///< more than `kXmlSizeLimit` bytes
   kXmlUnwritable = 1005,           ///< a changed part that XML, or the document's encoding, cannot hold
 };

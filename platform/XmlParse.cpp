@@ -14,6 +14,8 @@ namespace {
 
 using Kind = XmlNodeData::Kind;
 
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
 struct ParserFree {
   void operator()(XML_Parser parser) const { XML_ParserFree(parser); }
 };
@@ -100,6 +102,10 @@ class Builder {
     std::string name = encoding ? encoding : "";
     std::transform(name.begin(), name.end(), name.begin(),
                    [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
+    // expat goes by the declaration, others by the mark: what the bytes mean would depend on the reader.
+    if (source_.starts_with(kByteOrderMark) && !name.empty() && name != "UTF-8") {
+      refuse(kXmlEncodingRefused, "the byte order mark and the declared encoding disagree");
+    }
     if (name == "ISO-8859-1") document_.encoding = XmlEncoding::latin1;
     if (name == "US-ASCII") document_.encoding = XmlEncoding::ascii;
   }

@@ -281,6 +281,16 @@ TEST(XmlRefusal, Utf16IsNotRead) {
   }
 }
 
+TEST(XmlRefusal, AByteOrderMarkThatTheDeclarationContradictsIsNotRead) {
+  for (const char* encoding : {"ISO-8859-1", "US-ASCII"}) {
+    const auto document =
+        XmlDocument::parse("\xef\xbb\xbf<?xml version='1.0' encoding='" + std::string(encoding) + "'?><a/>");
+    ASSERT_FALSE(document.ok()) << encoding;
+    EXPECT_EQ(document.error().code(), kXmlEncodingRefused);
+  }
+  EXPECT_TRUE(XmlDocument::parse("\xef\xbb\xbf<?xml version='1.0' encoding='utf-8'?><a/>").ok());
+}
+
 std::string nested(std::size_t levels) {
   std::string bytes;
   for (std::size_t i = 0; i < levels; ++i) bytes += "<a>\n";

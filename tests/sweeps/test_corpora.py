@@ -138,7 +138,9 @@ def test_the_suites_documents_without_their_types_are_accepted_when_they_are_xml
             continue
         paths.append(tmp_path / f"{number}.xml")
         paths[-1].write_bytes(text)
-        expected.append(isWellFormed(text))
+        # Python's parser goes by the declaration alone where a mark says otherwise.
+        contradicted = encoding and text.startswith(b"\xef\xbb\xbf") and encoding.group(1).upper() != b"UTF-8"
+        expected.append(isWellFormed(text) and not contradicted)
     found = [verdict == "accepted" for verdict in verdicts(paths)]
     report(f"{len(paths)} documents without document types, {sum(found)} accepted")
     assert [path.name for path, one, other in zip(paths, found, expected) if one != other] == []
