@@ -19,7 +19,7 @@ from sweeptools import report, seedOfThisRun, size
 pytestmark = needsPlugin
 
 # A write does not look yet whether somebody has edited what it replaces.
-NOT_YET = pytest.mark.xfail(reason="edits during a write are lost", strict=False)
+NOT_YET = pytest.mark.xfail(reason="edits during a write are lost", strict=True)
 CONFIGURATION = "etc/jabberd_notification"
 NOTIFICATION = "Library/Preferences/com.velto.Beaconry.plist"
 # Where a mark goes: after what, and in which form. Another mark there gives way.
@@ -94,7 +94,8 @@ def served(plugin):
     return plugin
 
 
-@NOT_YET
+# Whether one of so few is lost is a matter of chance.
+@pytest.mark.xfail(reason="edits during a write are lost", strict=False)
 def test_edits_of_another_process_are_merged_or_reported(served, pluginRoot):
     chance = random.Random(seedOfThisRun())
     editor = Editor(pluginRoot, chance)

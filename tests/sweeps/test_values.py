@@ -190,8 +190,11 @@ def test_pass_phrases_that_are_kept_open_the_key_in_the_real_component(served):
         assertLoads(served, {})
         assert "failed to load" not in machine.system_log()[before:], (SEED, number, phrase)
     # Had one of them not opened the key, this is what would have been told.
-    text = machine.read(f"{CONFIGURATION}/c2s.xml")
-    machine.write(f"{CONFIGURATION}/c2s.xml", re.sub("private-key-password='[^']*'", "private-key-password='wrong'", text), 0o600, (84, 0))
+    wrong, changed = re.subn(r"private-key-password=('[^']*'|\"[^\"]*\")", "private-key-password='wrong'",
+                             machine.read(f"{CONFIGURATION}/c2s.xml"))
+    assert changed == 1
+    machine.write(f"{CONFIGURATION}/c2s.xml", wrong, 0o600, (84, 0))
+    before = len(machine.system_log())
     assertLoads(served, {})
     assert "failed to load" in machine.system_log()[before:]
     for phrase in EXPANDED[:7]:
