@@ -1,5 +1,6 @@
 #include "common/DurableReplace.h"
 #include "common/Format.h"
+#include "common/SameFile.h"
 #include "config/ComponentConfiguration.h"
 #include "config/FileMoments.h"
 #include "config/ServiceAccount.h"
@@ -15,11 +16,6 @@ constexpr std::size_t kNodesToSpare = 1000;
 bool hasGrown(const XmlDocument& document) {
   const auto [nodes, read] = document.weight();
   return nodes > 2 * read + kNodesToSpare;
-}
-
-bool isSameFile(const FileAttributes& a, const FileAttributes& b) {
-  return a.device == b.device && a.inode == b.inode && a.size == b.size && a.modified == b.modified &&
-         a.changed == b.changed;
 }
 
 }  // namespace

@@ -18,8 +18,6 @@ constexpr mode_t kPrivateDirectory = 0700;
 // What directories get where nobody says otherwise.
 constexpr mode_t kUsualDirectory = 0755;
 
-constexpr std::size_t kCopyingStep = 64UL * 1024;
-
 // The name under which the kernel shows an open file, for the calls that cannot take a descriptor of every
 // kind.
 std::string shownNameOf(int descriptor) {
@@ -63,16 +61,6 @@ FileDescriptor makeFile(int directory, const std::string& name) {
 Result<void> closed(FileDescriptor& file) {
   if (file.close() != 0 && errno != EINTR) return SystemError::last();
   return {};
-}
-
-Result<void> copyContent(int from, int to) {
-  std::vector<char> buffer(kCopyingStep);
-  while (true) {
-    const auto got = readUpTo(from, buffer.data(), buffer.size());
-    if (!got) return got.error();
-    if (got.value() == 0) return {};
-    if (auto written = writeAll(to, {buffer.data(), got.value()}); !written) return written;
-  }
 }
 
 void removeQuietly(int directory, const std::string& name, int flags) {

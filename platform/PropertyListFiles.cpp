@@ -1,17 +1,9 @@
 #include "common/PropertyListFiles.h"
 
+#include "common/SameFile.h"
 #include "platform/PropertyListParts.h"
 
 namespace tessard {
-
-namespace {
-
-bool isSameFile(const FileAttributes& a, const FileAttributes& b) {
-  return a.device == b.device && a.inode == b.inode && a.size == b.size && a.modified == b.modified &&
-         a.changed == b.changed;
-}
-
-}  // namespace
 
 Result<const Dictionary*> PropertyListFiles::look(std::string_view path) {
   auto found = remembered_.find(path);

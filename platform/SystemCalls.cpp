@@ -2,7 +2,15 @@
 
 #include <unistd.h>
 
+#include <vector>
+
 namespace tessard {
+
+namespace {
+
+constexpr std::size_t kCopyingStep = 64UL * 1024;
+
+}  // namespace
 
 Result<void> writeAll(int descriptor, std::string_view bytes) {
   while (!bytes.empty()) {
@@ -22,6 +30,16 @@ Result<std::size_t> readUpTo(int descriptor, char* buffer, std::size_t size) {
     filled += static_cast<std::size_t>(got);
   }
   return filled;
+}
+
+Result<void> copyContent(int from, int to) {
+  std::vector<char> buffer(kCopyingStep);
+  while (true) {
+    const auto got = readUpTo(from, buffer.data(), buffer.size());
+    if (!got) return got.error();
+    if (got.value() == 0) return {};
+    if (auto written = writeAll(to, {buffer.data(), got.value()}); !written) return written;
+  }
 }
 
 Result<void> resultOf(int answer) {

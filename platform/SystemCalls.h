@@ -22,6 +22,9 @@ Result<void> writeAll(int descriptor, std::string_view bytes);
 /// Reads up to `size` bytes, fewer at the end of the file only.
 Result<std::size_t> readUpTo(int descriptor, char* buffer, std::size_t size);
 
+/// Reads one file from where it stands to its end, and writes all of that to the other.
+Result<void> copyContent(int from, int to);
+
 /// Success for 0, and the error that has just happened on this thread otherwise.
 Result<void> resultOf(int answer);
 

@@ -18,17 +18,6 @@ namespace {
 
 constexpr mode_t kPrivateDirectory = 0700;
 constexpr mode_t kPrivateFile = 0600;
-constexpr std::size_t kCopyingStep = 64UL * 1024;
-
-Result<void> copyContent(int from, int to) {
-  std::vector<char> buffer(kCopyingStep);
-  while (true) {
-    const auto got = readUpTo(from, buffer.data(), buffer.size());
-    if (!got) return got.error();
-    if (got.value() == 0) return {};
-    if (auto written = writeAll(to, {buffer.data(), got.value()}); !written) return written;
-  }
-}
 
 // Not every file system says it with the name.
 bool isDirectory(int directory, const dirent& entry) {
