@@ -116,7 +116,8 @@ void ConnectionIntake::take(int connection) {
     return;
   }
   const uid_t user = peer.value().user;
-  if (!table_.admit(connection, {user, PeerCheck::isRoot(peer.value())}, Clock::now())) {
+  if (!table_.admit(connection, {user, PeerCheck::isRoot(peer.value()), peer.value().process},
+                    Clock::now())) {
     refuse(connection, fill("Refused a connection of user %u: too many are open.", {user}), tooMany());
   } else if (!serve_(connection)) {
     table_.remove(connection);

@@ -125,10 +125,11 @@ void ConnectionTable::enter(int connection, Phase phase) {
   changed_.notify_all();
 }
 
-uid_t ConnectionTable::userOf(int connection) const {
+Requester ConnectionTable::requesterOf(int connection) const {
   const std::lock_guard lock(mutex_);
   const auto found = connections_.find(connection);
-  return found == connections_.end() ? uid_t{0} : found->second.owner.user;
+  if (found == connections_.end()) return {};
+  return {found->second.owner.user, found->second.owner.process};
 }
 
 bool ConnectionTable::hold(int connection, std::size_t bytes) {

@@ -8,6 +8,8 @@
 #include <map>
 #include <mutex>
 
+#include "host/Requester.h"
+
 namespace tessard {
 
 /// How much of the daemon its clients may take.
@@ -48,6 +50,7 @@ class ConnectionTable {
   struct Owner {
     uid_t user;
     bool isRoot;  ///< or the account that the daemon runs as
+    pid_t process = 0;
   };
 
   explicit ConnectionTable(const ConnectionLimits& limits);
@@ -57,8 +60,8 @@ class ConnectionTable {
   bool admit(int connection, Owner owner, Moment now);
   void remove(int connection);
   void enter(int connection, Phase phase);
-  /// Root's number where there is no such connection.
-  uid_t userOf(int connection) const;
+  /// Who has made it; root where there is no such connection.
+  Requester requesterOf(int connection) const;
 
   /// Notes how much memory the connection's request takes. False when that is more than its owner may have;
   /// the only request there is always may.

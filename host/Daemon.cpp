@@ -20,11 +20,14 @@
 #include "host/HostLog.h"
 #include "host/HttpServer.h"
 #include "host/ListeningSocket.h"
+#include "host/Metrics.h"
 #include "host/NetworkMonitor.h"
 #include "host/PeerCheck.h"
 #include "host/RealPlatform.h"
 #include "host/RequestExecutor.h"
+#include "host/RequestRecords.h"
 #include "host/RequestRouter.h"
+#include "host/RequestTally.h"
 #include "host/Version.h"
 #include "host/WorkSlot.h"
 #include "platform/FileDescriptor.h"
@@ -78,6 +81,7 @@ class Daemon {
         real_(configuration),
         hostLog_(real_.syslog),
         executor_(real_.platform, real_.journal),
+        records_(executor_, tally_, hostLog_),
         slot_(std::chrono::seconds(configuration.idleSeconds), [this](int count) { doIdleWork(count); }),
         monitor_(configuration.root, std::chrono::seconds(configuration.networkQuietSeconds), real_.hostNames,
                  real_.files, slot_, hostLog_,
@@ -147,8 +151,9 @@ class Daemon {
   int serve(const PeerCheck& peers, int stopEvent, ListeningSocket& socket) {
     const ServiceReports services(configuration_.root);
     Certificates certificates(configuration_.root, real_.clock);
-    const RequestRouter router(plugins_, executor_, slot_, services, certificates);
-    HttpServer server(peers, router, slot_, limits(),
+    const Metrics metrics(configuration_.root, real_.platform, plugins_, executor_, tally_, slot_);
+    const RequestRouter router(plugins_, executor_, records_, slot_, services, certificates, metrics);
+    HttpServer server(peers, router, slot_, tally_, limits(),
                       [this](const std::string& sentence) { hostLog_.notice(sentence); });
     if (const auto started = server.start(); !started) return refuse(EX_OSERR, started.error());
     hostLog_.notice(
@@ -203,6 +208,8 @@ class Daemon {
   RealPlatform real_;
   HostLog hostLog_;
   RequestExecutor executor_;
+  RequestTally tally_;
+  RequestRecords records_;
   Plugins plugins_;
   WorkSlot slot_;
   NetworkMonitor monitor_;

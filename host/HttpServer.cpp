@@ -95,19 +95,22 @@ struct HttpServer::Callbacks {
 
   static void connectionChanged(void* server, MHD_Connection* connection, void** /*context*/,
                                 MHD_ConnectionNotificationCode what) {
-    auto& table = static_cast<HttpServer*>(server)->table_;
+    auto* self = static_cast<HttpServer*>(server);
     if (what == MHD_CONNECTION_NOTIFY_STARTED) {
-      table.enter(descriptorOf(connection), Phase::fresh);
+      self->table_.enter(descriptorOf(connection), Phase::fresh);
+      self->tally_.connectionOpened();
     } else {
-      table.remove(descriptorOf(connection));
+      self->table_.remove(descriptorOf(connection));
+      self->tally_.connectionClosed();
     }
   }
 };
 
-HttpServer::HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot, HttpLimits limits,
-                       std::function<void(const std::string&)> report)
+HttpServer::HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot,
+                       RequestTally& tally, HttpLimits limits, std::function<void(const std::string&)> report)
     : router_(router),
       slot_(slot),
+      tally_(tally),
       limits_(limits),
       table_(limits.connections),
       intake_(
@@ -209,18 +212,22 @@ void HttpServer::submit(MHD_Connection* connection, Exchange& exchange, RoutedRe
   const int descriptor = descriptorOf(connection);
   WorkSlot::Job job;
   job.label = std::move(routed.label);
-  job.deadline = std::chrono::steady_clock::now() + limits_.queue;
-  job.user = table_.userOf(descriptor);
+  job.deadline =
+      std::chrono::steady_clock::now() + std::min(limits_.queue, routed.patience.value_or(limits_.queue));
+  const Requester requester = table_.requesterOf(descriptor);
+  job.user = requester.user;
   job.isAbandoned = [descriptor] { return hasLeft(descriptor); };
-  job.refuse = [answer](WorkSlot::Refusal reason) { answer(RequestRouter::refusal(reason)); };
-  job.run = [this, descriptor, answer, work = std::move(routed.work)] {
+  job.refuse = [answer, otherwise = std::move(routed.otherwise)](WorkSlot::Refusal reason) {
+    answer(otherwise ? otherwise() : RequestRouter::refusal(reason));
+  };
+  job.run = [this, descriptor, requester, answer, work = std::move(routed.work)] {
     if (!table_.mayBeAnswered(descriptor)) {
       answer(tooMuch());
       return;
     }
     HttpAnswer given;
     try {
-      given = work();
+      given = work(requester);
     } catch (const std::exception& problem) {
       given = errorAnswer(500, "internal", fill("The daemon failed: %@.", {problem.what()}));
     }
@@ -230,6 +237,7 @@ void HttpServer::submit(MHD_Connection* connection, Exchange& exchange, RoutedRe
 }
 
 int HttpServer::queueAnswer(MHD_Connection* connection, HttpAnswer answer) {
+  tally_.answered(answer.status);
   table_.enter(descriptorOf(connection), Phase::answering);
   table_.holdAnswer(descriptorOf(connection), answer.body.capacity());
   auto body = std::make_unique<std::string>(std::move(answer.body));

@@ -12,6 +12,7 @@
 #include "host/HttpMessage.h"
 #include "host/PeerCheck.h"
 #include "host/RequestRouter.h"
+#include "host/RequestTally.h"
 #include "host/WorkSlot.h"
 
 struct MHD_Daemon;
@@ -32,8 +33,8 @@ struct HttpLimits {
 class HttpServer {
  public:
   /// All is borrowed and outlives the server. `report` is told of refused clients, one sentence each.
-  HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot, HttpLimits limits,
-             std::function<void(const std::string&)> report);
+  HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot, RequestTally& tally,
+             HttpLimits limits, std::function<void(const std::string&)> report);
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
   ~HttpServer();
@@ -62,6 +63,7 @@ class HttpServer {
 
   const RequestRouter& router_;
   WorkSlot& slot_;
+  RequestTally& tally_;
   const HttpLimits limits_;
   ConnectionTable table_;
   ConnectionIntake intake_;

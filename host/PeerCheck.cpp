@@ -24,7 +24,7 @@ Result<Peer> peerOf(int connection) {
   }
   if (answer != 0) return SystemError::last();
   groups.resize(length / sizeof(gid_t));
-  return Peer{credentials.uid, credentials.gid, std::move(groups)};
+  return Peer{credentials.uid, credentials.gid, std::move(groups), credentials.pid};
 }
 
 std::optional<gid_t> groupNamed(const std::string& name) {

@@ -14,7 +14,8 @@ namespace tessard {
 struct Peer {
   uid_t user = 0;
   gid_t group = 0;
-  std::vector<gid_t> supplementaryGroups;
+  std::vector<gid_t> supplementaryGroups{};
+  pid_t process = 0;
 };
 
 /// Reads the identity of a connected Unix socket's peer.

@@ -1,5 +1,6 @@
 #include "host/RequestExecutor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 
@@ -14,6 +15,28 @@ constexpr const char* kSetupMarker = "/var/db/.VeltoSetupDone";
 
 }  // namespace
 
+std::string resultOf(const ExecutionOutcome& outcome) {
+  switch (outcome.kind) {
+    case ExecutionOutcome::Kind::answered:
+      break;
+    case ExecutionOutcome::Kind::unknownCommand:
+      return "unknown-command";
+    case ExecutionOutcome::Kind::noAnswer:
+      return "no-answer";
+    case ExecutionOutcome::Kind::failed:
+      return "failed";
+  }
+  const std::string* error = outcome.answer.stringFor("error");
+  return error ? *error : "done";
+}
+
+std::int64_t errorLinesOf(const ExecutionOutcome& outcome) {
+  return std::ranges::count_if(outcome.log, [](const Value& line) {
+    const std::string* level = line.asDictionary() ? line.asDictionary()->stringFor("level") : nullptr;
+    return level && *level == "error";
+  });
+}
+
 ExecutionOutcome RequestExecutor::execute(PluginRequestHandler& handler, std::string_view command,
                                           const Dictionary& request) {
   return guarded(command, [&](ExecutionOutcome& outcome) {
@@ -23,6 +46,16 @@ ExecutionOutcome RequestExecutor::execute(PluginRequestHandler& handler, std::st
       writeSetupMarker();
     }
   });
+}
+
+std::optional<Dictionary> RequestExecutor::settings(PluginRequestHandler& handler, Array keys) {
+  const Dictionary request = {{"command", "readSettings"},
+                              {"optionalArguments", Dictionary{{"parameters", std::move(keys)}}}};
+  const ExecutionOutcome outcome =
+      guarded("readSettings", [&](ExecutionOutcome& each) { call(handler, "readSettings", request, each); });
+  const Dictionary* found = outcome.answer.dictionaryFor("configuration");
+  if (!found) return std::nullopt;
+  return *found;
 }
 
 ExecutionOutcome RequestExecutor::idle(PluginRequestHandler& handler, int count) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -28,6 +29,12 @@ struct ExecutionOutcome {
   Array log{};  ///< warning and error lines of this call, as `RequestLog` has them
 };
 
+/// In a word: "done", the error's id in the answer, "unknown-command", "no-answer" or "failed".
+std::string resultOf(const ExecutionOutcome& outcome);
+
+/// How many error lines the call has logged.
+std::int64_t errorLinesOf(const ExecutionOutcome& outcome);
+
 /// The one place through which requests and events reach a plug-in. Used on the thread that carries them;
 /// nothing that a plug-in throws gets past it. What a call changes in files is kept when it ends, as far as
 /// the plug-in has not decided that itself, and put back when it ends by an exception.
@@ -41,6 +48,10 @@ class RequestExecutor : public Object {
   /// of the host's own first-time setup, "/var/db/.VeltoSetupDone", is written where it is missing.
   ExecutionOutcome execute(PluginRequestHandler& handler, std::string_view command,
                            const Dictionary& request);
+
+  /// The settings under these keys as they are now, for the daemon's own use: nothing but the system log
+  /// hears of a failure, which is absent.
+  std::optional<Dictionary> settings(PluginRequestHandler& handler, Array keys);
 
   ExecutionOutcome idle(PluginRequestHandler& handler, int count);
   ExecutionOutcome networkChanged(PluginRequestHandler& handler, const NetworkChangeContext& context);

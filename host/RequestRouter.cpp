@@ -17,7 +17,11 @@ constexpr std::string_view kIdlePath = "/v1/events/idle";
 constexpr std::string_view kNetworkChangePath = "/v1/events/network-change";
 constexpr std::string_view kHealthPath = "/v1/health";
 constexpr std::string_view kServicesPath = "/v1/services";
+constexpr std::string_view kMetricsPath = "/v1/metrics";
 constexpr std::string_view kCertificatesPath = "/v1/certificates";
+
+// Collectors give up after ten seconds, unless told otherwise.
+constexpr std::chrono::seconds kMetricsPatience{5};
 
 RoutedRequest answered(HttpAnswer answer) {
   return {std::move(answer)};
@@ -112,14 +116,16 @@ RoutedRequest RequestRouter::route(HttpRequest request) const {
   const bool isPlugin = request.path.starts_with(kPluginsPath);
   const bool isEvent = request.path == kIdlePath || request.path == kNetworkChangePath;
   const bool isRead = request.path == kHealthPath || request.path == kServicesPath;
+  const bool isMetrics = request.path == kMetricsPath;
   const bool isCertificates = request.path == kCertificatesPath;
-  if (!isPlugin && !isEvent && !isRead && !isCertificates) {
+  if (!isPlugin && !isEvent && !isRead && !isMetrics && !isCertificates) {
     return answered(errorAnswer(404, "not-found", fill("There is nothing at \"%@\".", {request.path})));
   }
   if (request.with && *request.with != "log") {
     return answered(errorAnswer(400, "bad-query", "The query argument \"with\" can only be \"log\"."));
   }
   if (isRead) return answered(routeRead(request));
+  if (isMetrics) return routeMetrics(std::move(request));
   if (isCertificates) return routeCertificates(std::move(request));
   if (request.method != "POST") return answered(methodNotAllowed("POST"));
   return isPlugin ? routePlugin(std::move(request)) : routeEvent(std::move(request));
@@ -145,8 +151,10 @@ RoutedRequest RequestRouter::routePlugin(HttpRequest request) const {
   PluginRequestHandler& handler = *plugin->second;
   const std::size_t bytes = footprintOf(body.content);
   return {std::nullopt, command,
-          [this, &handler, command, request = std::move(request), body = std::move(body)] {
-            return answerTo(request, body.type, command, executor_.execute(handler, command, body.content));
+          [this, name, &handler, command, request = std::move(request),
+           body = std::move(body)](const Requester& requester) {
+            return answerTo(request, body.type, command,
+                            records_.execute(name, handler, command, body.content, requester));
           },
           bytes};
 }
@@ -157,13 +165,16 @@ RoutedRequest RequestRouter::routeEvent(HttpRequest request) const {
   const std::string name = lastPathComponent(request.path);
   const std::size_t bytes = footprintOf(body.content);
   return {std::nullopt, name,
-          [this, request = std::move(request), body = std::move(body)] { return runEvent(request, body); },
+          [this, request = std::move(request), body = std::move(body)](const Requester& requester) {
+            return runEvent(request, body, requester);
+          },
           bytes};
 }
 
 RoutedRequest RequestRouter::routeCertificates(HttpRequest request) const {
   if (request.method == "GET" || request.method == "HEAD") {
-    return {std::nullopt, "certificates", [this, request = std::move(request)] {
+    return {std::nullopt, "certificates",
+            [this, request = std::move(request)](const Requester& /*requester*/) {
               return answerTo(request, MediaType::json(), certificates_.all());
             }};
   }
@@ -172,16 +183,47 @@ RoutedRequest RequestRouter::routeCertificates(HttpRequest request) const {
   if (body.refusal) return answered(std::move(*body.refusal));
   const std::size_t bytes = footprintOf(body.content);
   return {std::nullopt, "certificate import",
-          [this, request = std::move(request), body = std::move(body)]() mutable {
+          [this, request = std::move(request), body = std::move(body)](const Requester& requester) mutable {
             const WipedMemory wiped;
-            HttpAnswer answer = answerTo(request, body.type, certificates_.import(body.content));
+            HttpAnswer answer = importCertificates(request, body, requester);
             body.content = Dictionary();
             return answer;
           },
           bytes};
 }
 
-HttpAnswer RequestRouter::runEvent(const HttpRequest& request, const Body& body) const {
+HttpAnswer RequestRouter::importCertificates(const HttpRequest& request, const Body& body,
+                                             const Requester& requester) const {
+  auto answer = certificates_.import(body.content);
+  ExecutionOutcome outcome;
+  Dictionary audited = body.content;
+  if (!answer) {
+    outcome.answer.set("error", answer.error().id());
+  } else if (const Array* certificates = answer.value().arrayFor("certificates")) {
+    const Dictionary* first = certificates->empty() ? nullptr : certificates->front().asDictionary();
+    if (const std::string* subject = first ? first->stringFor("subject") : nullptr)
+      audited.set("subject", *subject);
+  }
+  // The bytes may be a key's.
+  if (audited.stringFor("file")) audited.set("file", Data{*audited.stringFor("file")});
+  records_.changed({"keychain", "import", std::move(audited), {}}, requester, outcome);
+  return answerTo(request, body.type, std::move(answer));
+}
+
+RoutedRequest RequestRouter::routeMetrics(HttpRequest request) const {
+  if (request.method != "GET" && request.method != "HEAD") return answered(methodNotAllowed("GET, HEAD"));
+  RoutedRequest routed;
+  routed.label = "metrics";
+  routed.work = [this, accept = request.accept](const Requester& /*requester*/) {
+    return metrics_.all(accept);
+  };
+  routed.patience = kMetricsPatience;
+  routed.otherwise = [this, accept = std::move(request.accept)] { return metrics_.ofDaemon(accept); };
+  return routed;
+}
+
+HttpAnswer RequestRouter::runEvent(const HttpRequest& request, const Body& body,
+                                   const Requester& requester) const {
   const std::string name = lastPathComponent(request.path);
   const NetworkChangeContext context = NetworkChangeContext::fromEvent(body.content);
   const Value* count = body.content.find("count");
@@ -193,6 +235,9 @@ HttpAnswer RequestRouter::runEvent(const HttpRequest& request, const Body& body)
             ? executor_.idle(*handler, count ? static_cast<int>(count->integerValue()) : 1)
             : executor_.networkChanged(*handler, context);
     log.insert(log.end(), outcome.log.begin(), outcome.log.end());
+    if (request.path == kNetworkChangePath) {
+      records_.changed({pluginName, name, body.content, {}}, requester, outcome);
+    }
     if (outcome.kind != ExecutionOutcome::Kind::answered) {
       outcome.log = std::move(log);
       return answerTo(request, body.type, name, std::move(outcome));

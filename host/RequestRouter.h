@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <optional>
@@ -9,7 +10,10 @@
 #include "host/Certificates.h"
 #include "host/HttpMessage.h"
 #include "host/MediaType.h"
+#include "host/Metrics.h"
 #include "host/RequestExecutor.h"
+#include "host/RequestRecords.h"
+#include "host/Requester.h"
 #include "host/ServiceReports.h"
 #include "host/WorkSlot.h"
 
@@ -19,8 +23,12 @@ namespace tessard {
 struct RoutedRequest {
   std::optional<HttpAnswer> answer{};
   std::string label{};  ///< of the work
-  std::function<HttpAnswer()> work{};
+  std::function<HttpAnswer(const Requester&)> work{};
   std::size_t bytes = 0;  ///< of memory that the work takes while it waits, about
+  /// For work that is not worth a longer wait: how long it may take until its turn, and what is answered
+  /// otherwise, on any thread.
+  std::optional<std::chrono::seconds> patience{};
+  std::function<HttpAnswer()> otherwise{};
 };
 
 /// Which request goes where:
@@ -28,6 +36,7 @@ struct RoutedRequest {
 ///   POST /v1/events/idle             an empty body, or a dictionary with "count"
 ///   POST /v1/events/network-change   a dictionary, see `NetworkChangeContext::fromEvent`
 ///   GET  /v1/health                  what the daemon is doing; answered at once
+///   GET  /v1/metrics                 see `Metrics`; waits for its turn for a few seconds at most
 ///   GET  /v1/certificates            the keychain's certificates, see `Certificates`
 ///   POST /v1/certificates            a dictionary with the "file" to import, see `Certificates`
 ///   GET  /v1/services                {"services": how each is doing}, see `ServiceReports`; answered at once
@@ -36,13 +45,16 @@ struct RoutedRequest {
 class RequestRouter {
  public:
   /// All is borrowed; `plugins` is not changed any more.
-  RequestRouter(const Plugins& plugins, RequestExecutor& executor, const WorkSlot& slot,
-                const ServiceReports& services, Certificates& certificates)
+  RequestRouter(const Plugins& plugins, RequestExecutor& executor, RequestRecords& records,
+                const WorkSlot& slot, const ServiceReports& services, Certificates& certificates,
+                const Metrics& metrics)
       : plugins_(plugins),
         executor_(executor),
+        records_(records),
         slot_(slot),
         services_(services),
-        certificates_(certificates) {}
+        certificates_(certificates),
+        metrics_(metrics) {}
 
   /// May be called on any thread; `work` runs on the slot's. May throw.
   RoutedRequest route(HttpRequest request) const;
@@ -57,14 +69,19 @@ class RequestRouter {
   Dictionary health() const;
   RoutedRequest routePlugin(HttpRequest request) const;
   RoutedRequest routeEvent(HttpRequest request) const;
+  RoutedRequest routeMetrics(HttpRequest request) const;
   RoutedRequest routeCertificates(HttpRequest request) const;
-  HttpAnswer runEvent(const HttpRequest& request, const Body& body) const;
+  HttpAnswer runEvent(const HttpRequest& request, const Body& body, const Requester& requester) const;
+  HttpAnswer importCertificates(const HttpRequest& request, const Body& body,
+                                const Requester& requester) const;
 
   const Plugins& plugins_;
   RequestExecutor& executor_;
+  RequestRecords& records_;
   const WorkSlot& slot_;
   const ServiceReports& services_;
   Certificates& certificates_;
+  const Metrics& metrics_;
 };
 
 }  // namespace tessard

@@ -35,6 +35,8 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
     result.plugin = value;
   } else if (option == "--file") {
     result.file = value;
+  } else if (option == "--output") {
+    result.output = value;
   } else if (option == "--lines" || option == "-n") {
     result.lines = value;
   } else if (option == "--filter") {
@@ -46,8 +48,8 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
 }
 
 bool needsValue(const std::string& option) {
-  return option == "--socket" || option == "--plugin" || option == "--file" || option == "--lines" ||
-         option == "-n" || option == "--filter";
+  return option == "--socket" || option == "--plugin" || option == "--file" || option == "--output" ||
+         option == "--lines" || option == "-n" || option == "--filter";
 }
 
 constexpr const char* kHelp =
@@ -95,6 +97,10 @@ constexpr const char* kHelp =
     "                              tessardctl log --list\n"
     "  request COMMAND [JSON]      any request, with further entries of its dictionary; prints JSON\n"
     "                              tessardctl request getState '{\"variant\": \"withDetails\"}'\n"
+    "  metrics [--output FILE]     what can be measured, in the text format of Prometheus; the file is\n"
+    "                              replaced whole and readable by everyone, as its node exporter wants\n"
+    "                              tessardctl metrics --output "
+    "/var/lib/prometheus/node-exporter/tessard.prom\n"
     "  health                      what the daemon is doing\n"
     "                              tessardctl health\n"
     "\n"
@@ -111,7 +117,7 @@ constexpr const char* kHelp =
     "\n"
     "Exit status: 0 done; 64 wrong usage; 65 wrong data; 66 a file that cannot be read; 69 the daemon "
     "or the\n"
-    "service is not available; 70 the request failed; 73 a directory could not be made; 74 the "
+    "service is not available; 70 the request failed; 73 a directory or file could not be made; 74 the "
     "connection\n"
     "or the output broke; 75 busy, try again; 76 an answer that is none; 77 no permission.\n";
 

@@ -14,6 +14,7 @@ struct CtlArguments {
   std::string socketPath = "/run/tessardd/tessardd.sock";
   std::string plugin = "notification";
   std::optional<std::string> file;     ///< of --file
+  std::optional<std::string> output;   ///< of --output
   std::optional<std::string> lines;    ///< of --lines, as it was given
   std::vector<std::string> filters{};  ///< of every --filter
   bool follow = false;

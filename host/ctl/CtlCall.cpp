@@ -64,17 +64,34 @@ int CtlCall::beforeSetup(const std::string& what) const {
                          EX_UNAVAILABLE);
 }
 
-// The answer dictionary of a request that the daemon carried out; otherwise the failure has been told.
-std::optional<Dictionary> CtlCall::exchange(const std::string& method, const std::string& path,
-                                            const std::string& body, std::string_view expected,
-                                            std::string& id, int& exitCode) {
-  const auto reply = client_.send(method, path, body);
+std::optional<ClientReply> CtlCall::replyTo(const std::string& method, const std::string& path,
+                                            const std::string& body, int& exitCode) {
+  auto reply = client_.send(method, path, body);
   output_.endProgress();
   if (const auto* failure = std::get_if<ClientFailure>(&reply)) {
     exitCode = output_.failure(failure->id, failure->message, failure->exitCode);
     return std::nullopt;
   }
-  const auto& [status, text] = std::get<ClientReply>(reply);
+  return std::get<ClientReply>(std::move(reply));
+}
+
+std::optional<std::string> CtlCall::textAt(const std::string& path, int& exitCode) {
+  auto reply = replyTo("GET", path, "", exitCode);
+  if (!reply) return std::nullopt;
+  if (reply->status == 200) return std::move(reply->body);
+  const auto answer = parseJson(reply->body);
+  const Dictionary* failure = answer ? answer.value().asDictionary() : nullptr;
+  exitCode = hostFailure(reply->status, failure ? *failure : Dictionary());
+  return std::nullopt;
+}
+
+// The answer dictionary of a request that the daemon carried out; otherwise the failure has been told.
+std::optional<Dictionary> CtlCall::exchange(const std::string& method, const std::string& path,
+                                            const std::string& body, std::string_view expected,
+                                            std::string& id, int& exitCode) {
+  const auto reply = replyTo(method, path, body, exitCode);
+  if (!reply) return std::nullopt;
+  const auto& [status, text] = *reply;
   const auto answer = parseJson(text);
   if (!answer || !answer.value().asDictionary()) {
     exitCode = output_.failure("malformed-answer", "The daemon's answer cannot be read.", EX_PROTOCOL);

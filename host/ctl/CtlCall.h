@@ -46,6 +46,9 @@ class CtlCall {
                                      const std::string& body, std::string_view expected, std::string& id,
                                      int& exitCode);
 
+  /// The text that the daemon itself answers, whatever form it has; absent as above.
+  std::optional<std::string> textAt(const std::string& path, int& exitCode);
+
   /// "key: value" for each entry, or the JSON document.
   int printEntries(const Dictionary& answer) const;
   /// Ends a call that was answered with nothing because service data does not exist: `what` is a sentence's
@@ -54,6 +57,8 @@ class CtlCall {
 
  private:
   void showWaiting(int seconds);
+  std::optional<ClientReply> replyTo(const std::string& method, const std::string& path,
+                                     const std::string& body, int& exitCode);
   int hostFailure(int status, const Dictionary& answer) const;
   int pluginFailure(const Dictionary& answer) const;
   bool showLog(const Dictionary& wrapped) const;

@@ -48,6 +48,10 @@ void CtlOutput::line(const std::string& text) const {
   std::fprintf(stdout, "%s\n", printable(text).c_str());
 }
 
+void CtlOutput::text(const std::string& lines) const {
+  std::fputs(lines.c_str(), stdout);
+}
+
 void CtlOutput::document(const Dictionary& answer) const {
   std::fprintf(stdout, "%s\n", serializeJson(answer, true).c_str());
 }

@@ -16,6 +16,8 @@ class CtlOutput {
   bool terminal() const { return terminal_; }  ///< whether a person sees standard error as it is written
 
   void line(const std::string& text) const;
+  /// Lines that are written as they are.
+  void text(const std::string& lines) const;
   void document(const Dictionary& answer) const;
   /// A JSON document on one line, for output that goes on.
   void record(const Dictionary& answer) const;

@@ -11,5 +11,6 @@ int runServices(CtlCall& call);
 int runServiceUser(CtlCall& call);
 int runLog(CtlCall& call);
 int runCertificate(CtlCall& call);
+int runMetrics(CtlCall& call);
 
 }  // namespace tessard

@@ -78,6 +78,7 @@ std::optional<std::string> strayOption(const CtlArguments& arguments) {
   const std::string second = arguments.words.size() > 1 ? arguments.words[1] : "";
   if (arguments.details && verb != "state") return "--details belongs to \"state\".";
   if (arguments.file && (verb != "settings" || second != "set")) return "--file belongs to \"settings set\".";
+  if (arguments.output && verb != "metrics") return "--output belongs to \"metrics\".";
   if (verb == "log") return std::nullopt;
   if (arguments.lines) return "--lines belongs to \"log\".";
   if (!arguments.filters.empty()) return "--filter belongs to \"log\".";
@@ -101,6 +102,7 @@ int runVerb(const CtlArguments& arguments, const CtlOutput& output) {
   const std::map<std::string, std::function<int(CtlCall&)>> verbsWithWords = {
       {"settings", runSettings}, {"services", runServices},       {"service-user", runServiceUser},
       {"log", runLog},           {"certificate", runCertificate}, {"request", request},
+      {"metrics", runMetrics},
   };
   const Words& words = arguments.words;
   if (words.empty()) return call.usage("No verb is given.");

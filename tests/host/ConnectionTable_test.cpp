@@ -132,11 +132,11 @@ TEST_F(ConnectionTableTest, CountsTheTimeOfAFirstRequestFromItsConnection) {
 TEST_F(ConnectionTableTest, ForgetsWhatIsRemoved) {
   const auto client = come(kAnn, Phase::fresh);
   EXPECT_EQ(table_.size(), 1U);
-  EXPECT_EQ(table_.userOf(client->descriptor()), kAnn.user);
+  EXPECT_EQ(table_.requesterOf(client->descriptor()).user, kAnn.user);
   table_.remove(client->descriptor());
   table_.enter(client->descriptor(), Phase::reading);
   EXPECT_EQ(table_.size(), 0U);
-  EXPECT_EQ(table_.userOf(client->descriptor()), kRoot.user);
+  EXPECT_EQ(table_.requesterOf(client->descriptor()).user, kRoot.user);
   pass(std::chrono::seconds(40));
   table_.endSlowConnections(moment_);
   EXPECT_EQ(client->received(), "open");
