@@ -16,6 +16,10 @@ bool takeFlag(CtlArguments& result, const std::string& argument) {
     result.details = true;
   } else if (argument == "--follow" || argument == "-f") {
     result.follow = true;
+  } else if (argument == "--show-secrets") {
+    result.showSecrets = true;
+  } else if (argument == "--check") {
+    result.check = true;
   } else if (argument == "--list") {
     result.list = true;
   } else if (argument == "--help" || argument == "-h") {
@@ -35,6 +39,8 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
     result.plugin = value;
   } else if (option == "--file") {
     result.file = value;
+  } else if (option == "--format") {
+    result.format = value;
   } else if (option == "--output") {
     result.output = value;
   } else if (option == "--lines" || option == "-n") {
@@ -49,7 +55,7 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
 
 bool needsValue(const std::string& option) {
   return option == "--socket" || option == "--plugin" || option == "--file" || option == "--output" ||
-         option == "--lines" || option == "-n" || option == "--filter";
+         option == "--format" || option == "--lines" || option == "-n" || option == "--filter";
 }
 
 constexpr const char* kHelp =
@@ -62,12 +68,21 @@ constexpr const char* kHelp =
     "                              tessardctl restart\n"
     "  settings get [KEY]...       settings, all or the named ones, one KEY=VALUE a line\n"
     "                              tessardctl settings get jabberdDatabasePath\n"
+    "      --show-secrets            secrets too, when all settings are shown\n"
     "  settings set KEY=VALUE...   changes settings\n"
     "                              tessardctl settings set authLevel=STANDARD "
     "hosts=[a.example,b.example]\n"
-    "  settings set --file FILE    the same from a JSON or property-list dictionary; - is standard "
+    "  settings set --file FILE    the same from a YAML, JSON or property-list dictionary; - is standard "
     "input\n"
     "                              tessardctl --json settings get | tessardctl settings set --file -\n"
+    "  settings export [--format yaml|json|plist] [--show-secrets]\n"
+    "                              the settings as a file that \"settings apply\" takes\n"
+    "                              tessardctl settings export >push.yaml\n"
+    "  settings diff FILE          what applying a file would change; exit status 1 when there is something\n"
+    "                              tessardctl settings diff push.yaml\n"
+    "  settings apply FILE [--check]\n"
+    "                              writes what the file wants otherwise than it is; --check only tells\n"
+    "                              tessardctl settings apply push.yaml\n"
     "  setup                       first-time setup\n"
     "                              tessardctl setup\n"
     "  services list               the client services, one SERVICE HOST [KEY=VALUE]... a line\n"
@@ -115,7 +130,8 @@ constexpr const char* kHelp =
     "  --plugin NAME   the plug-in to ask (default notification)\n"
     "  --help, --version\n"
     "\n"
-    "Exit status: 0 done; 64 wrong usage; 65 wrong data; 66 a file that cannot be read; 69 the daemon "
+    "Exit status: 0 done; 1 \"settings diff\" has found differences; 64 wrong usage; 65 wrong data; 66 a "
+    "file that cannot be read; 69 the daemon "
     "or the\n"
     "service is not available; 70 the request failed; 73 a directory or file could not be made; 74 the "
     "connection\n"

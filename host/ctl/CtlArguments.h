@@ -17,6 +17,9 @@ struct CtlArguments {
   std::optional<std::string> output;   ///< of --output
   std::optional<std::string> lines;    ///< of --lines, as it was given
   std::vector<std::string> filters{};  ///< of every --filter
+  std::optional<std::string> format;   ///< of --format
+  bool showSecrets = false;
+  bool check = false;
   bool follow = false;
   bool list = false;
   bool json = false;

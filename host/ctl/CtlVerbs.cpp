@@ -78,6 +78,12 @@ std::optional<std::string> strayOption(const CtlArguments& arguments) {
   const std::string second = arguments.words.size() > 1 ? arguments.words[1] : "";
   if (arguments.details && verb != "state") return "--details belongs to \"state\".";
   if (arguments.file && (verb != "settings" || second != "set")) return "--file belongs to \"settings set\".";
+  const bool settings = verb == "settings";
+  if (arguments.check && !(settings && second == "apply")) return "--check belongs to \"settings apply\".";
+  if (arguments.format && !(settings && second == "export"))
+    return "--format belongs to \"settings export\".";
+  if (arguments.showSecrets && !(settings && (second == "get" || second == "export")))
+    return "--show-secrets belongs to \"settings get\" and \"settings export\".";
   if (arguments.output && verb != "metrics") return "--output belongs to \"metrics\".";
   if (verb == "log") return std::nullopt;
   if (arguments.lines) return "--lines belongs to \"log\".";
