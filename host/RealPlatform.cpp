@@ -49,6 +49,6 @@ RealPlatform::RealPlatform(const HostConfiguration& configuration)
       keychain(configuration.root, rootIsThisUser(),
                [this](const std::string& problem) { Object(log).logError_source(problem, ""); }),
       logs(configuration.root),
-      journal(files, configuration.root, log) {}
+      journal(files, files, configuration.root, log) {}
 
 }  // namespace tessard

@@ -27,6 +27,12 @@ bool isWellFormed(std::string_view path) {
   return path.starts_with('/') && path.find('\0') == std::string_view::npos;
 }
 
+// Whether a path ends in a name that stands for itself.
+bool hasNameOfItsOwn(std::string_view path) {
+  const std::string_view name = path.substr(path.rfind('/') + 1);
+  return !name.empty() && name != "." && name != "..";
+}
+
 FileAttributes::Kind kindOf(mode_t mode) {
   if (S_ISREG(mode)) return FileAttributes::Kind::regular;
   if (S_ISDIR(mode)) return FileAttributes::Kind::directory;
@@ -74,26 +80,42 @@ Result<FileDescriptor> PosixFileSystem::open(std::string_view path, int flags) c
   }
 }
 
-Result<PosixFileSystem::Place> PosixFileSystem::placeOf(std::string_view path, int directoryFlags) const {
+Result<PosixFileSystem::Place> PosixFileSystem::placeOf(std::string_view path) const {
   if (!isWellFormed(path)) return SystemError(EINVAL);
-  const std::string name = lastPathComponent(path);
+  std::string name = lastPathComponent(path);
   if (name == "." || name == "..") return SystemError(EINVAL);
   // A slash at the end: what is meant is a directory, and the kernel would follow a link of that name.
   if (name.empty()) return SystemError(EISDIR);
-  auto directory = open(directoryOf(path), directoryFlags | O_DIRECTORY);
+  const std::string above = directoryOf(path);
+  if (auto held = held_.find(above)) return Place{std::move(held), std::move(name)};
+  auto directory = open(above, O_PATH | O_DIRECTORY);
   if (!directory) return directory.error();
-  return Place{std::move(directory).value(), name};
+  return Place{held_.keep(above, std::move(directory).value()), std::move(name)};
 }
 
 bool PosixFileSystem::exists(std::string_view path) {
-  return open(path, O_PATH).ok();
+  return statusOf(path).ok();
+}
+
+Result<struct stat> PosixFileSystem::statusOf(std::string_view path) const {
+  struct stat status {};
+  if (hasNameOfItsOwn(path)) {
+    const auto found = inPlaceOf(path, [&](const Place& place) {
+      return resultOf(::fstatat(place.directory(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW));
+    });
+    if (!found) return found.error();
+    if (!S_ISLNK(status.st_mode)) return status;
+  }
+  const auto opened = open(path, O_PATH);
+  if (!opened) return opened.error();
+  if (::fstat(opened.value().get(), &status) != 0) return SystemError::last();
+  return status;
 }
 
 Result<FileAttributes> PosixFileSystem::attributes(std::string_view path) {
-  const auto opened = open(path, O_PATH);
-  if (!opened) return opened.error();
-  struct stat status {};
-  if (::fstat(opened.value().get(), &status) != 0) return SystemError::last();
+  const auto found = statusOf(path);
+  if (!found) return found.error();
+  const struct stat& status = found.value();
   FileAttributes attributes;
   attributes.kind = kindOf(status.st_mode);
   attributes.owner = mappedBack(map_.users, status.st_uid);
@@ -107,28 +129,50 @@ Result<FileAttributes> PosixFileSystem::attributes(std::string_view path) {
   return attributes;
 }
 
-Result<FileDescriptor> PosixFileSystem::openForReading(std::string_view path) const {
+Result<PosixFileSystem::OpenedFile> PosixFileSystem::openForReading(std::string_view path) const {
   // Not blocking, so that a pipe without a writer holds nobody up before it is told from a file.
-  auto opened = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  OpenedFile file;
+  Result<void> done = SystemError(ELOOP);
+  if (hasNameOfItsOwn(path)) {
+    done = inPlaceOf(path, [&](const Place& place) -> Result<void> {
+      file.descriptor = FileDescriptor(uninterrupted(
+          [&] { return ::openat(place.directory(), place.name.c_str(), kFlags | O_NOFOLLOW); }));
+      return file.descriptor ? Result<void>() : SystemError::last();
+    });
+  }
+  // A link, which is followed within the root.
+  if (!done && done.error().code() == ELOOP) {
+    auto opened = open(path, kFlags);
+    if (opened) file.descriptor = std::move(opened).value();
+    done = opened ? Result<void>() : opened.error();
+  }
   // A socket, or a device without a driver.
-  if (!opened && opened.error().code() == ENXIO) return SystemError(EINVAL);
-  if (!opened) return opened.error();
-  struct stat status {};
-  if (::fstat(opened.value().get(), &status) != 0) return SystemError::last();
-  if (!S_ISREG(status.st_mode)) return SystemError(EINVAL);
-  return opened;
+  if (!done && done.error().code() == ENXIO) return SystemError(EINVAL);
+  if (!done) return done.error();
+  if (::fstat(file.descriptor.get(), &file.status) != 0) return SystemError::last();
+  if (!S_ISREG(file.status.st_mode)) return SystemError(EINVAL);
+  return file;
 }
 
 Result<std::string> PosixFileSystem::readFile(std::string_view path, std::size_t limit) {
   const auto opened = openForReading(path);
   if (!opened) return opened.error();
-  // The size that the file claims is no more than a hint: it may grow, and files of /proc claim none.
-  std::string content;
+  const int file = opened.value().descriptor.get();
+  const auto size = static_cast<std::uint64_t>(opened.value().status.st_size);
+  if (size > limit) return SystemError(EFBIG);
+  // The size that the file claims is no more than a hint: it may grow, and files of /proc claim none. One
+  // byte more is asked for, so that the end is seen with the first reading.
+  std::string content(size + 1, '\0');
+  const ssize_t first = uninterrupted([&] { return ::read(file, content.data(), content.size()); });
+  if (first < 0) return SystemError::last();
+  content.resize(static_cast<std::size_t>(first));
+  if (size > 0 && content.size() == size) return content;
   while (content.size() <= limit) {
     const std::size_t before = content.size();
     const std::size_t step = std::min(kReadingStep, limit - before + 1);
     content.resize(before + step);
-    const auto got = readUpTo(opened.value().get(), content.data() + before, step);
+    const auto got = readUpTo(file, content.data() + before, step);
     if (!got) return got.error();
     content.resize(before + got.value());
     if (got.value() < step) break;
@@ -138,14 +182,19 @@ Result<std::string> PosixFileSystem::readFile(std::string_view path, std::size_t
 }
 
 Result<void> PosixFileSystem::renameAt(std::string_view from, std::string_view to, unsigned flags) const {
-  const auto source = placeOf(from, O_PATH);
-  if (!source) return source.error();
-  const auto target = placeOf(to, O_PATH);
-  if (!target) return target.error();
-  return resultOf(uninterrupted([&] {
-    return ::renameat2(source.value().directory.get(), source.value().name.c_str(),
-                       target.value().directory.get(), target.value().name.c_str(), flags);
-  }));
+  while (true) {
+    const auto source = placeOf(from);
+    if (!source) return source.error();
+    const auto target = placeOf(to);
+    if (!target) return target.error();
+    auto renamed = resultOf(uninterrupted([&] {
+      return ::renameat2(source.value().directory(), source.value().name.c_str(), target.value().directory(),
+                         target.value().name.c_str(), flags);
+    }));
+    if (renamed) return renamed;
+    const bool sourceRemoved = held_.forgetRemoved(directoryOf(from));
+    if (!held_.forgetRemoved(directoryOf(to)) && !sourceRemoved) return renamed;
+  }
 }
 
 Result<void> PosixFileSystem::rename(std::string_view from, std::string_view to) {
@@ -157,10 +206,9 @@ Result<void> PosixFileSystem::exchange(std::string_view first, std::string_view 
 }
 
 Result<void> PosixFileSystem::remove(std::string_view path) {
-  const auto place = placeOf(path, O_PATH);
-  if (!place) return place.error();
-  return resultOf(uninterrupted(
-      [&] { return ::unlinkat(place.value().directory.get(), place.value().name.c_str(), 0); }));
+  return inPlaceOf(path, [&](const Place& place) {
+    return resultOf(uninterrupted([&] { return ::unlinkat(place.directory(), place.name.c_str(), 0); }));
+  });
 }
 
 Result<std::vector<std::string>> PosixFileSystem::listDirectory(std::string_view path) {

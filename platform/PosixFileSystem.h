@@ -1,23 +1,31 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "common/FileSystem.h"
 #include "platform/FileDescriptor.h"
+#include "platform/HeldDirectories.h"
 #include "platform/OwnerMap.h"
 
 namespace tessard {
 
 /// The files of this machine below one directory. Every path is resolved by the kernel with that directory
 /// as its root, so absolute links stay inside and ".." ends at it. Holds one descriptor, opened once: the
-/// root stays the same directory when it is renamed. Any thread may call; no state is shared between calls.
+/// root stays the same directory when it is renamed. Any thread may call.
 class PosixFileSystem : public FileSystem {
  public:
   /// `root` is a path of the machine. A root that cannot be opened makes every call fail with the error of
   /// that opening (and `exists` false).
   explicit PosixFileSystem(std::string root = "/", OwnerMap map = {});
+
+  /// Between these two calls the directories of the files that are asked for are kept open for a second each,
+  /// and are what their paths mean for that long, as long as they are not removed.
+  void holdDirectories() { held_.hold(); }
+  void releaseDirectories() { held_.release(); }
 
   bool exists(std::string_view path) override;
   Result<FileAttributes> attributes(std::string_view path) override;
@@ -38,14 +46,25 @@ class PosixFileSystem : public FileSystem {
  private:
   /// An opened directory and a name in it that is not resolved.
   struct Place {
-    FileDescriptor directory;
+    HeldDirectories::Handle opened;
     std::string name;
+    int directory() const { return opened->get(); }
   };
 
   Result<FileDescriptor> open(std::string_view path, int flags) const;
-  /// The descriptor of a regular file that is read from its start; EINVAL for everything else.
-  Result<FileDescriptor> openForReading(std::string_view path) const;
-  Result<Place> placeOf(std::string_view path, int directoryFlags) const;
+  struct OpenedFile {
+    FileDescriptor descriptor;
+    struct stat status {};
+  };
+  /// A regular file that is read from its start; EINVAL for everything else.
+  Result<OpenedFile> openForReading(std::string_view path) const;
+  Result<Place> placeOf(std::string_view path) const;
+  /// `operation` on the place of a path, a second time where its directory was kept and is another by now.
+  template <class Operation>
+  Result<void> inPlaceOf(std::string_view path, Operation operation) const;
+  /// Of what the path leads to, links followed.
+  Result<struct stat> statusOf(std::string_view path) const;
+  Result<void> copyTo(const Place& place, const OpenedFile& source) const;
   /// Makes the directory and what is missing above it, each 0755; success when it is there already.
   Result<void> ensureDirectory(std::string_view path) const;
   Result<void> renameAt(std::string_view from, std::string_view to, unsigned flags) const;
@@ -54,6 +73,17 @@ class PosixFileSystem : public FileSystem {
   FileDescriptor root_;
   int rootError_ = 0;
   OwnerMap map_;
+  mutable HeldDirectories held_;
 };
+
+template <class Operation>
+Result<void> PosixFileSystem::inPlaceOf(std::string_view path, Operation operation) const {
+  while (true) {
+    const auto place = placeOf(path);
+    if (!place) return place.error();
+    auto done = operation(place.value());
+    if (done || !held_.forgetRemoved(directoryOf(path))) return done;
+  }
+}
 
 }  // namespace tessard

@@ -63,6 +63,14 @@ Result<void> closed(FileDescriptor& file) {
   return {};
 }
 
+// Gives a name to a file that has none.
+Result<void> nameFile(int file, int directory, const std::string& name) {
+  // Only some may do so by the descriptor alone.
+  if (::linkat(file, "", directory, name.c_str(), AT_EMPTY_PATH) == 0) return {};
+  if (errno != ENOENT) return SystemError::last();
+  return resultOf(::linkat(AT_FDCWD, shownNameOf(file).c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW));
+}
+
 void removeQuietly(int directory, const std::string& name, int flags) {
   // The failure that made the removal necessary is the one to report.
   static_cast<void>(::unlinkat(directory, name.c_str(), flags));
@@ -93,19 +101,18 @@ std::string_view withoutSlashesAtEnd(std::string_view path) {
 
 Result<void> PosixFileSystem::createFile(std::string_view path, std::string_view content,
                                          const FileOwnership& ownership, Flush flush) {
-  const auto place = placeOf(path, O_PATH);
-  if (!place) return place.error();
-  const int directory = place.value().directory.get();
-  const std::string& name = place.value().name;
-  FileDescriptor file = makeFile(directory, name);
-  if (!file) return SystemError::last();
-  // A file that cannot be given away is still a file with the content; the caller sees its attributes.
-  static_cast<void>(apply(file.get(), onDisk(ownership), ownership.permissions.value_or(kPrivateFile)).ok());
-  auto made = writeAll(file.get(), content);
-  if (made && flush == Flush::now) made = flushed(file.get());
-  if (made) made = closed(file);
-  if (!made) removeQuietly(directory, name, 0);
-  return made;
+  return inPlaceOf(path, [&](const Place& place) -> Result<void> {
+    FileDescriptor file = makeFile(place.directory(), place.name);
+    if (!file) return SystemError::last();
+    // A file that cannot be given away is still a file with the content; the caller sees its attributes.
+    const mode_t permissions = ownership.permissions.value_or(kPrivateFile);
+    static_cast<void>(apply(file.get(), onDisk(ownership), permissions).ok());
+    auto made = writeAll(file.get(), content);
+    if (made && flush == Flush::now) made = flushed(file.get());
+    if (made) made = closed(file);
+    if (!made) removeQuietly(place.directory(), place.name, 0);
+    return made;
+  });
 }
 
 Result<void> PosixFileSystem::flush(const std::vector<std::string>& paths) {
@@ -129,26 +136,23 @@ Result<void> PosixFileSystem::flush(const std::vector<std::string>& paths) {
 }
 
 Result<void> PosixFileSystem::copyFile(std::string_view from, std::string_view to) {
-  const auto source = openForReading(from);
-  if (!source) return source.error();
-  struct stat status {};
-  if (::fstat(source.value().get(), &status) != 0) return SystemError::last();
-  const auto place = placeOf(to, O_PATH);
-  if (!place) return place.error();
-  const int directory = place.value().directory.get();
-  const std::string& name = place.value().name;
+  return inPlaceOf(to, [&](const Place& place) {
+    const auto source = openForReading(from);
+    return source ? copyTo(place, source.value()) : Result<void>(source.error());
+  });
+}
+
+Result<void> PosixFileSystem::copyTo(const Place& place, const OpenedFile& source) const {
   // The copy gets its name when it is complete, so nothing is left over whatever happens before.
   FileDescriptor copy(uninterrupted(
-      [&] { return ::openat(directory, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kPrivateFile); }));
+      [&] { return ::openat(place.directory(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kPrivateFile); }));
   if (!copy) return SystemError::last();
-  const FileOwnership same{status.st_uid, status.st_gid, std::nullopt};
-  if (auto given = apply(copy.get(), same, status.st_mode & 07777U); !given) return given;
-  if (auto copied = copyContent(source.value().get(), copy.get()); !copied) return copied;
-  if (::linkat(AT_FDCWD, shownNameOf(copy.get()).c_str(), directory, name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-    return SystemError::last();
-  }
+  const FileOwnership same{source.status.st_uid, source.status.st_gid, std::nullopt};
+  if (auto given = apply(copy.get(), same, source.status.st_mode & 07777U); !given) return given;
+  if (auto copied = copyContent(source.descriptor.get(), copy.get()); !copied) return copied;
+  if (auto named = nameFile(copy.get(), place.directory(), place.name); !named) return named;
   auto made = closed(copy);
-  if (!made) removeQuietly(directory, name, 0);
+  if (!made) removeQuietly(place.directory(), place.name, 0);
   return made;
 }
 
@@ -159,9 +163,9 @@ Result<void> PosixFileSystem::createDirectory(std::string_view path, const FileO
   if (withParents) {
     if (auto made = ensureDirectory(directoryOf(path)); !made) return made;
   }
-  const auto place = placeOf(path, O_PATH);
-  if (!place) return place.error();
-  return makeDirectory(place.value().directory.get(), place.value().name, onDisk(ownership));
+  return inPlaceOf(path, [&](const Place& place) {
+    return makeDirectory(place.directory(), place.name, onDisk(ownership));
+  });
 }
 
 Result<void> PosixFileSystem::ensureDirectory(std::string_view path) const {
@@ -170,9 +174,8 @@ Result<void> PosixFileSystem::ensureDirectory(std::string_view path) const {
   if (opened) return {};
   if (opened.error().code() != ENOENT || path == "/") return opened.error();
   if (auto made = ensureDirectory(directoryOf(path)); !made) return made;
-  const auto place = placeOf(path, O_PATH);
-  if (!place) return place.error();
-  auto made = makeDirectory(place.value().directory.get(), place.value().name, {});
+  auto made =
+      inPlaceOf(path, [](const Place& place) { return makeDirectory(place.directory(), place.name, {}); });
   if (made || made.error().code() != EEXIST) return made;
   // Somebody else was faster, or the name is a link that leads nowhere.
   const auto found = open(path, O_PATH | O_DIRECTORY);

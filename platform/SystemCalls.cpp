@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include <vector>
+#include <memory>
 
 namespace tessard {
 
@@ -33,12 +33,13 @@ Result<std::size_t> readUpTo(int descriptor, char* buffer, std::size_t size) {
 }
 
 Result<void> copyContent(int from, int to) {
-  std::vector<char> buffer(kCopyingStep);
+  const auto buffer = std::make_unique_for_overwrite<char[]>(kCopyingStep);
   while (true) {
-    const auto got = readUpTo(from, buffer.data(), buffer.size());
-    if (!got) return got.error();
-    if (got.value() == 0) return {};
-    if (auto written = writeAll(to, {buffer.data(), got.value()}); !written) return written;
+    const ssize_t got = uninterrupted([&] { return ::read(from, buffer.get(), kCopyingStep); });
+    if (got < 0) return SystemError::last();
+    if (got == 0) return {};
+    const std::string_view step(buffer.get(), static_cast<std::size_t>(got));
+    if (auto written = writeAll(to, step); !written) return written;
   }
 }
 

@@ -24,8 +24,9 @@ std::string keyOf(const JournalDirectory::Place& place) {
 
 }  // namespace
 
-JournalingFileSystem::JournalingFileSystem(FileSystem& behind, const std::string& root, Log& log)
-    : behind_(behind), log_(log), journal_(behind, root) {}
+JournalingFileSystem::JournalingFileSystem(FileSystem& behind, PosixFileSystem& posix,
+                                           const std::string& root, Log& log)
+    : behind_(behind), posix_(posix), log_(log), journal_(behind, root) {}
 
 // Whatever is wrong with a path is for the operation itself to tell: then there is nothing to note.
 std::optional<JournalDirectory::Place> JournalingFileSystem::placeOf(std::string_view path) {

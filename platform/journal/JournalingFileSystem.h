@@ -13,6 +13,7 @@
 #include "common/Changes.h"
 #include "common/FileSystem.h"
 #include "common/Log.h"
+#include "platform/PosixFileSystem.h"
 #include "platform/journal/JournalDirectory.h"
 
 namespace tessard {
@@ -25,8 +26,9 @@ namespace tessard {
 /// the journal. For one thread.
 class JournalingFileSystem : public FileSystem, public Changes {
  public:
-  /// `behind` is borrowed; `root` is the path of the machine that is its root.
-  JournalingFileSystem(FileSystem& behind, const std::string& root, Log& log);
+  /// `behind` is borrowed; `root` is the path of the machine that is its root. `posix`, what is behind all,
+  /// holds its directories during each request.
+  JournalingFileSystem(FileSystem& behind, PosixFileSystem& posix, const std::string& root, Log& log);
 
   /// Undoes what a daemon that died has left unfinished. To be called before the first request.
   JournalDirectory::Undone recover();
@@ -74,6 +76,7 @@ class JournalingFileSystem : public FileSystem, public Changes {
   void reportUndone(const JournalDirectory::Undone& undone);
 
   FileSystem& behind_;
+  PosixFileSystem& posix_;
   const Object log_;
   JournalDirectory journal_;
   bool inRequest_ = false;

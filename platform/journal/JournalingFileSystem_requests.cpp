@@ -15,6 +15,7 @@ JournalDirectory::Undone JournalingFileSystem::recover() {
 
 void JournalingFileSystem::startRequest() {
   inRequest_ = true;
+  posix_.holdDirectories();
   together_ = false;
   failed_ = false;
   if (!undoUnfinished_) return;
@@ -29,6 +30,7 @@ bool JournalingFileSystem::finishRequest(bool failed) {
   together_ = false;
   inRequest_ = false;
   directories_.clear();
+  posix_.releaseDirectories();
   return kept;
 }
 

@@ -118,7 +118,7 @@ TEST_F(JournalTest, PutsEverythingBackAtTheStartAfterADeathAndKeepsWhatItReplace
   files.startRequest();
   changeEverything();
   // A daemon that starts knows nothing of the one that died.
-  JournalingFileSystem next(platform.posixFiles, root.path(), platform.log);
+  JournalingFileSystem next(platform.posixFiles, platform.posixFiles, root.path(), platform.log);
   const auto undone = next.recover();
   EXPECT_TRUE(undone.found);
   EXPECT_GT(undone.files, 0U);
@@ -137,7 +137,7 @@ TEST_F(JournalTest, CarriesAnUndoOnThatWasCutOffItself) {
   // Half of it is done already.
   std::filesystem::rename(root.hostPath(kHome + "/open/present/+etc/b"), root.hostPath("/etc/b"));
   root.remove("/etc/made");
-  JournalingFileSystem next(platform.posixFiles, root.path(), platform.log);
+  JournalingFileSystem next(platform.posixFiles, platform.posixFiles, root.path(), platform.log);
   EXPECT_THAT(next.recover().problems, IsEmpty());
   EXPECT_EQ(everything(), before);
 }
@@ -145,7 +145,7 @@ TEST_F(JournalTest, CarriesAnUndoOnThatWasCutOffItself) {
 TEST_F(JournalTest, FinishesTheRemovalOfAJournalThatIsNoLongerNeeded) {
   root.write(kHome + "/kept/present/+etc/a", "not to be put back");
   root.setMode(kHome, 0700);
-  JournalingFileSystem next(platform.posixFiles, root.path(), platform.log);
+  JournalingFileSystem next(platform.posixFiles, platform.posixFiles, root.path(), platform.log);
   EXPECT_FALSE(next.recover().found);
   EXPECT_THAT(root.list(kHome), IsEmpty());
   EXPECT_EQ(root.read("/etc/a"), "old a");

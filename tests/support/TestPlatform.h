@@ -55,7 +55,7 @@ class TestPlatform {
   RecordingLog log;
 
   /// Notes nothing before a request is started.
-  JournalingFileSystem journal{files, root.path(), log};
+  JournalingFileSystem journal{files, posixFiles, root.path(), log};
 
   Platform platform{journal, journal, tasks,   services,  processes, hostNames, network, clock,
                     random,  unicode, bundles, directory, keychain,  logs,      log};
