@@ -125,12 +125,20 @@ Result<void> JournalDirectory::linkInto(int mirror, const Place& place) {
   }
 }
 
-Result<void> JournalDirectory::remember(const Place& place) {
+Result<bool> JournalDirectory::remember(const Place& place) {
+  const auto linked = rememberPresent(place);
+  if (!linked && linked.error().code() == EISDIR) return false;
+  if (!linked || linked.value()) return linked;
+  const auto absent = rememberAbsent(place.path, place.name);
+  return absent ? Result<bool>(true) : absent.error();
+}
+
+Result<bool> JournalDirectory::rememberPresent(const Place& place) {
   const auto mirror = mirrorOf(kPresent, place.path);
   if (!mirror) return mirror.error();
-  auto linked = linkInto(mirror.value(), place);
-  if (linked || linked.error().code() == EISDIR) return {};
-  return linked.error().code() == ENOENT ? rememberAbsent(place.path, place.name) : linked;
+  const auto linked = linkInto(mirror.value(), place);
+  if (!linked && linked.error().code() == ENOENT) return false;
+  return linked ? Result<bool>(true) : linked.error();
 }
 
 Result<void> JournalDirectory::rememberAbsent(const std::string& path, const std::string& name) {
@@ -172,10 +180,17 @@ Result<void> JournalDirectory::rememberAttributes(const Place& place, const stru
 }
 
 Result<void> JournalDirectory::forget(const std::string& path, const std::string& name) {
-  for (const char* kind : {kPresent, kAbsent}) {
-    const auto mirror = mirrorOf(kind, path);
-    if (!mirror) return mirror.error();
-    if (::unlinkat(mirror.value(), name.c_str(), 0) != 0 && errno != ENOENT) return SystemError::last();
+  const auto present = mirrorOf(kPresent, path);
+  if (!present) return present.error();
+  const auto absent = mirrorOf(kAbsent, path);
+  if (!absent) return absent.error();
+  if (!statusOf({present.value(), name}) && !statusOf({absent.value(), name})) return {};
+  for (const std::string& beside : namesBeside(name)) {
+    if (statusOf({present.value(), beside}) || statusOf({absent.value(), beside})) continue;
+    if (auto noted = rememberAbsent(path, beside); !noted) return noted;
+  }
+  for (const int mirror : {present.value(), absent.value()}) {
+    if (::unlinkat(mirror, name.c_str(), 0) != 0 && errno != ENOENT) return SystemError::last();
   }
   return {};
 }

@@ -24,12 +24,15 @@ inline constexpr const char* kJournalHome = "/Library/Server/tessardd/journal";
 ///
 ///     open/                      the journal of the request under way; it is there when there is one
 ///       present/+etc/sm.xml      a link to what "/etc/sm.xml" was
-///       absent/+etc/sm.xml.tmp   there was no "/etc/sm.xml.tmp"
+///       absent/+etc/made.xml     there was no "/etc/made.xml"
 ///       attributes/84.0.600/0    a link to a file that belonged to 84 and 0 and had the mode 0600; for a
 ///                                directory a symbolic link that holds its path
 ///       replaced/+etc/sm.xml     what an undo after a crash found in the place of a file
 ///     kept/                      no longer needed, being removed
 ///     undone/                    what is left of the last undo after a crash, with "replaced"
+///
+/// Where a file is noted, present or absent, and its temporary ("%@.tmp") or its backup ("%@.bak") is not,
+/// there was none of that.
 ///
 /// A home that belongs to somebody else, or that others can write in, gets the name "journal.foreign" and is
 /// not looked at.
@@ -55,15 +58,19 @@ class JournalDirectory {
   };
   Result<OpenedDirectory> open(std::string_view directory) const;
 
-  /// Notes what the name stands for now. Directories are not noted. Each name may be noted once.
-  Result<void> remember(const Place& place);
+  // Each name may be noted once, and a file only when its temporary and its backup are noted where they are.
+
+  /// Notes what the name stands for now. False for a directory, which is not noted.
+  Result<bool> remember(const Place& place);
+  /// Notes a file that is there. False where there is none.
+  Result<bool> rememberPresent(const Place& place);
   /// Notes that there is nothing below `path`, in a directory that may itself be missing.
   Result<void> rememberAbsent(const std::string& path, const std::string& name);
   /// Notes a file and takes it away, in one step where that is possible. EISDIR for a directory.
   Result<void> take(const Place& place);
   /// Notes owner, group and permissions of what the name stands for.
   Result<void> rememberAttributes(const Place& place, const struct stat& status);
-  /// Forgets what was noted about a name.
+  /// Forgets what was noted about a name, but not what that tells of its temporary and its backup.
   Result<void> forget(const std::string& path, const std::string& name);
 
   bool isEmpty() const { return !open_; }
@@ -96,6 +103,10 @@ class JournalDirectory {
   void restoreAttributes(Restoring& restoring);
   Result<void> giveBackNoted(NameIn noted, const NotedAttributes& attributes) const;
   void restoreTree(const std::string& kind, int mirror, const std::string& path, Restoring& restoring);
+  Result<void> restoreNoted(const std::string& kind, NameIn noted, int target, const std::string& path,
+                            Restoring& restoring);
+  Result<void> removeUnnotedBeside(NameIn noted, int target, const std::string& path, Restoring& restoring);
+  Result<void> removeMade(NameIn current, const std::string& path, Restoring& restoring);
   Result<void> restorePresent(NameIn noted, int target, const std::string& path, Restoring& restoring);
   Result<void> restoreAbsent(NameIn noted, int target, const std::string& path, Restoring& restoring);
   Result<void> keepReplaced(NameIn current, const std::string& path);

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <vector>
 
 #include "common/Format.h"
 #include "platform/SystemCalls.h"
@@ -71,6 +72,7 @@ Result<void> giveBack(NameIn file, const NotedAttributes& attributes) {
 struct JournalDirectory::Restoring {
   Undone& undone;
   bool keepsReplaced;
+  bool besideFiles = false;  // whether it is the turn of temporaries and backups
 
   void problem(const std::string& path, const SystemError& reason) {
     undone.problems.push_back(fill("\"%@\" cannot be put back: %@", {path, reason.description()}));
@@ -121,12 +123,16 @@ void JournalDirectory::restoreAll(bool keepsReplaced, Undone& undone) {
   Restoring restoring{undone, keepsReplaced};
   // Attributes first, while the noted versions can still be reached through the journal alone.
   restoreAttributes(restoring);
-  for (const char* kind : {kPresent, kAbsent}) {
-    const auto tree = openDirectory({open_.get(), kind});
-    if (tree) {
-      restoreTree(kind, tree.value().get(), "", restoring);
-    } else if (tree.error().code() != ENOENT) {
-      restoring.problem(kind, tree.error());
+  // Temporaries and backups last: as long as a file is noted, that they are not means that there were none.
+  for (const bool besideFiles : {false, true}) {
+    restoring.besideFiles = besideFiles;
+    for (const char* kind : {kPresent, kAbsent}) {
+      const auto tree = openDirectory({open_.get(), kind});
+      if (tree) {
+        restoreTree(kind, tree.value().get(), "", restoring);
+      } else if (tree.error().code() != ENOENT) {
+        restoring.problem(kind, tree.error());
+      }
     }
   }
 }
@@ -166,10 +172,12 @@ void JournalDirectory::restoreTree(const std::string& kind, int mirror, const st
   const auto notes = entriesOf(mirror);
   if (!notes) return restoring.problem(path, notes.error());
   // Directories first: what was made in a new directory goes before that itself.
-  bool hasFiles = false;
+  std::vector<std::string> files;
   for (const DirectoryEntry& note : notes.value()) {
-    hasFiles = hasFiles || !note.isDirectory;
-    if (!note.isDirectory) continue;
+    if (!note.isDirectory) {
+      if (restoring.besideFiles != fileBeside(note.name).empty()) files.push_back(note.name);
+      continue;
+    }
     const auto inner = openDirectory({mirror, note.name});
     const std::string innerPath = fill("%@/%@", {path, nameOfMirror(note.name)});
     if (inner) {
@@ -178,23 +186,54 @@ void JournalDirectory::restoreTree(const std::string& kind, int mirror, const st
       restoring.problem(innerPath, inner.error());
     }
   }
-  if (!hasFiles) return;
+  if (files.empty()) return;
   const auto target = openWithoutLinks(root_.get(), path);
   if (!target) {
     // Where there is no directory, nothing is absent as it should be.
     if (kind != kAbsent || target.error().code() != ENOENT) restoring.problem(path, target.error());
     return;
   }
-  for (const DirectoryEntry& note : notes.value()) {
-    if (note.isDirectory) continue;
-    const NameIn noted{mirror, note.name};
-    const auto restored = kind == kPresent ? restorePresent(noted, target.value().get(), path, restoring)
-                                           : restoreAbsent(noted, target.value().get(), path, restoring);
-    if (!restored) restoring.problem(fill("%@/%@", {path, note.name}), restored.error());
+  for (const std::string& name : files) {
+    const auto restored = restoreNoted(kind, {mirror, name}, target.value().get(), path, restoring);
+    if (!restored) restoring.problem(fill("%@/%@", {path, name}), restored.error());
   }
   if (const auto flushed = resultOf(uninterrupted([&] { return ::fsync(target.value().get()); })); !flushed) {
     restoring.problem(path, flushed.error());
   }
+}
+
+Result<void> JournalDirectory::restoreNoted(const std::string& kind, NameIn noted, int target,
+                                            const std::string& path, Restoring& restoring) {
+  if (!restoring.besideFiles) {
+    if (auto removed = removeUnnotedBeside(noted, target, path, restoring); !removed) return removed;
+  }
+  return kind == kPresent ? restorePresent(noted, target, path, restoring)
+                          : restoreAbsent(noted, target, path, restoring);
+}
+
+Result<void> JournalDirectory::removeUnnotedBeside(NameIn noted, int target, const std::string& path,
+                                                   Restoring& restoring) {
+  const auto present = mirrorOf(kPresent, path);
+  if (!present) return present.error();
+  for (const std::string& beside : namesBeside(noted.name)) {
+    const auto note = statusOf({present.value(), beside});
+    if (note) continue;
+    if (note.error().code() != ENOENT) return note.error();
+    const auto is = statusOf({target, beside});
+    // Directories are not noted.
+    if (!is || S_ISDIR(is.value().st_mode)) continue;
+    if (auto removed = removeMade({target, beside}, path, restoring); !removed) return removed;
+  }
+  return {};
+}
+
+Result<void> JournalDirectory::removeMade(NameIn current, const std::string& path, Restoring& restoring) {
+  if (restoring.keepsReplaced) {
+    if (auto kept = keepReplaced(current, path); !kept) return kept;
+  }
+  if (::unlinkat(current.directory, current.name.c_str(), 0) != 0) return SystemError::last();
+  ++restoring.undone.files;
+  return {};
 }
 
 Result<void> JournalDirectory::restorePresent(NameIn noted, int target, const std::string& path,
@@ -217,17 +256,12 @@ Result<void> JournalDirectory::restorePresent(NameIn noted, int target, const st
 Result<void> JournalDirectory::restoreAbsent(NameIn noted, int target, const std::string& path,
                                              Restoring& restoring) {
   const NameIn current{target, noted.name};
-  const char* name = current.name.c_str();
   const auto is = statusOf(current);
   if (is && S_ISDIR(is.value().st_mode)) {
     // Somebody may have put something into it; then it stays.
-    if (::unlinkat(target, name, AT_REMOVEDIR) == 0) ++restoring.undone.files;
+    if (::unlinkat(target, current.name.c_str(), AT_REMOVEDIR) == 0) ++restoring.undone.files;
   } else if (is) {
-    if (restoring.keepsReplaced) {
-      if (auto kept = keepReplaced(current, path); !kept) return kept;
-    }
-    if (::unlinkat(target, name, 0) != 0) return SystemError::last();
-    ++restoring.undone.files;
+    if (auto removed = removeMade(current, path, restoring); !removed) return removed;
   }
   return removeNote(noted);
 }

@@ -1,6 +1,8 @@
 #include "platform/journal/JournalNames.h"
 
+#include <array>
 #include <charconv>
+#include <climits>
 
 #include "common/Format.h"
 #include "common/Text.h"
@@ -10,6 +12,7 @@ namespace tessard {
 namespace {
 
 constexpr char kMirrorSign = '+';
+constexpr std::array<std::string_view, 2> kSuffixesBeside = {".tmp", ".bak"};
 
 std::optional<unsigned> numberIn(std::string_view text, int base) {
   unsigned number = 0;
@@ -30,6 +33,23 @@ std::vector<std::string> mirrorNamesOf(std::string_view path) {
 
 std::string nameOfMirror(std::string_view mirrorName) {
   return std::string(mirrorName.substr(mirrorName.starts_with(kMirrorSign) ? 1 : 0));
+}
+
+std::vector<std::string> namesBeside(std::string_view name) {
+  std::vector<std::string> names;
+  for (const std::string_view suffix : kSuffixesBeside) {
+    if (name.size() + suffix.size() <= NAME_MAX) names.emplace_back(name).append(suffix);
+  }
+  return names;
+}
+
+std::string_view fileBeside(std::string_view name) {
+  for (const std::string_view suffix : kSuffixesBeside) {
+    if (name.size() > suffix.size() && name.ends_with(suffix)) {
+      return name.substr(0, name.size() - suffix.size());
+    }
+  }
+  return {};
 }
 
 std::string attributesNameOf(uid_t owner, gid_t group, mode_t permissions) {

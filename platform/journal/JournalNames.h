@@ -29,6 +29,12 @@ std::vector<std::string> mirrorNamesOf(std::string_view path);
 /// The name that such a directory stands for.
 std::string nameOfMirror(std::string_view mirrorName);
 
+/// What a replacement makes beside a file: its temporary and its backup, where they can have names.
+std::vector<std::string> namesBeside(std::string_view name);
+
+/// The file that such a name is beside; empty for any other name.
+std::string_view fileBeside(std::string_view name);
+
 struct NotedAttributes {
   uid_t owner;
   gid_t group;

@@ -1,17 +1,11 @@
 #include "platform/journal/JournalingFileSystem.h"
 
 #include <cerrno>
-#include <functional>
 #include <utility>
-
-#include "common/DurableReplace.h"
-#include "common/Format.h"
 
 namespace tessard {
 
 namespace {
-
-constexpr std::string_view kTemporarySuffix = ".tmp";
 
 std::string_view withoutSlashesAtEnd(std::string_view path) {
   while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
@@ -44,19 +38,55 @@ std::optional<JournalDirectory::Place> JournalingFileSystem::placeOf(std::string
   return JournalDirectory::Place{known->second.descriptor.get(), known->second.path, std::move(name)};
 }
 
-Result<void> JournalingFileSystem::note(
-    std::string_view path, const std::function<Result<void>(const JournalDirectory::Place&)>& how) {
-  if (!inRequest_) return {};
+Result<std::optional<JournalDirectory::Place>> JournalingFileSystem::unnoted(std::string_view path) {
+  if (!inRequest_) return std::optional<Place>();
   if (undoUnfinished_) return SystemError(EIO, "an earlier request is not undone yet");
-  const auto place = placeOf(path);
-  if (!place || noted_.contains(keyOf(*place))) return {};
-  auto done = how(*place);
-  if (done) noted_.insert(keyOf(*place));
-  return done;
+  auto place = placeOf(path);
+  if (place && isNoted(*place)) place.reset();
+  return place;
+}
+
+// A temporary or a backup that is not noted itself, of a file that is, was not there before.
+bool JournalingFileSystem::isNoted(const Place& place) const {
+  if (noted_.contains(keyOf(place))) return true;
+  const std::string_view file = fileBeside(place.name);
+  return !file.empty() && covering_.contains(keyOf({place.directory, place.path, std::string(file)}));
 }
 
 Result<void> JournalingFileSystem::remember(std::string_view path) {
-  return note(path, [this](const auto& place) { return journal_.remember(place); });
+  const auto place = unnoted(path);
+  if (!place) return place.error();
+  return place.value() ? remember(*place.value()) : Result<void>();
+}
+
+Result<void> JournalingFileSystem::remember(const Place& place) {
+  const std::string_view file = fileBeside(place.name);
+  if (file.empty()) {
+    if (auto beside = rememberBeside(place); !beside) return beside;
+  } else {
+    const Place itsFile{place.directory, place.path, std::string(file)};
+    if (!isNoted(itsFile)) {
+      if (auto noted = remember(itsFile); !noted) return noted;
+    }
+    if (isNoted(place)) return {};
+  }
+  const auto noted = journal_.remember(place);
+  if (!noted) return noted.error();
+  noted_.insert(keyOf(place));
+  if (file.empty() && noted.value()) covering_.insert(keyOf(place));
+  return {};
+}
+
+Result<void> JournalingFileSystem::rememberBeside(const Place& place) {
+  for (const std::string& name : namesBeside(place.name)) {
+    const Place beside{place.directory, place.path, name};
+    if (noted_.contains(keyOf(beside))) continue;
+    const auto noted = journal_.rememberPresent(beside);
+    // A directory is none of ours.
+    if (!noted && noted.error().code() != EISDIR) return noted.error();
+    if (noted && noted.value()) noted_.insert(keyOf(beside));
+  }
+  return {};
 }
 
 // A directory that is to be made, and those above it.
@@ -107,15 +137,7 @@ Result<void> JournalingFileSystem::copyFile(std::string_view from, std::string_v
   return made;
 }
 
-// Temporaries are flushed because they are about to take the place of their files. These are noted before, so
-// that the flush of a file system makes the notes last, too.
 Result<void> JournalingFileSystem::flush(const std::vector<std::string>& paths) {
-  for (const std::string_view path : paths) {
-    if (!path.ends_with(kTemporarySuffix)) continue;
-    const std::string_view file = path.substr(0, path.size() - kTemporarySuffix.size());
-    if (auto noted = remember(file); !noted) return noted;
-    if (auto noted = remember(backupPathFor(file)); !noted) return noted;
-  }
   auto flushed = behind_.flush(paths);
   if (!flushed) return flushed;
   if (paths.size() == 1) {
@@ -152,13 +174,19 @@ Result<void> JournalingFileSystem::exchange(std::string_view first, std::string_
 }
 
 Result<void> JournalingFileSystem::remove(std::string_view path) {
-  bool taken = false;
-  auto noted = note(path, [&](const auto& place) {
-    auto done = journal_.take(place);
-    taken = done.ok();
-    return done;
-  });
-  if (!noted || taken) return noted;
+  const auto place = unnoted(path);
+  if (!place) return place.error();
+  if (place.value()) {
+    const bool isFile = fileBeside(place.value()->name).empty();
+    if (isFile) {
+      if (auto beside = rememberBeside(*place.value()); !beside) return beside;
+    }
+    auto taken = journal_.take(*place.value());
+    if (!taken) return taken;
+    noted_.insert(keyOf(*place.value()));
+    if (isFile) covering_.insert(keyOf(*place.value()));
+    return {};
+  }
   auto removed = behind_.remove(path);
   if (removed) unflushed_.erase(std::string(path));
   return removed;

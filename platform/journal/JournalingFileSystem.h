@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -65,9 +64,13 @@ class JournalingFileSystem : public FileSystem, public Changes {
  private:
   std::optional<JournalDirectory::Place> placeOf(std::string_view path);
   std::string placeOfMissing(const std::string& directory);
-  Result<void> note(std::string_view path,
-                    const std::function<Result<void>(const JournalDirectory::Place&)>& how);
+  using Place = JournalDirectory::Place;
+  /// Where a change is to be noted; absent where there is nothing to note, or it is noted already.
+  Result<std::optional<Place>> unnoted(std::string_view path);
+  bool isNoted(const Place& place) const;
   Result<void> remember(std::string_view path);
+  Result<void> remember(const Place& place);
+  Result<void> rememberBeside(const Place& place);
   Result<void> rememberMissing(std::string_view path);
   Result<void> rememberAttributes(std::string_view path, const FileOwnership& ownership);
   Result<void> makeLast();
@@ -85,8 +88,9 @@ class JournalingFileSystem : public FileSystem, public Changes {
   bool undoUnfinished_ = false;
   std::map<std::string, JournalDirectory::OpenedDirectory> directories_;  // as callers name them
   std::unordered_set<std::string> noted_;                                 // without links
-  std::unordered_set<std::string> unflushed_;                             // files, as callers name them
-  std::set<std::string> unsynced_;                                        // directories
+  std::unordered_set<std::string> covering_;   // of these, what tells of names beside them, too
+  std::unordered_set<std::string> unflushed_;  // files, as callers name them
+  std::set<std::string> unsynced_;             // directories
 };
 
 }  // namespace tessard

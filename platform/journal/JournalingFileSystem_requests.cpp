@@ -75,6 +75,7 @@ bool JournalingFileSystem::keepNow() {
     return false;
   }
   noted_.clear();
+  covering_.clear();
   return true;
 }
 
@@ -97,6 +98,7 @@ void JournalingFileSystem::undoNow() {
   unflushed_.clear();
   unsynced_.clear();
   noted_.clear();
+  covering_.clear();
   if (inRequest_) reportUndone(journal_.undo());
 }
 

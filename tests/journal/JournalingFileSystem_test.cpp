@@ -151,6 +151,67 @@ TEST_F(JournalTest, FinishesTheRemovalOfAJournalThatIsNoLongerNeeded) {
   EXPECT_EQ(root.read("/etc/a"), "old a");
 }
 
+// What stands beside a file is noted with it where it is there; where it is not, the file's note says so.
+TEST_F(JournalTest, PutsBackTemporariesAndBackupsThatWereThere) {
+  root.write("/etc/a.tmp", "left by somebody");
+  root.write("/etc/b.bak", "older b");
+  const auto before = everything();
+  files.startRequest();
+  changeEverything();
+  ASSERT_TRUE(files.remove("/etc/b.bak"));
+  ASSERT_EQ(replaceKeepingBackup(files, "/etc/b", "new b", kOwnership).outcome, ReplaceOutcome::replaced);
+  EXPECT_FALSE(files.finishRequest(true));
+  EXPECT_EQ(everything(), before);
+}
+
+TEST_F(JournalTest, PutsBackBackupsThatWereThereHoweverFarAnUndoCame) {
+  root.write("/etc/b.bak", "older b");
+  const auto before = everything();
+  files.startRequest();
+  changeEverything();
+  // The files are put back before what stands beside them.
+  std::filesystem::rename(root.hostPath(kHome + "/open/present/+etc/b"), root.hostPath("/etc/b"));
+  std::filesystem::rename(root.hostPath(kHome + "/open/present/+etc/b.bak"), root.hostPath("/etc/b.bak"));
+  JournalingFileSystem next(platform.posixFiles, platform.posixFiles, root.path(), platform.log);
+  EXPECT_THAT(next.recover().problems, IsEmpty());
+  EXPECT_EQ(everything(), before);
+}
+
+TEST_F(JournalTest, RemovesTemporariesAndBackupsOfARequestThatDied) {
+  const auto before = everything();
+  files.startRequest();
+  ASSERT_TRUE(files.createFile("/etc/b.tmp", "temporary", kOwnership, Flush::later));
+  ASSERT_TRUE(files.rename("/etc/b.tmp", "/etc/b.bak"));
+  ASSERT_TRUE(files.createFile("/etc/b.tmp", "temporary", kOwnership, Flush::later));
+  ASSERT_TRUE(files.createFile("/etc/other.tmp", "of a new file", kOwnership, Flush::later));
+  JournalingFileSystem next(platform.posixFiles, platform.posixFiles, root.path(), platform.log);
+  EXPECT_THAT(next.recover().problems, IsEmpty());
+  EXPECT_EQ(everything(), before);
+  EXPECT_EQ(root.read(kHome + "/undone/replaced/+etc/b.tmp"), "temporary");
+}
+
+TEST_F(JournalTest, NotesTheTemporaryOfADirectoryAlone) {
+  root.makeDirectory("/etc/directory");
+  root.makeDirectory("/etc/b.bak");
+  const auto before = everything();
+  files.startRequest();
+  ASSERT_TRUE(files.createFile("/etc/directory.tmp", "temporary", kOwnership, Flush::later));
+  ASSERT_TRUE(files.createFile("/etc/b.tmp", "temporary", kOwnership, Flush::later));
+  EXPECT_FALSE(files.finishRequest(true));
+  EXPECT_EQ(everything(), before);
+}
+
+TEST_F(JournalTest, ChangesFilesWhoseBackupsCouldHaveNoName) {
+  const std::string path = "/etc/" + std::string(255, 'n');
+  root.write(path, "kept");
+  const auto before = everything();
+  files.startRequest();
+  ASSERT_TRUE(files.remove(path));
+  EXPECT_FALSE(root.exists(path));
+  EXPECT_FALSE(files.finishRequest(true));
+  EXPECT_EQ(everything(), before);
+}
+
 TEST_F(JournalTest, KeepsStepsThatStandForThemselvesWhateverBecomesOfTheRest) {
   files.startRequest();
   ASSERT_TRUE(writeAtomically(files, "/etc/step", "kept", kOwnership));
