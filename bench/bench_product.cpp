@@ -1,5 +1,5 @@
 // The plug-in without its daemon: loaded from its bundle and called in this process,
-// with all real classes below it. Usage:
+// with all real classes below it, as a request of its own each. Usage:
 //   bench_product ROOT PROGRAMS ANSWER [COUNT:]FILE...
 // Each FILE holds a request as JSON, carried out COUNT times in the given order; the answer to the last one
 // is written to the file ANSWER. For every call a line "NANOSECONDS" is said, and at the end "memory PEAK
@@ -48,7 +48,8 @@ Call callOf(std::string_view argument) {
   return call;
 }
 
-bool carryOut(PluginRequestHandler& handler, const Call& call, std::string& answer) {
+bool carryOut(PluginRequestHandler& handler, JournalingFileSystem& journal, const Call& call,
+              std::string& answer) {
   auto request = parseJson(contentOf(call.file));
   const Dictionary* content = request ? request.value().asDictionary() : nullptr;
   const std::string* command = content ? content->stringFor("command") : nullptr;
@@ -56,10 +57,13 @@ bool carryOut(PluginRequestHandler& handler, const Call& call, std::string& answ
   if (!operation) return false;
   for (long done = 0; done < call.count; ++done) {
     const auto begin = std::chrono::steady_clock::now();
+    journal.startRequest();
     const auto given = operation(*content);
+    journal.finishRequest(false);
     const auto passed = std::chrono::steady_clock::now() - begin;
     std::printf("%lld\n",
                 static_cast<long long>(std::chrono::duration_cast<std::chrono::nanoseconds>(passed).count()));
+    journal.tidyUp();
     if (!given) return false;
     if (done + 1 == call.count) answer = serializeJson(*given);
   }
@@ -83,7 +87,7 @@ int main(int count, char** arguments) {
   }
   std::string answer;
   for (int index = 4; index < count; ++index) {
-    if (!carryOut(*plugin->second, callOf(arguments[index]), answer)) {
+    if (!carryOut(*plugin->second, real.journal, callOf(arguments[index]), answer)) {
       std::fprintf(stderr, "no request, or no answer to it: %s\n", arguments[index]);
       return 70;
     }

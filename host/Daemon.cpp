@@ -82,7 +82,9 @@ class Daemon {
         hostLog_(real_.syslog),
         executor_(real_.platform, real_.journal),
         records_(executor_, tally_, hostLog_),
-        slot_(std::chrono::seconds(configuration.idleSeconds), [this](int count) { doIdleWork(count); }),
+        slot_(
+            std::chrono::seconds(configuration.idleSeconds), [this](int count) { doIdleWork(count); },
+            [this] { real_.journal.tidyUp(); }),
         monitor_(configuration.root, std::chrono::seconds(configuration.networkQuietSeconds), real_.hostNames,
                  real_.files, slot_, hostLog_,
                  [this](const NetworkChangeContext& context) { return tellNetworkChange(context); }) {}

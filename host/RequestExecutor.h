@@ -37,7 +37,8 @@ std::int64_t errorLinesOf(const ExecutionOutcome& outcome);
 
 /// The one place through which requests and events reach a plug-in. Used on the thread that carries them;
 /// nothing that a plug-in throws gets past it. What a call changes in files is kept when it ends, as far as
-/// the plug-in has not decided that itself, and put back when it ends by an exception.
+/// the plug-in has not decided that itself, and put back when it ends by an exception. Whoever has the answer
+/// on its way calls the journal's `tidyUp`.
 class RequestExecutor : public Object {
  public:
   /// `journal` is what the platform's files are changed through.

@@ -8,8 +8,12 @@ namespace tessard {
 
 using Clock = std::chrono::steady_clock;
 
-WorkSlot::WorkSlot(std::chrono::seconds idleAfter, std::function<void(int)> idleWork)
-    : idleAfter_(idleAfter), idleWork_(std::move(idleWork)), lastActive_(Clock::now()) {
+WorkSlot::WorkSlot(std::chrono::seconds idleAfter, std::function<void(int)> idleWork,
+                   std::function<void()> afterwards)
+    : idleAfter_(idleAfter),
+      idleWork_(std::move(idleWork)),
+      afterwards_(std::move(afterwards)),
+      lastActive_(Clock::now()) {
   worker_ = std::thread([this] { work(); });
 }
 
@@ -132,6 +136,7 @@ void WorkSlot::runJob(std::unique_lock<std::mutex>& lock, const Job& job) {
     job.refuse(Refusal::abandoned);
   } else {
     job.run();
+    afterwards_();
   }
   lock.lock();
   running_.reset();
@@ -145,6 +150,7 @@ void WorkSlot::runIdleWork(std::unique_lock<std::mutex>& lock) {
   const int count = ++idleCount_;
   lock.unlock();
   idleWork_(count);
+  afterwards_();
   lock.lock();
   running_.reset();
   lastActive_ = Clock::now();

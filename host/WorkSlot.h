@@ -44,8 +44,11 @@ class WorkSlot {
   };
 
   /// `idleWork` is called on the worker whenever there has been no job for `idleAfter` since the last job or
-  /// the last such call, with how often in a row that is (from 1). Zero seconds: never.
-  WorkSlot(std::chrono::seconds idleAfter, std::function<void(int)> idleWork);
+  /// the last such call, with how often in a row that is (from 1). Zero seconds: never. `afterwards` is
+  /// called on the worker after every job and every idle work, when their results are on their way.
+  WorkSlot(
+      std::chrono::seconds idleAfter, std::function<void(int)> idleWork,
+      std::function<void()> afterwards = [] {});
   WorkSlot(const WorkSlot&) = delete;
   WorkSlot& operator=(const WorkSlot&) = delete;
   ~WorkSlot() { stop(); }
@@ -73,6 +76,7 @@ class WorkSlot {
 
   const std::chrono::seconds idleAfter_;
   const std::function<void(int)> idleWork_;
+  const std::function<void()> afterwards_;
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;

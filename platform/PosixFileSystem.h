@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/FileSystem.h"
+#include "platform/EarlyWriting.h"
 #include "platform/FileDescriptor.h"
 #include "platform/HeldDirectories.h"
 #include "platform/OwnerMap.h"
@@ -26,6 +27,10 @@ class PosixFileSystem : public FileSystem {
   /// and are what their paths mean for that long, as long as they are not removed.
   void holdDirectories() { held_.hold(); }
   void releaseDirectories() { held_.release(); }
+
+  /// Until the next `flush`, or the end that is called for, the disk may begin with the files that are to be
+  /// flushed later.
+  void endEarlyWriting() { early_.end(); }
 
   bool exists(std::string_view path) override;
   Result<FileAttributes> attributes(std::string_view path) override;
@@ -74,6 +79,7 @@ class PosixFileSystem : public FileSystem {
   int rootError_ = 0;
   OwnerMap map_;
   mutable HeldDirectories held_;
+  mutable EarlyWriting early_;
 };
 
 template <class Operation>

@@ -109,6 +109,7 @@ Result<void> PosixFileSystem::createFile(std::string_view path, std::string_view
     static_cast<void>(apply(file.get(), onDisk(ownership), permissions).ok());
     auto made = writeAll(file.get(), content);
     if (made && flush == Flush::now) made = flushed(file.get());
+    if (made && flush == Flush::later) early_.add(file.get());
     if (made) made = closed(file);
     if (!made) removeQuietly(place.directory(), place.name, 0);
     return made;
@@ -116,6 +117,7 @@ Result<void> PosixFileSystem::createFile(std::string_view path, std::string_view
 }
 
 Result<void> PosixFileSystem::flush(const std::vector<std::string>& paths) {
+  early_.end();
   if (paths.size() == 1) {
     const auto file = open(paths.front(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     return file ? flushed(file.value().get()) : Result<void>(file.error());
@@ -150,6 +152,7 @@ Result<void> PosixFileSystem::copyTo(const Place& place, const OpenedFile& sourc
   const FileOwnership same{source.status.st_uid, source.status.st_gid, std::nullopt};
   if (auto given = apply(copy.get(), same, source.status.st_mode & 07777U); !given) return given;
   if (auto copied = copyContent(source.descriptor.get(), copy.get()); !copied) return copied;
+  early_.add(copy.get());
   if (auto named = nameFile(copy.get(), place.directory(), place.name); !named) return named;
   auto made = closed(copy);
   if (!made) removeQuietly(place.directory(), place.name, 0);

@@ -213,11 +213,12 @@ Result<void> JournalDirectory::retire(const std::string& to) {
 }
 
 Result<void> JournalDirectory::keep() {
-  if (isEmpty()) return {};
-  if (auto retired = retire(kKeptJournal); !retired) return retired;
-  // What is left of it is removed before the next one is kept, or at the next start.
-  static_cast<void>(removeTree({home_.get(), kKeptJournal}).ok());
-  return {};
+  return isEmpty() ? Result<void>() : retire(kKeptJournal);
+}
+
+// What cannot be removed is tried again before the next one is kept, and at the next start.
+void JournalDirectory::tidyUp() {
+  if (home_) static_cast<void>(removeTree({home_.get(), kKeptJournal}).ok());
 }
 
 }  // namespace tessard

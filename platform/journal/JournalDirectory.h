@@ -77,6 +77,8 @@ class JournalDirectory {
 
   /// Ends the journal: what was changed stays. When this fails, it can still be undone.
   Result<void> keep();
+  /// Removes what is left of a journal that has ended. Takes as long as there were files.
+  void tidyUp();
 
   struct Undone {
     bool found = false;                 ///< whether there was a journal of a request that was cut off

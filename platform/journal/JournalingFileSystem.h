@@ -22,7 +22,7 @@ namespace tessard {
 /// that cannot be noted is not changed: the call fails with the journal's error.
 ///
 /// During a request directories are flushed once each, when changes are kept, and files taken away go into
-/// the journal. For one thread.
+/// the journal, to be removed for good after the request. For one thread.
 class JournalingFileSystem : public FileSystem, public Changes {
  public:
   /// `behind` is borrowed; `root` is the path of the machine that is its root. `posix`, what is behind all,
@@ -38,6 +38,8 @@ class JournalingFileSystem : public FileSystem, public Changes {
   /// The request has ended: what it changed since the last `keep` or `end` is kept, or put back when it has
   /// failed. False when it was put back.
   bool finishRequest(bool failed);
+  /// Removes what the last request has left in the journal, which nobody needs to wait for.
+  void tidyUp();
 
   void keep() override;
   void begin() override;
@@ -86,6 +88,7 @@ class JournalingFileSystem : public FileSystem, public Changes {
   bool together_ = false;
   bool failed_ = false;
   bool undoUnfinished_ = false;
+  bool hasKept_ = false;  // whether there is a journal that has ended
   std::map<std::string, JournalDirectory::OpenedDirectory> directories_;  // as callers name them
   std::unordered_set<std::string> noted_;                                 // without links
   std::unordered_set<std::string> covering_;   // of these, what tells of names beside them, too

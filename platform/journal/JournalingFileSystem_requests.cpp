@@ -31,7 +31,14 @@ bool JournalingFileSystem::finishRequest(bool failed) {
   inRequest_ = false;
   directories_.clear();
   posix_.releaseDirectories();
+  posix_.endEarlyWriting();
   return kept;
+}
+
+void JournalingFileSystem::tidyUp() {
+  if (!hasKept_) return;
+  journal_.tidyUp();
+  hasKept_ = false;
 }
 
 void JournalingFileSystem::keep() {
@@ -91,6 +98,7 @@ Result<void> JournalingFileSystem::makeLast() {
     if (!synced && synced.error().code() != ENOENT) return synced;
   }
   unsynced_.clear();
+  hasKept_ = hasKept_ || !journal_.isEmpty();
   return journal_.keep();
 }
 

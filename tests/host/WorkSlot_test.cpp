@@ -150,5 +150,15 @@ TEST(WorkSlot, CountsIdleTimesInARowAndBeginsAnewAfterAJob) {
   EXPECT_EQ(counts[1], 2);
 }
 
+TEST(WorkSlot, TidiesUpAfterEachJobWhenItsResultIsOnItsWay) {
+  std::vector<std::string> order;
+  WorkSlot slot(
+      std::chrono::seconds(0), [](int) { FAIL(); }, [&] { order.emplace_back("afterwards"); });
+  EXPECT_TRUE(slot.callAndWait([&] { order.emplace_back("job"); }));
+  EXPECT_TRUE(slot.callAndWait([&] { order.emplace_back("job"); }));
+  slot.stop();
+  EXPECT_THAT(order, testing::ElementsAre("job", "afterwards", "job", "afterwards"));
+}
+
 }  // namespace
 }  // namespace tessard

@@ -92,6 +92,8 @@ TEST_F(JournalTest, KeepsTheChangesOfARequestThatSucceeds) {
   EXPECT_TRUE(root.exists(kHome + "/open"));
   EXPECT_EQ(root.mode(kHome), 0700U);
   EXPECT_TRUE(files.finishRequest(false));
+  EXPECT_THAT(root.list(kHome), ElementsAre("kept"));
+  files.tidyUp();
   EXPECT_THAT(root.list(kHome), IsEmpty());
   EXPECT_EQ(root.read("/etc/a"), "new a");
   EXPECT_EQ(root.read("/etc/a.bak"), "old a");

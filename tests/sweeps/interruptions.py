@@ -135,6 +135,11 @@ class Laboratory:
     def end(self):
         self.place.cleanup()
 
+    def settle(self, daemon):
+        """Waits until the daemon has removed what the journal held for a request that was answered, or has died."""
+        kept = self.root / "Library/Server/tessardd/journal/kept"
+        waitUntil(lambda: daemon.process.poll() is not None or not kept.exists(), "the journal is empty")
+
     def workerOf(self, daemon):
         """The thread that carries the requests."""
         return threadsOf(daemon.process.pid)[self.worker]
@@ -149,6 +154,7 @@ class Laboratory:
             watches = [Strace(thread, "-y", "-o", directory / f"calls.{index}", "-e", f"trace={names}")
                        for index, thread in enumerate(threads)]
             self.scenario.request(daemon)
+            self.settle(daemon)
             for watch in watches:
                 watch.end()
         logs = [(directory / f"calls.{index}").read_text().splitlines() for index in range(len(threads))]

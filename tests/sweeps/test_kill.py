@@ -41,7 +41,8 @@ def killAndLook(laboratory, call, number, old, new):
                         f"inject={call}:signal=SIGKILL:when={number}")
         try:
             laboratory.scenario.request(daemon)
-            reached = False
+            laboratory.settle(daemon)
+            reached = daemon.process.poll() is not None
         except (ConnectionError, http.client.HTTPException):
             daemon.process.wait()
             reached = True
