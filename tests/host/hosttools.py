@@ -37,6 +37,12 @@ def waitUntil(condition, what):
         time.sleep(0.01)
 
 
+def awaitTidy(root, daemon=None):
+    """Until what the journal held for an answered request is removed, or the daemon has died."""
+    kept = root / "Library/Server/tessardd/journal/kept"
+    waitUntil(lambda: (daemon and daemon.process.poll() is not None) or not kept.exists(), "the journal is empty")
+
+
 def asUser(user, groups=()):
     """The words before a command that is to run as another user."""
     chosen = f"--groups={','.join(map(str, groups))}" if groups else "--clear-groups"

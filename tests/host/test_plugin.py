@@ -7,7 +7,7 @@ import sqlite3
 
 import pytest
 
-from hosttools import NOBODY, needsPlugin
+from hosttools import NOBODY, awaitTidy, needsPlugin
 
 pytestmark = needsPlugin
 
@@ -157,6 +157,7 @@ def test_events_are_taken(plugin):
 
 def filesOf(root):
     """Every file's content but the daemon's own."""
+    awaitTidy(root)
     return {
         file.relative_to(root): file.read_bytes()
         for folder in ("etc", "Library", "var/jabberd")

@@ -11,7 +11,7 @@ import tempfile
 from pathlib import Path
 
 from history import SETTINGS_A, SETTINGS_B, ask, makeCertificate
-from hosttools import PATIENCE, Daemon, waitUntil
+from hosttools import PATIENCE, Daemon, awaitTidy, waitUntil
 from sweeptools import size
 
 # Everything that changes a file, a name or an attribute, or makes a change last. Between two of these nothing on the
@@ -137,8 +137,7 @@ class Laboratory:
 
     def settle(self, daemon):
         """Waits until the daemon has removed what the journal held for a request that was answered, or has died."""
-        kept = self.root / "Library/Server/tessardd/journal/kept"
-        waitUntil(lambda: daemon.process.poll() is not None or not kept.exists(), "the journal is empty")
+        awaitTidy(self.root, daemon)
 
     def workerOf(self, daemon):
         """The thread that carries the requests."""
