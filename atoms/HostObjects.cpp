@@ -2,19 +2,13 @@
 
 #include <algorithm>
 
+#include "common/Text.h"
+
 namespace tessard {
 
 namespace {
 
 constexpr double kOneLookupSeconds = 5;
-
-std::string lowerCase(std::string_view name) {
-  std::string lower(name);
-  std::ranges::transform(lower, lower.begin(), [](char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
-  });
-  return lower;
-}
 
 }  // namespace
 
@@ -22,7 +16,7 @@ HostObjects::HostObjects(Network& network, Clock& clock)
     : network_(network), clock_(clock), end_(clock.monotonicSeconds() + kLookupSeconds) {}
 
 const HostObject& HostObjects::hostWithName(std::string_view name) {
-  std::string lower = lowerCase(name);
+  std::string lower = asciiLowercase(name);
   const auto found = known_.find(lower);
   if (found != known_.end()) return found->second;
   HostObject host{lower, resolve(lower)};
@@ -38,7 +32,7 @@ HostObject HostObjects::currentHostWithName(std::string_view name) {
 bool HostObjects::isSame(const HostObject& host, std::string_view name) {
   // One name leads to the same addresses, and an unresolved host has nothing but its name to be known by:
   // both are told without a lookup.
-  if (lowerCase(name) == host.name) return true;
+  if (asciiLowercase(name) == host.name) return true;
   if (host.addresses.empty()) return false;
   const HostObject& other = hostWithName(name);
   return std::ranges::any_of(other.addresses, [&](const std::string& address) {

@@ -21,6 +21,12 @@ std::string joinedWith(const std::vector<std::string>& pieces, std::string_view 
   return joined;
 }
 
+std::string asciiLowercase(std::string_view text) {
+  std::string lower(text);
+  for (char& character : lower) character = asciiLowercase(character);
+  return lower;
+}
+
 std::string replacingAll(std::string_view text, std::string_view what, std::string_view replacement) {
   std::string result;
   while (true) {

@@ -17,4 +17,11 @@ std::string replacingAll(std::string_view text, std::string_view what, std::stri
 /// The text without the listed characters at both ends.
 std::string_view trimmed(std::string_view text, std::string_view characters);
 
+/// Letters of ASCII in lower case; every other character as it is. For words of protocols and files, whatever
+/// the locale; names of people's making are `Unicode`'s.
+constexpr char asciiLowercase(char character) {
+  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
+}
+std::string asciiLowercase(std::string_view text);
+
 }  // namespace tessard

@@ -54,9 +54,7 @@ bool isSwitch(const Value& value) {
   if (value.isNumber() || isWholeNumber(value)) return true;
   const std::string* text = value.asString();
   if (!text) return false;
-  std::string word = *text;
-  std::ranges::transform(word, word.begin(),
-                         [](char c) { return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c; });
+  const std::string word = asciiLowercase(*text);
   constexpr std::array<std::string_view, 8> words = {"yes", "no", "true", "false", "y", "n", "t", "f"};
   return std::ranges::find(words, word) != words.end();
 }

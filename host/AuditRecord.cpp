@@ -4,6 +4,7 @@
 #include <array>
 
 #include "common/Format.h"
+#include "common/Text.h"
 #include "host/JsonCodec.h"
 
 namespace tessard {
@@ -15,10 +16,7 @@ constexpr std::size_t kMostEntries = 50;
 
 bool speaksOfSecret(std::string_view key) {
   constexpr std::array<std::string_view, 4> kWords = {"secret", "password", "passphrase", "privatekey"};
-  std::string lower(key);
-  for (char& each : lower) {
-    if (each >= 'A' && each <= 'Z') each = static_cast<char>(each - 'A' + 'a');
-  }
+  const std::string lower = asciiLowercase(key);
   return std::ranges::any_of(kWords, [&](std::string_view word) { return lower.find(word) != lower.npos; });
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "common/PropertyList.h"
+#include "common/Text.h"
 #include "host/JsonCodec.h"
 
 namespace tessard {
@@ -15,13 +16,7 @@ constexpr std::array<std::string_view, 4> kNames = {"application/json", "applica
                                                     "application/x-plist"};
 
 std::string trimmedLowerCase(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  std::string result(text.substr(first, text.find_last_not_of(" \t") - first + 1));
-  for (char& character : result) {
-    if (character >= 'A' && character <= 'Z') character = static_cast<char>(character - 'A' + 'a');
-  }
-  return result;
+  return asciiLowercase(trimmed(text, " \t"));
 }
 
 std::vector<std::string> split(std::string_view text, char separator) {

@@ -5,6 +5,8 @@
 #include <optional>
 #include <utility>
 
+#include "common/Text.h"
+
 namespace tessard {
 
 namespace {
@@ -12,10 +14,6 @@ namespace {
 // Tables of blocked names, a common use of the file, reach some megabytes.
 constexpr std::size_t kHostsSizeLimit = std::size_t{16} * 1024 * 1024;
 constexpr std::string_view kBlanks = " \t\r\f\v";
-
-char lowered(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
 
 std::optional<std::string_view> takeWord(std::string_view& line) {
   const std::size_t begin = line.find_first_not_of(kBlanks);
@@ -29,7 +27,8 @@ std::optional<std::string_view> takeWord(std::string_view& line) {
 }  // namespace
 
 bool sameHostName(std::string_view first, std::string_view second) {
-  return std::ranges::equal(first, second, [](char a, char b) { return lowered(a) == lowered(b); });
+  return std::ranges::equal(first, second,
+                            [](char a, char b) { return asciiLowercase(a) == asciiLowercase(b); });
 }
 
 bool HostsEntry::lists(std::string_view name) const {

@@ -6,17 +6,12 @@
 #include <string_view>
 
 #include "common/Format.h"
+#include "common/Text.h"
 #include "host/JsonCodec.h"
 
 namespace tessard {
 
 namespace {
-
-std::string_view trimmed(std::string_view text) {
-  const auto first = text.find_first_not_of(' ');
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(' ') - first + 1);
-}
 
 bool looksLikeInteger(std::string_view text) {
   if (text.starts_with('-')) text.remove_prefix(1);
@@ -42,17 +37,17 @@ std::vector<std::string_view> elementsOf(std::string_view list) {
     } else if (list[at] == '"') {
       quoted = !quoted;
     } else if (list[at] == ',' && !quoted) {
-      elements.push_back(trimmed(list.substr(start, at - start)));
+      elements.push_back(trimmed(list.substr(start, at - start), " "));
       start = at + 1;
     }
   }
-  elements.push_back(trimmed(list.substr(start)));
+  elements.push_back(trimmed(list.substr(start), " "));
   return elements;
 }
 
 Result<Value> valueOf(std::string_view text) {
   if (!text.starts_with('[') || !text.ends_with(']') || text.size() < 2) return scalar(text);
-  text = trimmed(text.substr(1, text.size() - 2));
+  text = trimmed(text.substr(1, text.size() - 2), " ");
   Array list;
   if (text.empty()) return Value(std::move(list));
   for (const std::string_view element : elementsOf(text)) {
@@ -97,7 +92,7 @@ std::optional<std::string> scalarAsText(const Value& value, bool inList) {
   const bool plain = readBack && readBack.value().asString() && *readBack.value().asString() == *text &&
                      text->find_first_of("\n\r") == std::string::npos &&
                      (!inList || (text->find_first_of(",\"") == std::string::npos &&
-                                  trimmed(*text) == *text && !text->empty()));
+                                  trimmed(*text, " ") == *text && !text->empty()));
   return plain ? *text : serializeJson(value);
 }
 

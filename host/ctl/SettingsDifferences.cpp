@@ -8,6 +8,7 @@
 
 #include "common/Format.h"
 #include "common/SettingKeys.h"
+#include "common/Text.h"
 
 namespace tessard {
 
@@ -17,14 +18,6 @@ constexpr std::size_t kLikeEnough = 3;  // letters that may be wrong
 
 // Another form of "hosts", and what first-time setup keeps for itself.
 constexpr std::array<std::string_view, 2> kNotExported = {"hostsCommaDelimitedString", "initialized"};
-
-std::string lowercase(std::string_view text) {
-  std::string lower(text);
-  for (char& each : lower) {
-    if (each >= 'A' && each <= 'Z') each = static_cast<char>(each - 'A' + 'a');
-  }
-  return lower;
-}
 
 // Domains are kept in lower case.
 bool holdsNames(std::string_view key) {
@@ -43,7 +36,7 @@ bool readsTheSame(std::string_view key, const Value& wanted, const Value& curren
   const auto text = wanted.stringValue();
   const auto now = current.stringValue();
   if (!text || !now) return wanted == current;
-  return holdsNames(key) ? lowercase(*text) == lowercase(*now) : *text == *now;
+  return holdsNames(key) ? asciiLowercase(*text) == asciiLowercase(*now) : *text == *now;
 }
 
 // The number of letters to change, add or take away for one word to become the other.
@@ -61,8 +54,8 @@ std::size_t distanceBetween(std::string_view one, std::string_view other) {
 }
 
 std::optional<std::string_view> keyLike(const std::string& key) {
-  const auto distance = [lower = lowercase(key)](std::string_view known) {
-    return distanceBetween(lower, lowercase(known));
+  const auto distance = [lower = asciiLowercase(key)](std::string_view known) {
+    return distanceBetween(lower, asciiLowercase(known));
   };
   const auto nearest = std::ranges::min_element(kSettingKeys, {}, distance);
   if (distance(*nearest) > kLikeEnough || distance(*nearest) >= nearest->size()) return std::nullopt;

@@ -17,6 +17,7 @@
 
 #include "common/FileSystem.h"
 #include "common/Format.h"
+#include "common/Text.h"
 #include "platform/FileDescriptor.h"
 
 namespace tessard {
@@ -46,13 +47,6 @@ void sendAll(int connection, std::string_view bytes) {
   }
 }
 
-std::string lowerCase(std::string text) {
-  for (char& character : text) {
-    if (character >= 'A' && character <= 'Z') character = static_cast<char>(character - 'A' + 'a');
-  }
-  return text;
-}
-
 }  // namespace
 
 bool parseReply(const std::string& bytes, ClientReply& reply) {
@@ -62,7 +56,7 @@ bool parseReply(const std::string& bytes, ClientReply& reply) {
   const char* digits = bytes.data() + kProtocol.size();
   if (std::from_chars(digits, digits + 3, reply.status).ptr != digits + 3) return false;
   constexpr std::string_view kLengthHeader = "\r\ncontent-length:";
-  const std::string head = lowerCase(bytes.substr(0, headEnd));
+  const std::string head = asciiLowercase(bytes.substr(0, headEnd));
   const auto header = head.find(kLengthHeader);
   if (header == std::string::npos) return false;
   std::size_t at = header + kLengthHeader.size();

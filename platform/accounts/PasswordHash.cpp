@@ -34,11 +34,8 @@ constexpr std::array<Method, 6> kMethods = {{
     {"bcrypt", "$2b$"},
 }};
 
-std::optional<std::string> prefixOf(std::string word) {
-  std::ranges::transform(word, word.begin(), [](char letter) {
-    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-  });
-  const auto found = std::ranges::find(kMethods, word, &Method::name);
+std::optional<std::string> prefixOf(std::string_view word) {
+  const auto found = std::ranges::find(kMethods, asciiLowercase(word), &Method::name);
   if (found == kMethods.end()) return std::nullopt;
   return std::string(found->prefix);
 }

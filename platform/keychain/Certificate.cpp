@@ -8,6 +8,7 @@
 #include <array>
 #include <ctime>
 
+#include "common/Text.h"
 #include "platform/keychain/CertificateText.h"
 
 namespace tessard {
@@ -71,12 +72,8 @@ std::int64_t secondsOf(const ASN1_TIME* time) {
   return ::timegm(&parts);
 }
 
-char lower(char character) {
-  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
-}
-
 bool sameLetter(char one, char other) {
-  return lower(one) == lower(other);
+  return asciiLowercase(one) == asciiLowercase(other);
 }
 
 }  // namespace

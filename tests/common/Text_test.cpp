@@ -59,5 +59,11 @@ TEST(LastPathComponent, IsAllBehindTheLastSlash) {
   EXPECT_EQ(lastPathComponent("/a/"), "");
 }
 
+TEST(AsciiLowercase, LeavesEverythingButTheLettersOfAsciiAsItIs) {
+  EXPECT_EQ(asciiLowercase("AZaz09@[`{ \xc3\x84"), "azaz09@[`{ \xc3\x84");
+  EXPECT_EQ(asciiLowercase(""), "");
+  EXPECT_EQ(asciiLowercase('Q'), 'q');
+}
+
 }  // namespace
 }  // namespace tessard
