@@ -68,7 +68,7 @@ constexpr const char* kHelp =
     "                              tessardctl restart\n"
     "  settings get [KEY]...       settings, all or the named ones, one KEY=VALUE a line\n"
     "                              tessardctl settings get jabberdDatabasePath\n"
-    "      --show-secrets            secrets too, when all settings are shown\n"
+    "      --show-secrets          secrets too, when all settings are shown\n"
     "  settings set KEY=VALUE...   changes settings\n"
     "                              tessardctl settings set authLevel=STANDARD "
     "hosts=[a.example,b.example]\n"
