@@ -196,13 +196,15 @@ Result<void> JournalDirectory::forget(const std::string& path, const std::string
 }
 
 // Gives the journal the name of one that has ended, for good, in place of an older one of that name.
-Result<void> JournalDirectory::retire(const std::string& to) {
+Result<void> JournalDirectory::retire(const std::string& to,
+                                      const std::function<Result<void>()>& makeNamesLast) {
   if (auto removed = removeTree({home_.get(), to}); !removed) return removed;
   const auto renamed = [&](const std::string& from, const std::string& name) {
     return resultOf(::renameat(home_.get(), from.c_str(), home_.get(), name.c_str()));
   };
   if (auto done = renamed(kOpenJournal, to); !done) return done;
-  auto flushed = resultOf(uninterrupted([&] { return ::fsync(home_.get()); }));
+  auto flushed = makeNamesLast();
+  if (flushed) flushed = resultOf(uninterrupted([&] { return ::fsync(home_.get()); }));
   if (!flushed) {
     static_cast<void>(renamed(to, kOpenJournal).ok());
     return flushed;
@@ -212,8 +214,8 @@ Result<void> JournalDirectory::retire(const std::string& to) {
   return {};
 }
 
-Result<void> JournalDirectory::keep() {
-  return isEmpty() ? Result<void>() : retire(kKeptJournal);
+Result<void> JournalDirectory::keep(const std::function<Result<void>()>& makeNamesLast) {
+  return isEmpty() ? makeNamesLast() : retire(kKeptJournal, makeNamesLast);
 }
 
 // What cannot be removed is tried again before the next one is kept, and at the next start.

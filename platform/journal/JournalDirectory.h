@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -75,8 +76,10 @@ class JournalDirectory {
 
   bool isEmpty() const { return !open_; }
 
-  /// Ends the journal: what was changed stays. When this fails, it can still be undone.
-  Result<void> keep();
+  /// Ends the journal: what was changed stays. `makeNamesLast` flushes the directories that were changed,
+  /// which is done when the journal's own end waits for its flush: where the order of changes to names is
+  /// kept, the first flush is that of all. When this fails, everything can still be undone.
+  Result<void> keep(const std::function<Result<void>()>& makeNamesLast);
   /// Removes what is left of a journal that has ended. Takes as long as there were files.
   void tidyUp();
 
@@ -100,7 +103,9 @@ class JournalDirectory {
   Result<void> openJournal();
   Result<int> mirrorOf(const char* kind, const std::string& path);
   Result<void> linkInto(int mirror, const Place& place);
-  Result<void> retire(const std::string& to);
+  Result<void> retire(
+      const std::string& to,
+      const std::function<Result<void>()>& makeNamesLast = [] { return Result<void>(); });
   void restoreAll(bool keepsReplaced, Undone& undone);
   void restoreAttributes(Restoring& restoring);
   Result<void> giveBackNoted(NameIn noted, const NotedAttributes& attributes) const;

@@ -86,20 +86,22 @@ bool JournalingFileSystem::keepNow() {
   return true;
 }
 
-// Contents, then names, then the end of the journal: what is kept is on disk.
+// Contents, then names and the end of the journal: what is kept is on disk.
 Result<void> JournalingFileSystem::makeLast() {
   if (!unflushed_.empty()) {
     if (auto flushed = behind_.flush({unflushed_.begin(), unflushed_.end()}); !flushed) return flushed;
     unflushed_.clear();
   }
-  for (const std::string& directory : unsynced_) {
-    const auto synced = behind_.syncDirectory(directory);
-    // A directory that is gone has no names left.
-    if (!synced && synced.error().code() != ENOENT) return synced;
-  }
-  unsynced_.clear();
   hasKept_ = hasKept_ || !journal_.isEmpty();
-  return journal_.keep();
+  return journal_.keep([this]() -> Result<void> {
+    for (const std::string& directory : unsynced_) {
+      const auto synced = behind_.syncDirectory(directory);
+      // A directory that is gone has no names left.
+      if (!synced && synced.error().code() != ENOENT) return synced;
+    }
+    unsynced_.clear();
+    return {};
+  });
 }
 
 void JournalingFileSystem::undoNow() {
