@@ -67,6 +67,8 @@ class Warden {
     if (!name) return unreadable(file, name.error());
     const auto pem = readSystemFile(arguments_.root, name.value());
     if (!pem) return pem.error().code() == ENOENT ? EX_OK : unreadable(name.value(), pem.error());
+    // Both ways in which PEM says that a key is encrypted have this word. The usual file needs no more work.
+    if (pem.value().find("ENCRYPTED") == std::string::npos) return EX_OK;
     const auto kind = keyFileKind(pem.value());
     // What is no key file at all is the service's to complain about.
     if (!kind || kind.value() != KeyFileKind::encrypted) return EX_OK;
