@@ -83,8 +83,11 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::addSecondarySMDomain(std::string_v
   FileSystem& files = platform_.files;
   // A file that is there keeps its content: it is not removed, and the copy does not replace it. Where
   // nothing can be reached only a dangling link can be in the way.
-  if (!files.exists(path)) static_cast<void>(files.remove(path).ok());
-  const auto copied = files.copyFile(source, path);
+  auto copied = files.copyFile(source, path);
+  if (!copied && copied.error().code() == EEXIST && !files.exists(path)) {
+    static_cast<void>(files.remove(path).ok());
+    copied = files.copyFile(source, path);
+  }
   if (!copied && copied.error().code() != EEXIST) {
     logError_source(fill("session manager file not made: \"%@\" : %@", {path, copied.error().description()}),
                     "");
@@ -107,9 +110,9 @@ NOTIFICATION_PLUGIN_ComponentConfiguration* NOTIFICATION_PLUGIN_MasterConfigurat
 
 // Deletes a file if there is one; 1 when it is gone, 0 otherwise.
 std::size_t NOTIFICATION_PLUGIN_MasterConfiguration::deleteFile(const std::string& path) {
-  if (!platform_.files.exists(path)) return 0;
   const auto removed = platform_.files.remove(path);
   if (removed) return 1;
+  if (removed.error().code() == ENOENT || removed.error().code() == ENOTDIR) return 0;
   logError_source(fill("file not deleted: \"%@\" : %@", {path, removed.error().description()}), "");
   platform_.changes.fail();
   return 0;

@@ -86,7 +86,7 @@ Result<PosixFileSystem::Place> PosixFileSystem::placeOf(std::string_view path) c
   if (name == "." || name == "..") return SystemError(EINVAL);
   // A slash at the end: what is meant is a directory, and the kernel would follow a link of that name.
   if (name.empty()) return SystemError(EISDIR);
-  const std::string above = directoryOf(path);
+  const std::string_view above = path.substr(0, std::max(path.rfind('/'), std::size_t{1}));
   if (auto held = held_.find(above)) return Place{std::move(held), std::move(name)};
   auto directory = open(above, O_PATH | O_DIRECTORY);
   if (!directory) return directory.error();
