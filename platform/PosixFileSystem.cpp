@@ -144,8 +144,8 @@ Result<PosixFileSystem::OpenedFile> PosixFileSystem::openForReading(std::string_
   // A link, which is followed within the root.
   if (!done && done.error().code() == ELOOP) {
     auto opened = open(path, kFlags);
-    if (opened) file.descriptor = std::move(opened).value();
     done = opened ? Result<void>() : opened.error();
+    if (opened) file.descriptor = std::move(opened).value();
   }
   // A socket, or a device without a driver.
   if (!done && done.error().code() == ENXIO) return SystemError(EINVAL);

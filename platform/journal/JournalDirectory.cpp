@@ -126,7 +126,7 @@ Result<void> JournalDirectory::linkInto(int mirror, const Place& place) {
 }
 
 Result<bool> JournalDirectory::remember(const Place& place) {
-  const auto linked = rememberPresent(place);
+  auto linked = rememberPresent(place);
   if (!linked && linked.error().code() == EISDIR) return false;
   if (!linked || linked.value()) return linked;
   const auto absent = rememberAbsent(place.path, place.name);

@@ -57,7 +57,7 @@ Result<void> putBack(NameIn noted, NameIn target) {
 // The change of owner first, because it takes permission bits away. Links have no permissions.
 Result<void> giveBack(NameIn file, const NotedAttributes& attributes) {
   const char* name = file.name.c_str();
-  const auto owned =
+  auto owned =
       resultOf(::fchownat(file.directory, name, attributes.owner, attributes.group, AT_SYMLINK_NOFOLLOW));
   if (!owned) return owned;
   const auto status = statusOf(file);
@@ -101,8 +101,8 @@ JournalDirectory::Undone JournalDirectory::recover() {
   if (prepared) {
     auto journal = openDirectory({home_.get(), kOpenJournal});
     if (!journal && journal.error().code() == ENOENT) return undone;
-    if (journal) open_ = std::move(journal).value();
     prepared = journal ? Result<void>() : Result<void>(journal.error());
+    if (journal) open_ = std::move(journal).value();
   }
   if (!prepared) {
     undone.problems.push_back(
