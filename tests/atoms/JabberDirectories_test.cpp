@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "tests/atoms/AtomFixtures.h"
+#include "tests/atoms/ProjectPaths.h"
 #include "tests/atoms/RealTools.h"
 
 namespace tessard {
@@ -222,7 +223,7 @@ class RealAccess : public JabberDirectories {
 
   void SetUp() override {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can ask about another user";
-    const std::string program = TESSARD_CHECK_USER_ACCESS;
+    const std::string program = checkUserAccessProgram();
     platform.bundles.add("com.velto.tessard_notification").resources["check_user_access"] = program;
     tools.run(program);
   }

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "tests/atoms/AtomFixtures.h"
+#include "tests/atoms/ProjectPaths.h"
 #include "tests/atoms/RealTools.h"
 
 namespace tessard {
@@ -141,7 +142,7 @@ TEST_F(JabberServiceData, AreMadeWithTheRealTools) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can ask about another user";
   if (::access(kDatabaseTool.c_str(), X_OK) != 0) GTEST_SKIP() << kDatabaseTool << " is not installed";
   RealTools tools(platform);
-  const std::string program = TESSARD_CHECK_USER_ACCESS;
+  const std::string program = checkUserAccessProgram();
   platform.bundles.add("com.velto.tessard_notification").resources["check_user_access"] = program;
   tools.run(program);
   tools.run(kDatabaseTool);

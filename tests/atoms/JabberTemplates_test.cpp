@@ -7,6 +7,7 @@
 
 #include "common/XmlDocument.h"
 #include "tests/atoms/AtomFixtures.h"
+#include "tests/atoms/ProjectPaths.h"
 #include "tests/atoms/RealTools.h"
 
 namespace tessard {
@@ -184,9 +185,9 @@ TEST_F(JabberTemplates, KeepTheirContentInASecondRun) {
 
 TEST_F(JabberTemplates, ThatComeWithTheProductAreFilledCompletely) {
   for (const char* name : kTemplates) {
-    platform.root.write(inConfig(name), machineFile(std::string(TESSARD_TEMPLATES) + "/" + name));
+    platform.root.write(inConfig(name), machineFile(templatesDirectory() + "/" + name));
   }
-  platform.root.write(inConfig("jabberd.cfg"), machineFile(std::string(TESSARD_TEMPLATES) + "/jabberd.cfg"));
+  platform.root.write(inConfig("jabberd.cfg"), machineFile(templatesDirectory() + "/jabberd.cfg"));
   ASSERT_TRUE(atom->initializeServiceConfigurations());
   for (const char* name : kTemplates) {
     EXPECT_THAT(text(name), AllOf(Not(HasSubstr("@HOSTNAME@")), Not(HasSubstr("@ROUTERPASSWORD@")))) << name;
@@ -208,7 +209,7 @@ TEST_F(JabberTemplates, ThatComeWithTheProductAreFilledCompletely) {
 
 TEST_F(JabberTemplates, ThatComeWithTheProductTakeEveryWrittenSetting) {
   for (const char* name : {"router.xml", "router-users.xml", "sm.xml", "c2s.xml", "s2s.xml", "jabberd.cfg"}) {
-    platform.root.write(inConfig(name), machineFile(std::string(TESSARD_TEMPLATES) + "/" + name));
+    platform.root.write(inConfig(name), machineFile(templatesDirectory() + "/" + name));
   }
   ASSERT_TRUE(atom->initializeServiceConfigurations());
   reload();

@@ -7,6 +7,7 @@
 
 #include "platform/keychain/SqliteKeychain.h"
 #include "tests/atoms/NotificationFixtures.h"
+#include "tests/atoms/ProjectPaths.h"
 #include "tests/atoms/RealTools.h"
 
 namespace tessard {
@@ -28,7 +29,7 @@ class NotificationDataTest : public NotificationTest {
   NotificationDataTest() {
     for (const char* name : {"pubsub.sql", "items.sql"}) {
       platform.root.write(std::string("/usr/share/Beaconry/") + name,
-                          machineFile(std::string(TESSARD_SCHEMAS) + "/" + name));
+                          machineFile(schemasDirectory() + "/" + name));
     }
     for (const char* directory : {"/var/db", "/var/log"}) platform.root.makeDirectory(directory);
     platform.root.write("/etc/passwd", "root:x:0:0:root:/root:/bin/sh\n");

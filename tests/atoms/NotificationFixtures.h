@@ -15,6 +15,7 @@
 #include "atoms/NotificationPaths.h"
 #include "atoms/NotificationServiceAtom.h"
 #include "common/PropertyList.h"
+#include "tests/atoms/ProjectPaths.h"
 #include "tests/support/RecordingOwner.h"
 #include "tests/support/TestPlatform.h"
 
@@ -36,7 +37,7 @@ class NotificationTest : public testing::Test {
   std::unique_ptr<NotificationAtom> atom = NotificationAtom::notificationServiceAtom(platform, &owner);
 
   NotificationTest() {
-    std::ifstream file(TESSARD_DEFAULT_CONFIG);
+    std::ifstream file(defaultConfigFile());
     std::ostringstream text;
     text << file.rdbuf();
     platform.root.write(kNotificationDefaultConfigFilePath, text.str());
