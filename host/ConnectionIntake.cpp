@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -63,10 +64,12 @@ ConnectionIntake::ConnectionIntake(const PeerCheck& peers, ConnectionTable& tabl
       refusals_(std::move(report)),
       spare_(newSpare()) {}
 
-void ConnectionIntake::acceptUntil(int stopEvent, int listener, const std::function<void(Moment)>& tick) {
+void ConnectionIntake::acceptUntil(int stopEvent, int listener, const std::function<void(Moment)>& tick,
+                                   std::optional<std::chrono::milliseconds> longest) {
   bool canAccept = true;
   Moment nextTick;
-  while (waitForClients(stopEvent, listener, canAccept)) {
+  const int wait = longest ? static_cast<int>(longest->count()) : -1;
+  while (waitForClients(stopEvent, listener, canAccept, wait)) {
     canAccept = acceptSome(listener);
     const auto now = Clock::now();
     if (now < nextTick) continue;
@@ -78,11 +81,13 @@ void ConnectionIntake::acceptUntil(int stopEvent, int listener, const std::funct
 }
 
 // False when it is time to stop.
-bool ConnectionIntake::waitForClients(int stopEvent, int listener, bool canAccept) {
+bool ConnectionIntake::waitForClients(int stopEvent, int listener, bool canAccept, int longest) {
   std::array<pollfd, 2> watched = {{{stopEvent, POLLIN, 0}, {listener, POLLIN, 0}}};
   const bool ticks = !canAccept || table_.size() > 0 || refusals_.isPending() || !spare_;
   const nfds_t count = canAccept ? 2 : 1;
-  if (poll(watched.data(), count, ticks ? static_cast<int>(kTick.count()) : -1) < 0 && errno != EINTR) {
+  constexpr int kTickWait = static_cast<int>(kTick.count());
+  const int wait = !ticks ? longest : longest < 0 ? kTickWait : std::min(longest, kTickWait);
+  if (poll(watched.data(), count, wait) < 0 && errno != EINTR) {
     report_(fill("Waiting for clients failed: %@.", {SystemError::last().description()}));
     return false;
   }

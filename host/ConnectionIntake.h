@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "host/ConnectionTable.h"
@@ -24,11 +26,12 @@ class ConnectionIntake {
                    std::function<void(const std::string&)> report);
 
   /// Until `stopEvent` is readable. The listener does not block. `tick` is called several times a second
-  /// while there are connections, and otherwise not.
-  void acceptUntil(int stopEvent, int listener, const std::function<void(Moment)>& tick);
+  /// while there are connections, and otherwise each time that `longest` has passed, or not at all.
+  void acceptUntil(int stopEvent, int listener, const std::function<void(Moment)>& tick,
+                   std::optional<std::chrono::milliseconds> longest);
 
  private:
-  bool waitForClients(int stopEvent, int listener, bool canAccept);
+  bool waitForClients(int stopEvent, int listener, bool canAccept, int longest);
   bool acceptSome(int listener);
   void take(int connection);
   void refuse(int connection, const std::string& sentence, const std::string& message);

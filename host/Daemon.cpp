@@ -29,6 +29,7 @@
 #include "host/RequestRouter.h"
 #include "host/RequestTally.h"
 #include "host/Version.h"
+#include "host/Watchdog.h"
 #include "host/WorkSlot.h"
 #include "platform/FileDescriptor.h"
 
@@ -164,7 +165,10 @@ class Daemon {
               socket.fromServiceManager() ? "the socket of the service manager" : configuration_.socketPath,
               configuration_.root}));
     sd_notify(0, "READY=1");
-    server.acceptUntil(stopEvent, socket.descriptor());
+    Watchdog watchdog(
+        patienceOfServiceManager(), [this] { return slot_.status(); },
+        [](const char* word) { sd_notify(0, word); }, hostLog_);
+    server.acceptUntil(stopEvent, socket.descriptor(), watchdog);
     sd_notify(0, "STOPPING=1");
     hostLog_.notice("Stopping after the request that is running.");
     socket.close();

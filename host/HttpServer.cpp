@@ -132,11 +132,13 @@ Result<void> HttpServer::start() {
   return {};
 }
 
-void HttpServer::acceptUntil(int stopEvent, int listener) {
-  intake_.acceptUntil(stopEvent, listener, [this](ConnectionTable::Moment now) {
+void HttpServer::acceptUntil(int stopEvent, int listener, Watchdog& watchdog) {
+  const auto tick = [&](ConnectionTable::Moment now) {
     slot_.refuseLateJobs(now);
     table_.endSlowConnections(now);
-  });
+    watchdog.tick(now);
+  };
+  intake_.acceptUntil(stopEvent, listener, tick, watchdog.interval());
 }
 
 bool HttpServer::serve(int connection) {

@@ -13,6 +13,7 @@
 #include "host/PeerCheck.h"
 #include "host/RequestRouter.h"
 #include "host/RequestTally.h"
+#include "host/Watchdog.h"
 #include "host/WorkSlot.h"
 
 struct MHD_Daemon;
@@ -42,7 +43,7 @@ class HttpServer {
   Result<void> start();
 
   /// Takes connections from a non-blocking listening socket until `stopEvent` is readable.
-  void acceptUntil(int stopEvent, int listener);
+  void acceptUntil(int stopEvent, int listener, Watchdog& watchdog);
 
   /// Sends the answers that are due, waiting for them no longer than a client may take for one, and closes
   /// every connection. The work slot is to be stopped before.

@@ -204,6 +204,24 @@ def test_what_the_service_manager_hands_over_must_be_one_listening_socket(root, 
     assert problem in text
 
 
+def test_a_service_manager_with_a_watchdog_is_told_again_and_again_that_the_daemon_is_well(makeDaemon):
+    daemon = makeDaemon(prefix=["env", "WATCHDOG_USEC=900000"])
+    for _ in range(3):
+        assert daemon.notification.recv(4096) == b"WATCHDOG=1"
+    # Also while a request runs, which the others wait for.
+    running = RunningRequest(daemon)
+    for _ in range(2):
+        assert daemon.notification.recv(4096) == b"WATCHDOG=1"
+    assert running.finish().status == 200
+
+
+def test_a_service_manager_without_a_watchdog_is_not_bothered(makeDaemon):
+    daemon = makeDaemon()
+    daemon.assertServes()
+    daemon.process.send_signal(signal.SIGTERM)
+    assert daemon.notification.recv(4096) == b"STOPPING=1"
+
+
 def test_idle_work_is_done_when_nothing_happens(makeDaemon):
     daemon = makeDaemon("--idle-seconds", "1")
     waitUntil(lambda: (daemon.root / "idle").exists() and (daemon.root / "idle").read_text() >= "2", "idle twice")
