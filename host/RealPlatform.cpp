@@ -1,5 +1,8 @@
 #include "host/RealPlatform.h"
 
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include "host/Networks.h"
@@ -33,14 +36,30 @@ constexpr double kUnitPatienceSeconds = 10;
 // How long a question to a tool of the machine may take.
 constexpr double kQuestionPatienceSeconds = 10;
 
+bool isAllowed(int capability) {
+  return prctl(PR_CAPBSET_READ, capability) > 0;
+}
+
+// The daemon's own unit keeps it from changing the packet filter and from becoming others; what asks for the
+// filter's rules, or as somebody else, needs these rights nevertheless.
+SystemdTasks::Rights missingRights(const HostConfiguration& configuration) {
+  SystemdTasks::Rights rights;
+  if (configuration.root != "/" || geteuid() != 0 || sd_booted() <= 0) return rights;
+  if (!isAllowed(CAP_NET_ADMIN)) rights["nft"] = "CAP_NET_ADMIN";
+  if (!isAllowed(CAP_SETUID)) rights["check_user_access"] = "CAP_SETUID CAP_SETGID";
+  return rights;
+}
+
 }  // namespace
 
 RealPlatform::RealPlatform(const HostConfiguration& configuration)
     : directory(configuration.root),
       files(configuration.root, ownersForThisUser()),
-      tasks(configuration.root, configuration.programsDirectory),
+      ownTasks(configuration.root, configuration.programsDirectory),
       unitTasks(configuration.root, configuration.programsDirectory, kUnitPatienceSeconds),
-      questionTasks(configuration.root, configuration.programsDirectory, kQuestionPatienceSeconds),
+      ownQuestionTasks(configuration.root, configuration.programsDirectory, kQuestionPatienceSeconds),
+      tasks(ownTasks, missingRights(configuration)),
+      questionTasks(ownQuestionTasks, missingRights(configuration)),
       services(chooseServiceManager(configuration, files, tasks, unitTasks, clock, log)),
       processes(files),
       hostNames(files),

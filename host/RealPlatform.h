@@ -12,6 +12,7 @@
 #include "platform/SystemClock.h"
 #include "platform/SystemRandom.h"
 #include "platform/SystemSyslog.h"
+#include "platform/SystemdTasks.h"
 #include "platform/UnistringUnicode.h"
 #include "platform/accounts/LibuserDirectory.h"
 #include "platform/journal/JournalingFileSystem.h"
@@ -32,9 +33,12 @@ struct RealPlatform {
   SystemSyslog syslog;
   Log log{syslog};
   PosixFileSystem files;
-  PosixTasks tasks;
-  PosixTasks unitTasks;      ///< with the patience that a change of a unit is given
-  PosixTasks questionTasks;  ///< with the patience that the machine's tools are given
+  PosixTasks ownTasks;
+  PosixTasks unitTasks;         ///< with the patience that a change of a unit is given
+  PosixTasks ownQuestionTasks;  ///< with the patience that the machine's tools are given
+  // The same, also for programs that need rights which the daemon's unit has not.
+  SystemdTasks tasks;
+  SystemdTasks questionTasks;
   SystemClock clock;
   std::unique_ptr<ServiceManager> services;
   LinuxProcesses processes;

@@ -14,7 +14,7 @@ import subprocess
 import tempfile
 from pathlib import Path
 
-from private_machine import HOST_NAME, PROJECT, MachineError, wait_until
+from private_machine import HOST_NAME, MachineError, wait_until
 from systemd_tree import systemd_tree
 
 _PREFIX = "tessard-systemd-"
@@ -40,7 +40,7 @@ echo 0 >"$own/$1/cgroup.procs"
 """
 _INSTALL = """
 chroot /run/root systemd-sysusers
-if [ -e /run/root/usr/sbin/tessardd ]; then chroot /run/root systemctl enable --quiet tessardd.service; fi
+if [ -e /run/root/usr/sbin/tessardd ]; then chroot /run/root systemctl enable --quiet tessardd.socket tessardd.service; fi
 """
 _RUN = """
 status=133
@@ -163,21 +163,10 @@ class SystemdMachine:
         (etc / "hosts").write_text(f"127.0.0.1 localhost\n127.0.1.1 {self.host_name} {short}\n")
         if self.build is None:
             return
-        _copy(self.build / "bin/tessardctl", root / "usr/bin/tessardctl")
-        _copy(self.build / "bin/tessardd", root / "usr/sbin/tessardd")
-        _copy(self.build / "programs/keywarden", root / "usr/sbin/keywarden")
-        _copy(self.build / "bundles", root / "usr/share/tessardd/bundles")
-        for name, place in (("templates", "usr/share/tessardd/templates"), ("Beaconry", "usr/share/Beaconry"),
-                            ("systemd", "usr/lib/systemd/system"), ("sysusers.d", "usr/lib/sysusers.d"),
-                            ("pam.d", "etc/pam.d"), ("tmpfiles.d", "usr/lib/tmpfiles.d")):
-            if (PROJECT / "share" / name).is_dir():
-                _copy(PROJECT / "share" / name, root / place)
-        _copy(PROJECT / "programs/pubsub", root / "usr/libexec/tessardd/pubsub")
-        for directory in (PROJECT / "programs", self.build / "programs", self.build / "libexec"):
-            for program in sorted(directory.iterdir()) if directory.is_dir() else ():
-                if program.is_file() and os.access(program, os.X_OK):
-                    _copy(program, root / "usr/libexec/tessardd" / program.name)
-
+        installed = subprocess.run(["cmake", "--install", str(self.build), "--prefix", "/usr", "--component", "run"], check=False,
+                                   env={**os.environ, "DESTDIR": str(root)}, capture_output=True, text=True)
+        if installed.returncode != 0:
+            raise MachineError(f"the build cannot be installed: {installed.stderr.strip()}")
     # --- files and programs inside --------------------------------------------------------------------------
 
     def outside(self, path):
@@ -248,17 +237,6 @@ class _Network:
     def popen(self, *arguments, **options):
         return subprocess.Popen(["nsenter", "--target", str(self.machine.leader()), "--net", "--",
                                  "env", f"PATH={_PATH}", *map(str, arguments)], **options)
-
-
-def _copy(source, place):
-    place.parent.mkdir(parents=True, exist_ok=True)
-    if source.is_dir():
-        shutil.copytree(source, place, dirs_exist_ok=True)
-        for path in (place, *place.rglob("*")):
-            path.chmod(0o755 if path.is_dir() or os.access(path, os.X_OK) else 0o644)
-    else:
-        shutil.copy(source, place)
-        place.chmod(0o755)
 
 
 def _number_inside(pid):

@@ -2,17 +2,19 @@
 
 import json
 import re
+import subprocess
 
 import pytest
 
 from certificates import PUBLIC_CA_FILE, serve_over_tls
 from jabberd import Jabberd, add_user, logged_in
-from private_machine import CONFIGURATION, HOST_NAME, wait_until
+from private_machine import CONFIGURATION, HOST_NAME, PROJECT, wait_until
 
 JABBERD = "org.jabber.jabberd_notification"
 PUBSUB = "com.velto.Beaconry"
 SASLAUTHD = "tessard-saslauthd"
-UNITS = ["tessardd", JABBERD, PUBSUB, SASLAUTHD]
+UNITS = ["tessardd.service", "tessardd.socket", f"{JABBERD}.service", f"{PUBSUB}.service", f"{SASLAUTHD}.service"]
+SOCKET = "/run/tessardd/tessardd.sock"
 RUN_DIRECTORY = "/run/jabberd_notification"
 # Exit status of tessardctl when the state is not the one asked for.
 NOT_AS_WANTED = 69
@@ -74,7 +76,7 @@ def open_files(machine, pid):
 
 
 def test_systemd_finds_no_fault_in_the_units(machine):
-    checked = machine.run("systemd-analyze", "verify", "--man=no", *(f"{name}.service" for name in UNITS))
+    checked = machine.run("systemd-analyze", "verify", "--man=no", *UNITS)
     assert (checked.stdout, checked.stderr) == ("", "")
 
 
@@ -189,13 +191,54 @@ def test_a_machine_boots_with_what_was_started_and_without_what_was_stopped(serv
     assert service.tool("state").stdout == "state: STOPPED\n"
 
 
+def test_a_request_starts_a_daemon_that_is_stopped(machine):
+    machine.run("systemctl", "stop", "tessardd.service")
+    assert unit(machine, "tessardd")[0] == "inactive"
+    assert machine.run("tessardctl", "health").returncode == 0
+    assert unit(machine, "tessardd")[0] == "active"
+    assert machine.run("stat", "-c", "%U:%G %a", SOCKET).stdout == "root:tessard-admin 660\n"
+
+
+def test_requests_wait_for_the_daemon_that_comes_after_one_that_died(machine):
+    for _ in range(3):
+        machine.run("kill", "-KILL", machine.unit("tessardd")["MainPID"])
+        assert machine.run("tessardctl", "health").returncode == 0
+
+
+def test_without_the_socket_unit_the_daemon_makes_a_socket_of_its_own(machine):
+    machine.run("systemctl", "disable", "--now", "tessardd.socket")
+    machine.run("systemctl", "restart", "tessardd.service")
+    assert machine.run("tessardctl", "health").returncode == 0
+    assert machine.run("stat", "-c", "%U:%G %a", SOCKET).stdout == "root:tessard-admin 660\n"
+    assert machine.run("systemctl", "is-active", "tessardd.socket", check=False).stdout == "inactive\n"
+
+
+def test_a_daemon_that_hangs_is_started_anew(machine):
+    machine.write("/etc/systemd/system/tessardd.service.d/soon.conf", "[Service]\nWatchdogSec=1\n")
+    machine.run("systemctl", "daemon-reload")
+    machine.run("systemctl", "restart", "tessardd.service")
+    before = machine.unit("tessardd")
+    machine.run("kill", "-STOP", before["MainPID"])
+    wait_until(lambda: machine.unit("tessardd")["NRestarts"] != before["NRestarts"]
+               and machine.unit("tessardd")["ActiveState"] == "active", "the next daemon")
+    assert machine.run("tessardctl", "health").returncode == 0
+    assert any("Watchdog timeout" in line for line in machine.journal("--unit=tessardd.service"))
+
+
+@pytest.mark.parametrize("name, most", [("tessardd", 2.5), (JABBERD, 4), (PUBSUB, 4), (SASLAUTHD, 4)])
+def test_the_units_allow_little_more_than_is_needed(name, most):
+    judged = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager",
+                             PROJECT / f"share/systemd/{name}.service"], capture_output=True, text=True, check=True)
+    assert float(re.search(r"exposure level for \S+: ([0-9.]+)", judged.stdout)[1]) <= most
+
+
 def test_jabberd_runs_on_without_the_daemon(service):
     machine = service.machine
     start(service)
     before = components(machine)
-    machine.run("systemctl", "stop", "tessardd.service")
+    machine.run("systemctl", "stop", "tessardd.socket", "tessardd.service")
     assert machine.unit("tessardd")["Result"] == "success"
-    assert not machine.outside("/run/tessardd").exists()
+    assert not machine.outside(SOCKET).exists()
     assert components(machine) == before
     assert_serves(machine)
     machine.run("systemctl", "start", "tessardd.service")
