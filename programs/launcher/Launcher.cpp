@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <ctime>
 #include <utility>
 
@@ -35,6 +36,14 @@ std::string howItEnded(int status) {
   return fill("with exit status %d", {WEXITSTATUS(status)});
 }
 
+// How often a service manager with a watchdog is to be told that the launcher still looks after its
+// components: three times while it waits for one word.
+milliseconds pauseOfWatchdog() {
+  std::uint64_t microseconds = 0;
+  if (::sd_watchdog_enabled(0, &microseconds) <= 0) return std::chrono::hours(1);
+  return std::chrono::ceil<milliseconds>(std::chrono::microseconds(microseconds / 3));
+}
+
 }  // namespace
 
 Launcher::Launcher(LauncherOptions options, Say say) : options_(std::move(options)), say_(std::move(say)) {}
@@ -43,8 +52,9 @@ int Launcher::run() {
   if (const auto status = prepare()) return *status;
   if (const auto status = bringUp()) return *status;
   tellReady();
+  const milliseconds pause = pauseOfWatchdog();
   while (true) {
-    switch (nextEvent(seconds(3600))) {
+    switch (nextEvent(pause)) {
       case Event::stopWanted:
         say_("The instance is asked to stop.");
         return endAll(kLauncherStopped);
@@ -53,6 +63,7 @@ int Launcher::run() {
         status_.become("restarting");
         return endAll(kLauncherLostPart);
       default:
+        ::sd_notify(0, "WATCHDOG=1");
         break;
     }
   }

@@ -188,7 +188,8 @@ class Launcher:
             if self._wanted:
                 self._say.info("The service is asked to stop.")
                 raise _Over(STOPPED)
-            self._listen(None)
+            self._listen(_pause_of_watchdog())
+            _tell_systemd("WATCHDOG=1")
             for name, part in list(self._parts.items()):
                 if part.poll() is not None:
                     del self._parts[name]
@@ -279,6 +280,13 @@ def _tell_systemd(state):
         return
     with contextlib.suppress(OSError), socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_CLOEXEC) as link:
         link.sendto(state.encode(), "\0" + address[1:] if address.startswith("@") else address)
+
+
+def _pause_of_watchdog():
+    """Seconds until a service manager with a watchdog is to be told again that all is looked after: three times while
+    it waits for one word. None without one."""
+    patience = os.environ.get("WATCHDOG_USEC", "")
+    return int(patience) / 3e6 if patience.isascii() and patience.isdigit() else None
 
 
 def main(say, wish, notify_descriptor):

@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
@@ -140,6 +141,22 @@ def test_the_socket_of_its_successor_is_not_removed(daemon):
         other.bind(name)
         daemon.end()
         assert daemon.socket.exists()
+
+
+def test_the_configuration_file_that_is_installed_shows_every_setting_and_so_does_its_manual(root):
+    settings = set(re.findall(r"^  --([a-z0-9-]+) [A-Z]", program("--help").stdout, re.MULTILINE))
+    settings |= set(re.findall(r"^  --([a-z0-9-]+)$", program("--help").stdout, re.MULTILINE))
+    settings -= {"root", "config"}
+    share = pathlib.Path(__file__).parent.parent.parent / "share"
+    lines = [re.sub(r"^#(?=[a-z0-9-]+ = )", "", line) for line in (share / "tessardd.conf").read_text().splitlines()]
+    assert {line.split(" = ")[0] for line in lines if line and not line.startswith("#")} == settings
+    manual = (share / "man/man5/tessardd.conf.5").read_text()
+    assert set(re.findall(r"^\.It Cm (\S+)$", manual, re.MULTILINE)) == settings
+    # Every line is taken when it is no comment: the first fault is the one that is added.
+    configure(root, "\n".join([*lines, "nonsense = 1\n"]))
+    refused = program("--root", root)
+    assert refused.returncode == 78
+    assert f'line {len(lines) + 1}: there is no setting "nonsense"' in refused.stderr
 
 
 def test_the_socket_is_for_root_alone_without_the_group(makeDaemon):

@@ -225,6 +225,24 @@ def test_a_daemon_that_hangs_is_started_anew(machine):
     assert any("Watchdog timeout" in line for line in machine.journal("--unit=tessardd.service"))
 
 
+@pytest.mark.parametrize("name", [JABBERD, PUBSUB])
+def test_a_service_whose_launcher_hangs_is_started_anew(service, name):
+    machine = service.machine
+    service.set("authLevel=ANYMETHOD")  # writes the settings of both
+    machine.write(f"/etc/systemd/system/{name}.service.d/soon.conf", "[Service]\nWatchdogSec=1\n")
+    machine.run("systemctl", "daemon-reload")
+    start(service)
+    before = machine.unit(name)
+    # It is left alone for as long as it speaks: three times its patience.
+    wait_until(lambda: float(machine.run("ps", "-o", "etimes=", "-p", before["MainPID"]).stdout) > 3, "three seconds")
+    assert machine.unit(name) == before
+    machine.run("kill", "-STOP", before["MainPID"])
+    wait_until(lambda: machine.unit(name)["MainPID"] not in ("0", before["MainPID"])
+               and machine.unit(name)["ActiveState"] == "active", "the next run")
+    assert machine.unit(name)["NRestarts"] == "1"
+    assert any("Watchdog timeout" in line for line in machine.journal(f"--unit={name}.service"))
+
+
 @pytest.mark.parametrize("name, most", [("tessardd", 2.5), (JABBERD, 4), (PUBSUB, 4), (SASLAUTHD, 4)])
 def test_the_units_allow_little_more_than_is_needed(name, most):
     judged = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager",
