@@ -48,9 +48,17 @@ Result<std::optional<JournalDirectory::Place>> JournalingFileSystem::unnoted(std
 
 // A temporary or a backup that is not noted itself, of a file that is, was not there before.
 bool JournalingFileSystem::isNoted(const Place& place) const {
-  if (noted_.contains(keyOf(place))) return true;
+  std::string key = keyOf(place);
+  if (noted_.contains(key)) return true;
   const std::string_view file = fileBeside(place.name);
-  return !file.empty() && covering_.contains(keyOf({place.directory, place.path, std::string(file)}));
+  if (file.empty()) return false;
+  key.resize(key.size() - place.name.size() + file.size());
+  const auto its = noted_.find(key);
+  return its != noted_.end() && its->second;
+}
+
+void JournalingFileSystem::setNoted(const Place& place, bool covers) {
+  noted_.emplace(keyOf(place), covers);
 }
 
 Result<void> JournalingFileSystem::remember(std::string_view path) {
@@ -72,8 +80,7 @@ Result<void> JournalingFileSystem::remember(const Place& place) {
   }
   const auto noted = journal_.remember(place);
   if (!noted) return noted.error();
-  noted_.insert(keyOf(place));
-  if (file.empty() && noted.value()) covering_.insert(keyOf(place));
+  setNoted(place, file.empty() && noted.value());
   return {};
 }
 
@@ -84,7 +91,7 @@ Result<void> JournalingFileSystem::rememberBeside(const Place& place) {
     const auto noted = journal_.rememberPresent(beside);
     // A directory is none of ours.
     if (!noted && noted.error().code() != EISDIR) return noted.error();
-    if (noted && noted.value()) noted_.insert(keyOf(beside));
+    if (noted && noted.value()) setNoted(beside, false);
   }
   return {};
 }
@@ -183,8 +190,7 @@ Result<void> JournalingFileSystem::remove(std::string_view path) {
     }
     auto taken = journal_.take(*place.value());
     if (!taken) return taken;
-    noted_.insert(keyOf(*place.value()));
-    if (isFile) covering_.insert(keyOf(*place.value()));
+    setNoted(*place.value(), isFile);
     return {};
   }
   auto removed = behind_.remove(path);

@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -70,6 +71,7 @@ class JournalingFileSystem : public FileSystem, public Changes {
   /// Where a change is to be noted; absent where there is nothing to note, or it is noted already.
   Result<std::optional<Place>> unnoted(std::string_view path);
   bool isNoted(const Place& place) const;
+  void setNoted(const Place& place, bool covers);
   Result<void> remember(std::string_view path);
   Result<void> remember(const Place& place);
   Result<void> rememberBeside(const Place& place);
@@ -90,8 +92,8 @@ class JournalingFileSystem : public FileSystem, public Changes {
   bool undoUnfinished_ = false;
   bool hasKept_ = false;  // whether there is a journal that has ended
   std::map<std::string, JournalDirectory::OpenedDirectory> directories_;  // as callers name them
-  std::unordered_set<std::string> noted_;                                 // without links
-  std::unordered_set<std::string> covering_;   // of these, what tells of names beside them, too
+  // Without links; true for files whose notes tell of the names beside them, too.
+  std::unordered_map<std::string, bool> noted_;
   std::unordered_set<std::string> unflushed_;  // files, as callers name them
   std::set<std::string> unsynced_;             // directories
 };

@@ -82,7 +82,6 @@ bool JournalingFileSystem::keepNow() {
     return false;
   }
   noted_.clear();
-  covering_.clear();
   return true;
 }
 
@@ -108,7 +107,6 @@ void JournalingFileSystem::undoNow() {
   unflushed_.clear();
   unsynced_.clear();
   noted_.clear();
-  covering_.clear();
   if (inRequest_) reportUndone(journal_.undo());
 }
 
