@@ -187,10 +187,18 @@ def main():
           places.places(options.directory, next(size for count, size in MEBIBYTES.items() if count >= largest)) as file_systems):
         os.chmod(scratch, 0o755)
         bench = Bench(options, scratch)
-        bench.run(file_systems)
-        with tempfile.TemporaryDirectory(dir=scratch) as place:
-            bench.run_parts(place)
-    report = bench.report
+        # What was measured is shown also when the rest fails, or is told to end.
+        try:
+            bench.run(file_systems)
+            with tempfile.TemporaryDirectory(dir=scratch) as place:
+                bench.run_parts(place)
+        finally:
+            show(bench.report, options)
+    return 0
+
+
+def show(report, options):
+    """The table, the targets and the file that were asked for."""
     made = [] if options.short else targets(report, PEERS)
     print(report.table())
     if made:
@@ -202,7 +210,6 @@ def main():
              "targets": [{"name": what, "kind": kind, "limit": limit, "value": number,
                           "reached": reached((what, limit, number, kind))} for what, limit, number, kind in made]},
             indent=1) + "\n", encoding="utf-8")
-    return 0
 
 
 sys.exit(main())
