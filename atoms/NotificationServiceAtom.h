@@ -5,6 +5,7 @@
 
 #include "atoms/ChatServiceAtom.h"
 #include "atoms/X509Name.h"
+#include "common/DurableReplace.h"
 #include "common/Keychain.h"
 #include "common/PropertyListFiles.h"
 #include "common/Result.h"
@@ -151,6 +152,8 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   void keepHttps(bool enabled);
   std::optional<std::string> topicOfCertificate(const KeychainCertificate& certificate,
                                                 const char* identityName);
+
+  void writeFailed(const char* path, const SystemError& reason);
 
   std::unique_ptr<std::mutex> settingsDictLock_;
   std::optional<Dictionary> hostCache_;

@@ -1,6 +1,7 @@
 #include <array>
 #include <string_view>
 
+#include "atoms/NotificationPaths.h"
 #include "atoms/NotificationServiceAtom.h"
 #include "common/Format.h"
 #include "common/Keychain.h"
@@ -105,10 +106,13 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::keepHttps(bool enabled) {
   const Value* current = settings->find("enableHTTPS");
   if ((current && current->boolValue()) == enabled) return;
   settings->set("enableHTTPS", enabled);
+  ChangeSet changes(platform().changes);
   if (const auto written = writeConfigFile(*settings); !written) {
+    writeFailed(kNotificationConfigFilePath, written.error());
     logError_source(notSaved(written.error()), "");
   }
   setConfigFileAttributes();
+  changes.end();
 }
 
 std::optional<std::string> NOTIFICATION_PLUGIN_NotificationServiceAtom::getKorpsTopicForService(

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <utility>
 
 #include "atoms/HostObjects.h"
 #include "atoms/NotificationPaths.h"
@@ -36,12 +37,10 @@ std::optional<Array> NOTIFICATION_PLUGIN_NotificationServiceAtom::getConfiguredS
 // The file is the preferences' file too. A new one needs their defaults: a file with client services alone
 // would be taken for complete preferences. One that cannot be read is for a person to mend.
 std::optional<Dictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::bundleConfigurationToChange() {
-  if (!platform().files.exists(kBundleConfigFilePath)) {
-    auto preferences = owner().loadPreferences();
-    if (!preferences) {
-      logError_source("client services cannot be changed before the host name is known", "");
-    }
-    return preferences;
+  // Who is asked for them first makes them.
+  if (!platform().files.exists(kBundleConfigFilePath) && !owner().loadPreferences()) {
+    logError_source("client services cannot be changed before the host name is known", "");
+    return std::nullopt;
   }
   auto stored = lists_.read(kBundleConfigFilePath);
   if (stored) return std::move(stored).value();
@@ -54,10 +53,9 @@ std::optional<Dictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::bundleCon
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::keepServices(Dictionary configuration,
                                                                const Array& services) {
   configuration.set("services", services);
-  const auto written =
-      writePropertyListFile(platform().files, kBundleConfigFilePath, configuration, kBundleConfigOwnership);
+  const auto written = lists_.write(kBundleConfigFilePath, configuration, kBundleConfigOwnership);
   if (written) return;
-  platform().changes.fail();
+  writeFailed(kBundleConfigFilePath, written.error());
   logError_source(fill("client services were not saved: \"%@\" : %@",
                        {kBundleConfigFilePath, written.error().description()}),
                   "");

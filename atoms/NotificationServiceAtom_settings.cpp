@@ -1,7 +1,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
+#include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include "atoms/NotificationPaths.h"
 #include "atoms/NotificationServiceAtom.h"
@@ -26,8 +29,17 @@ constexpr std::array<std::string_view, 18> kWritableKeys = {
 constexpr FileOwnership kUpdatedConfigOwnership = {kNotificationConfigOwnership.owner, 0,
                                                    kNotificationConfigOwnership.permissions};
 
+constexpr std::int64_t kSecondsOfAnEditor = 2;
+
 bool isMissing(const Result<Dictionary>& file) {
   return !file && file.error().code() == ENOENT;
+}
+
+// Whether the file has changed so lately that an editor may still be at it, who empties it first.
+bool isBeingWritten(Platform& platform) {
+  const FileTime now = platform.clock.now();
+  const auto file = platform.files.attributes(kNotificationConfigFilePath);
+  return file && std::abs(now.seconds - file.value().modified.seconds) <= kSecondsOfAnEditor;
 }
 
 }  // namespace
@@ -54,6 +66,11 @@ Dictionary NOTIFICATION_PLUGIN_NotificationServiceAtom::defaultSettings() {
   auto defaults = lists_.read(kNotificationDefaultConfigFilePath);
   if (defaults) return std::move(defaults).value();
   logError_source("tessard_notification: Couldn't find defaults file", "");
+  if (mayPass(defaults.error())) {
+    logWarning_source(
+        fill("Reason: \"%@\" : %@", {kNotificationDefaultConfigFilePath, defaults.error().description()}),
+        "");
+  }
   return {};
 }
 
@@ -71,6 +88,12 @@ std::optional<std::string> NOTIFICATION_PLUGIN_NotificationServiceAtom::servedDo
 
 std::optional<SettingsDictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::dictionaryFromSettingsFile() {
   const auto stored = lists_.read(kNotificationConfigFilePath);
+  if (!stored && !isMissing(stored) && (mayPass(stored.error()) || isBeingWritten(platform()))) {
+    logError_source(fill("the notification settings cannot be read: \"%@\" : %@",
+                         {kNotificationConfigFilePath, stored.error().description()}),
+                    "");
+    return std::nullopt;
+  }
   const Dictionary settings = stored ? stored.value() : Dictionary{};
   SettingsDictionary merged = defaultSettings();
   if (!settings.contains("secret")) {
@@ -89,8 +112,7 @@ std::optional<SettingsDictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::d
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::keepSettings(const Result<Dictionary>& stored,
                                                                const SettingsDictionary& merged) {
   if (stored || isMissing(stored)) {
-    const auto written = writePropertyListFile(platform().files, kNotificationConfigFilePath, merged,
-                                               kNotificationConfigOwnership);
+    const auto written = lists_.write(kNotificationConfigFilePath, merged, kNotificationConfigOwnership);
     if (!written) logWarning_source(notSaved(written.error()), "");
     return;
   }
@@ -135,11 +157,10 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::writeServiceConfiguration_erro
 }
 
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::saveSettings(const SettingsDictionary& settings) {
-  const auto written = writePropertyListFile(platform().files, kNotificationConfigFilePath, settings,
-                                             kNotificationConfigOwnership);
+  const auto written = lists_.write(kNotificationConfigFilePath, settings, kNotificationConfigOwnership);
   if (written) return;
   logError_source(notSaved(written.error()), "");
-  platform().changes.fail();
+  writeFailed(kNotificationConfigFilePath, written.error());
 }
 
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::updateHostFrom(const SettingsDictionary& settings) {
@@ -182,8 +203,8 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::updateConfigFile(const std::op
     written = writeConfigFile(settings.value());
   }
   if (!written) {
-    platform().changes.fail();
-    logWarning_source(notSaved(written.error()), "");
+    writeFailed(kNotificationConfigFilePath, written.error());
+    logError_source(notSaved(written.error()), "");
     logConfigCreationError("Beaconry config modification error");
     return false;
   }
@@ -193,8 +214,12 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::updateConfigFile(const std::op
 }
 
 Result<void> NOTIFICATION_PLUGIN_NotificationServiceAtom::writeConfigFile(const Dictionary& settings) {
-  return writePropertyListFile(platform().files, kNotificationConfigFilePath, settings,
-                               kUpdatedConfigOwnership);
+  return lists_.write(kNotificationConfigFilePath, settings, kUpdatedConfigOwnership);
+}
+
+void NOTIFICATION_PLUGIN_NotificationServiceAtom::writeFailed(const char* path, const SystemError& reason) {
+  platform().changes.fail();
+  if (isChangedMeanwhile(reason)) platform().changes.leave(path);
 }
 
 // A file that was written has its attributes already, unless they could not be set.

@@ -26,6 +26,9 @@ class Changes {
   /// tells; what objects hold in memory must then be read anew.
   virtual bool end() = 0;
 
+  /// Whether changes are being made that belong together, that is from `begin` to `end`.
+  virtual bool underWay() const = 0;
+
   /// Somebody else has changed this file meanwhile: it is left as it is when the rest is put back.
   virtual void leave(std::string_view path) = 0;
 };

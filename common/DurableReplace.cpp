@@ -1,6 +1,7 @@
 #include "common/DurableReplace.h"
 
 #include <cerrno>
+#include <functional>
 #include <map>
 #include <utility>
 
@@ -22,6 +23,21 @@ void removeQuietly(FileSystem& files, std::string_view path) {
   static_cast<void>(files.remove(path).ok());
 }
 
+// Fails unless the file of that name, a displaced one, is the version. The time of its last change is not
+// looked at: a new name and a link change that, too.
+Result<void> expectVersion(FileSystem& files, std::string_view path, const FileVersion& version) {
+  const auto is = files.attributes(path);
+  if (!is) return is.error();
+  const bool sameFile =
+      version.isAnyOfContent || (is.value().device == version.device && is.value().inode == version.inode &&
+                                 is.value().modified == version.modified);
+  if (!sameFile || is.value().size != version.size) return changedMeanwhile();
+  const auto content = files.readFile(path, version.size);
+  if (!content) return content.error();
+  const bool same = std::hash<std::string_view>()(content.value()) == version.digest;
+  return same ? Result<void>() : Result<void>(changedMeanwhile());
+}
+
 Result<void> putUnderFreeName(FileSystem& files, const std::string& temporary, std::string_view path) {
   auto done = files.rename(temporary, path);
   if (!done) {
@@ -34,6 +50,26 @@ Result<void> putUnderFreeName(FileSystem& files, const std::string& temporary, s
 }
 
 }  // namespace
+
+FileVersion versionOf(const FileAttributes& before, std::string_view content) {
+  const std::size_t digest = std::hash<std::string_view>()(content);
+  return {before.device, before.inode, before.size, before.modified, before.changed, digest, false};
+}
+
+FileVersion versionOf(std::string_view content) {
+  FileVersion version = versionOf({}, content);
+  version.size = content.size();
+  version.isAnyOfContent = true;
+  return version;
+}
+
+SystemError changedMeanwhile() {
+  return {ESTALE, "somebody else has changed it meanwhile, and that version is kept"};
+}
+
+bool isChangedMeanwhile(const SystemError& error) {
+  return error.code() == ESTALE;
+}
 
 std::string temporaryPathFor(std::string_view path) {
   return fill("%@.tmp", {path});
@@ -48,15 +84,16 @@ ReplacementBatch::~ReplacementBatch() {
 }
 
 Result<void> ReplacementBatch::stage(std::string_view path, std::string_view content,
-                                     const FileOwnership& ownership) {
-  if (const auto present = files_.attributes(path);
+                                     const FileOwnership& ownership, const std::optional<FileVersion>& read) {
+  // The version that was read is a file. Without one this is the only look at what is there.
+  if (const auto present = read ? SystemError(0) : files_.attributes(path);
       present && present.value().kind == FileAttributes::Kind::directory) {
     return SystemError(EISDIR);
   }
   std::string temporary = temporaryPathFor(path);
   if (auto made = files_.createFile(temporary, content, ownership, Flush::later); !made) return made;
   staged_.push_back(
-      {std::string(path), std::move(temporary), {ReplaceOutcome::notExchanged, SystemError(0)}});
+      {std::string(path), std::move(temporary), read, {ReplaceOutcome::notExchanged, SystemError(0)}});
   return {};
 }
 
@@ -66,11 +103,7 @@ std::vector<Replacement> ReplacementBatch::replace() {
   temporaries.reserve(staged_.size());
   for (const Staged& file : staged_) temporaries.push_back(file.temporary);
   if (const auto flushed = files_.flush(temporaries); !flushed) return giveUp(flushed.error());
-  for (Staged& file : staged_) {
-    const auto exchanged = files_.exchange(file.temporary, file.path);
-    file.result = exchanged ? Replacement{ReplaceOutcome::replaced, SystemError(0)}
-                            : Replacement{ReplaceOutcome::notExchanged, exchanged.error()};
-  }
+  for (Staged& file : staged_) exchange(file);
   flushDirectories();
   std::vector<Replacement> results;
   results.reserve(staged_.size());
@@ -80,6 +113,19 @@ std::vector<Replacement> ReplacementBatch::replace() {
   }
   staged_.clear();
   return results;
+}
+
+void ReplacementBatch::exchange(Staged& file) {
+  const auto exchanged = files_.exchange(file.temporary, file.path);
+  file.result = exchanged ? Replacement{ReplaceOutcome::replaced, SystemError(0)}
+                          : Replacement{ReplaceOutcome::notExchanged, exchanged.error()};
+  if (!exchanged || !file.read) return;
+  const auto expected = expectVersion(files_, file.temporary, *file.read);
+  if (expected) return;
+  exchangeBack(file, expected.error());
+  if (!isChangedMeanwhile(expected.error()) || file.result.outcome != ReplaceOutcome::notExchanged) return;
+  file.result.outcome = ReplaceOutcome::changedMeanwhile;
+  removeQuietly(files_, file.temporary);
 }
 
 std::vector<Replacement> ReplacementBatch::giveUp(const SystemError& reason) {
@@ -125,14 +171,17 @@ Replacement replaceKeepingBackup(FileSystem& files, std::string_view path, std::
 }
 
 Result<void> writeAtomically(FileSystem& files, std::string_view path, std::string_view content,
-                             const FileOwnership& ownership) {
+                             const FileOwnership& ownership, const std::optional<FileVersion>& read) {
   const std::string temporary = temporaryPathFor(path);
   const std::string directory = directoryOf(path);
   if (auto made = files.createFile(temporary, content, ownership, Flush::now); !made) return made;
   auto put = files.exchange(temporary, path);
-  if (!put && put.error().code() == ENOENT) return putUnderFreeName(files, temporary, path);
-  if (put) {
-    put = files.syncDirectory(directory);
+  if (!put && put.error().code() == ENOENT) {
+    if (!read || read->inode == 0) return putUnderFreeName(files, temporary, path);
+    put = changedMeanwhile();
+  } else if (put) {
+    if (read) put = expectVersion(files, temporary, *read);
+    if (put) put = files.syncDirectory(directory);
     // A displaced directory cannot be removed like a file, and so comes back.
     if (put) put = files.remove(temporary);
     if (put) return put;

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -9,12 +11,35 @@
 
 namespace tessard {
 
+/// Which version of a file was read: told by the file itself and by its content, as a change may leave times
+/// as they are. One without a file (inode 0) stands for no file.
+struct FileVersion {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::uint64_t size = 0;
+  FileTime modified;
+  FileTime changed;  ///< tells nothing of a file that was renamed or linked since
+  std::size_t digest = 0;
+  bool isAnyOfContent = false;  ///< whatever file has that size and digest
+};
+
+/// The version with these attributes, looked at before it was read, and this content.
+FileVersion versionOf(const FileAttributes& before, std::string_view content);
+
+/// Any file with this content, for who has just written it: an edit may have come before any look at it.
+FileVersion versionOf(std::string_view content);
+
+/// What a write fails with (code ESTALE) that finds another version than the one that was read, or none.
+SystemError changedMeanwhile();
+bool isChangedMeanwhile(const SystemError& error);
+
 /// How far a replacement came.
 enum class ReplaceOutcome {
   replaced,             ///< the new content is on disk under the real name
   temporaryNotWritten,  ///< the file is as it was and no temporary file is left
   notExchanged,         ///< the file is as it was; the new content waits in the temporary file
   notExchangedBack,     ///< the new content has the real name, the previous version the temporary one
+  changedMeanwhile,     ///< the file is as somebody else has made it since it was read; no temporary is left
 };
 
 struct Replacement {
@@ -45,7 +70,10 @@ class ReplacementBatch {
 
   /// Writes the new content of a file under its temporary name. A failure is a `temporaryNotWritten`: the
   /// file has no part in the batch, the others do. A directory is not replaced (EISDIR).
-  Result<void> stage(std::string_view path, std::string_view content, const FileOwnership& ownership);
+  /// `read`: the version that the new content comes from; any other is `changedMeanwhile`, and one that
+  /// cannot be told is `notExchanged`. Without it every version is replaced.
+  Result<void> stage(std::string_view path, std::string_view content, const FileOwnership& ownership,
+                     const std::optional<FileVersion>& read = std::nullopt);
 
   /// Replaces the staged files; one outcome for each, in the order in which they were staged. When they
   /// cannot be flushed, all are `temporaryNotWritten`. A file that is missing under its real name is
@@ -56,10 +84,12 @@ class ReplacementBatch {
   struct Staged {
     std::string path;
     std::string temporary;
+    std::optional<FileVersion> read;
     Replacement result;
   };
 
   std::vector<Replacement> giveUp(const SystemError& reason);
+  void exchange(Staged& file);
   void flushDirectories();
   void keepDisplaced(Staged& file);
   void exchangeBack(Staged& file, const SystemError& reason);
@@ -75,8 +105,10 @@ Replacement replaceKeepingBackup(FileSystem& files, std::string_view path, std::
 /// Puts a file with the content under the name, in place of any older one, in one step and without a backup.
 /// When the call fails, the older file stays whole under its name (or there is none, as before) and no
 /// temporary file is left; only when the disk also refuses to undo the exchange has the new content the name
-/// and the older file the temporary one. A directory of that name is not replaced.
+/// and the older file the temporary one. A directory of that name is not replaced. `read`: as for a batch;
+/// the call fails with `changedMeanwhile`, also when the file that was read is gone.
 Result<void> writeAtomically(FileSystem& files, std::string_view path, std::string_view content,
-                             const FileOwnership& ownership);
+                             const FileOwnership& ownership,
+                             const std::optional<FileVersion>& read = std::nullopt);
 
 }  // namespace tessard

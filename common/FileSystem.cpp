@@ -1,6 +1,22 @@
 #include "common/FileSystem.h"
 
+#include <cerrno>
+
 namespace tessard {
+
+bool mayPass(const SystemError& error) {
+  switch (error.code()) {
+    case 0:
+    case EFBIG:
+    case EINVAL:
+    case ELOOP:
+    case ENOENT:
+    case ENOTDIR:
+      return false;
+    default:
+      return true;
+  }
+}
 
 std::string directoryOf(std::string_view path) {
   const std::size_t slash = path.rfind('/');

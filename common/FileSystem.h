@@ -106,6 +106,10 @@ class FileSystem {
   virtual Result<void> syncDirectory(std::string_view path) = 0;
 };
 
+/// Whether reading a file failed for what happens to be, such as too many open files, and not for what the
+/// file itself is or holds: what was read as nothing must then not be written back.
+bool mayPass(const SystemError& error);
+
 /// "/a/b" of "/a/b/c"; "/" of "/a"; "" of a path without a slash.
 std::string directoryOf(std::string_view path);
 

@@ -76,7 +76,8 @@ void NOTIFICATION_PLUGIN_ComponentConfiguration::initWithName_andPath(
 
 void NOTIFICATION_PLUGIN_ComponentConfiguration::setConfigXMLDocument(std::optional<XmlDocument> document) {
   configXMLDocument_ = std::move(document);
-  savedFile_.reset();
+  treeIsAsSaved_ = false;
+  readVersion_.reset();
 }
 
 Result<XmlDocument> NOTIFICATION_PLUGIN_ComponentConfiguration::parsed(std::string bytes) const {

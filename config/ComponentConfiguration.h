@@ -84,6 +84,9 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   bool configDirty() const { return configDirty_; }
   void setConfigDirty(bool dirty) { configDirty_ = dirty; }
 
+  /// Whether there is no document because the last load failed for a reason that may pass.
+  bool couldNotBeRead() const { return couldNotBeRead_; }
+
   /// Reads the file when no document is held or when the file is newer than the last load (unsaved changes
   /// are then discarded). Always true; a file that cannot be read or parsed leaves no document and two error
   /// lines. A file that only this object's own last save has changed is not parsed again.
@@ -94,7 +97,9 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   /// marked as changed: without a document, when the tree cannot be written as XML, when the temporary file
   /// cannot be written (error line), and when the files cannot change names or there is none to be replaced
   /// (the new content then waits in the temporary file). The file is then as it was; only when the disk also
-  /// refuses to change the names back is it the previous version that waits there (error line).
+  /// refuses to change the names back is it the previous version that waits there (error line). False with an
+  /// error line, too, when the file is not the version that was read: somebody's edit is kept and no
+  /// temporary.
   bool saveDocument();
 
   /// The two halves of saving changed documents together. The first puts the new content into the batch; when
@@ -178,13 +183,14 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
  private:
   std::optional<std::vector<MatchEntry>> matchingChildren(
       std::string_view path, const XmlNode& base, const std::optional<AttributeFilter>& attributes) const;
-  std::optional<FileAttributes> lookAtFile() const;
-  void readDocument(FileTime moment);
+  Result<FileAttributes> lookAtFile() const;
+  void giveUpChanges();
+  void readDocument(const std::optional<FileAttributes>& file, FileTime now);
   void addMissingNode(const std::optional<std::string>& value, std::string_view path, int nodeState);
   void switchOn(const XmlNode& comment, const std::optional<std::string>& value);
   bool refuseUnlessXmlText(const std::optional<std::string>& value, std::string_view path) const;
   bool isChanged(const std::optional<FileAttributes>& file) const;
-  bool fileIsAsSaved(const std::optional<FileAttributes>& file) const;
+  bool isAsSaved(const FileVersion& version) const;
   Result<XmlDocument> parsed(std::string bytes) const;
 
   Platform& platform_;
@@ -194,7 +200,10 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   std::optional<FileTime> loadTime_;
   bool configDirty_ = false;
   KnownDocuments* known_ = nullptr;
-  std::optional<FileAttributes> savedFile_;  // the file that the clean tree was written to
+  std::optional<FileVersion> readVersion_;  // what the tree was read from, or last written to
+  bool couldNotBeRead_ = false;
+  bool treeIsAsSaved_ = false;  // the tree was written to the file and has not changed since
+  FileVersion stagedVersion_;   // the content on its way
 };
 
 /// One class for each kind of component; they add nothing.

@@ -111,7 +111,7 @@ XmlNode NOTIFICATION_PLUGIN_ComponentConfiguration::newNodeWithName_stringValue_
 
 void NOTIFICATION_PLUGIN_ComponentConfiguration::replaceNode_withNode(const XmlNode& oldNode,
                                                                       const XmlNode& newNode) {
-  savedFile_.reset();
+  treeIsAsSaved_ = false;
   const XmlNode parent = oldNode.parent();
   oldNode.detach();
   if (newNode) parent.append(newNode);

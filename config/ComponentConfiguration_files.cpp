@@ -1,6 +1,7 @@
+#include <cerrno>
+
 #include "common/DurableReplace.h"
 #include "common/Format.h"
-#include "common/SameFile.h"
 #include "config/ComponentConfiguration.h"
 #include "config/FileMoments.h"
 #include "config/ServiceAccount.h"
@@ -25,43 +26,64 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::loadDocument() {
   // Taken before the file is looked at, so that whatever is written from here on counts as a later change.
   const FileTime now = platform_.clock.now();
   // One look for all that is asked of the file: there may be a thousand of them.
-  const auto file = lookAtFile();
-  if (!file && !documentFileExists()) return true;
-  if (isChanged(file)) {
-    if (fileIsAsSaved(file)) {
-      loadTime_ = momentOfLook(file, now);
-      logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
-      return true;
-    }
-    setConfigXMLDocument(std::nullopt);
+  const auto look = lookAtFile();
+  const auto file = look ? std::optional(look.value()) : std::nullopt;
+  if (!file && !documentFileExists()) {
+    couldNotBeRead_ = !configXMLDocument_ && mayPass(look.error());
+    return true;
   }
-  if (!configXMLDocument_) readDocument(momentOfLook(file, now));
+  if (!isChanged(file)) return true;
+  if (configXMLDocument_ && configDirty_) giveUpChanges();
+  readDocument(file, now);
   return true;
 }
 
-std::optional<FileAttributes> NOTIFICATION_PLUGIN_ComponentConfiguration::lookAtFile() const {
-  if (!configPath_) return std::nullopt;
-  const auto file = platform_.files.attributes(*configPath_);
-  return file ? std::optional(file.value()) : std::nullopt;
+// Somebody edits the file while it is being changed: the edit is read, as it must be, and who made the
+// changes must not believe that they were saved.
+void NOTIFICATION_PLUGIN_ComponentConfiguration::giveUpChanges() {
+  logError_source(fill("changes of \"%@\" that were not saved are given up: %@",
+                       {configPath_, changedMeanwhile().description()}),
+                  "");
+  platform_.changes.fail();
+  platform_.changes.leave(*configPath_);
 }
 
-void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(FileTime moment) {
-  loadTime_ = moment;
+Result<FileAttributes> NOTIFICATION_PLUGIN_ComponentConfiguration::lookAtFile() const {
+  return configPath_ ? platform_.files.attributes(*configPath_) : SystemError(ENOENT);
+}
+
+void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(const std::optional<FileAttributes>& file,
+                                                              FileTime now) {
+  loadTime_ = momentOfLook(file, now);
   auto bytes = platform_.files.readFile(*configPath_, kMaximumFileSize);
-  auto document = bytes ? parsed(std::move(bytes).value()) : Result<XmlDocument>(SystemError(bytes.error()));
-  configDirty_ = false;
-  if (document) {
-    setConfigXMLDocument(std::move(document).value());
+  const auto version = file && bytes ? std::optional(versionOf(*file, bytes.value())) : std::nullopt;
+  if (version && isAsSaved(*version)) {
+    readVersion_ = version;
     logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
     return;
   }
+  auto document = bytes ? parsed(std::move(bytes).value()) : Result<XmlDocument>(SystemError(bytes.error()));
   setConfigXMLDocument(std::nullopt);
+  configDirty_ = false;
+  couldNotBeRead_ = !document && mayPass(document.error());
+  if (document) {
+    setConfigXMLDocument(std::move(document).value());
+    readVersion_ = version;
+    logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
+    return;
+  }
   logError_source(fill("Failed to load component configuration %@.xml (error %ld)",
                        {configName_, document.error().code()}),
                   "");
   logError_source(fill("Load failure configuration file: %@", {configPath_}), "");
   // The code alone does not tell a person where to look.
   logWarning_source(fill("Reason of the load failure: %@", {document.error().description()}), "");
+}
+
+// What was written here is read once more, as somebody may have edited it at once, but not parsed.
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::isAsSaved(const FileVersion& version) const {
+  return configXMLDocument_ && treeIsAsSaved_ && !configDirty_ && readVersion_ &&
+         readVersion_->digest == version.digest && !hasGrown(*configXMLDocument_);
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentFileExists() const {
@@ -75,7 +97,8 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentFileExists() const {
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentChangedSinceLastLoad() const {
-  return isChanged(configXMLDocument_ ? lookAtFile() : std::nullopt);
+  const auto file = configXMLDocument_ ? lookAtFile() : SystemError(ENOENT);
+  return isChanged(file ? std::optional(file.value()) : std::nullopt);
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::isChanged(const std::optional<FileAttributes>& file) const {
@@ -84,12 +107,6 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::isChanged(const std::optional<F
   logInfo_source(
       fill("External configuration change detected, re-loading: %@", {lastPathComponent(*configPath_)}), "");
   return true;
-}
-
-bool NOTIFICATION_PLUGIN_ComponentConfiguration::fileIsAsSaved(
-    const std::optional<FileAttributes>& file) const {
-  if (!configXMLDocument_ || !savedFile_ || configDirty_ || hasGrown(*configXMLDocument_)) return false;
-  return file && isSameFile(*file, *savedFile_);
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::saveDocument() {
@@ -102,8 +119,11 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::stageDocument(ReplacementBatch&
   if (!configXMLDocument_ || !configPath_) return false;
   const auto bytes = configXMLDocument_->serialize();
   if (!bytes) return false;
-  const auto staged = batch.stage(*configPath_, bytes.value(), kConfigurationFileOwnership);
-  return staged || documentReplaced({ReplaceOutcome::temporaryNotWritten, staged.error()});
+  const auto staged = batch.stage(*configPath_, bytes.value(), kConfigurationFileOwnership, readVersion_);
+  stagedVersion_ = versionOf(bytes.value());
+  if (staged) return true;
+  logWarning_source(fill("Reason of the save failure: %@", {staged.error().description()}), "");
+  return documentReplaced({ReplaceOutcome::temporaryNotWritten, staged.error()});
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentReplaced(const Replacement& saved) {
@@ -115,9 +135,13 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentReplaced(const Replacem
                          {temporaryPathFor(*configPath_)}),
                     "");
   }
+  if (saved.outcome == ReplaceOutcome::changedMeanwhile) {
+    logError_source(fill("\"%@\" is not saved: %@", {configPath_, saved.error.description()}), "");
+    platform_.changes.leave(*configPath_);
+  }
   if (saved.outcome != ReplaceOutcome::replaced) return false;
-  const auto file = platform_.files.attributes(*configPath_);
-  savedFile_ = file ? std::optional(file.value()) : std::nullopt;
+  readVersion_ = stagedVersion_;
+  treeIsAsSaved_ = true;
   configDirty_ = false;
   logDebug_source(fill("%@ configuration saved: %@.", {configName_, configPath_}), "");
   return true;

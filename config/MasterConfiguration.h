@@ -101,9 +101,10 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   /// that no class is known for.
   Component* cacheNewComponentForName_andPath(std::string_view name, std::string_view path);
 
-  /// Reads the master file when it has not been read, or when it is newer than the last save; `reread` tells
-  /// whether it was. False with a log line when it is missing or cannot be read; what was loaded before is
-  /// then still there.
+  /// Reads the master file when it has not been read, or when it is newer than the last save; `reread`
+  /// tells whether it was. While changes are made together (see `Changes`), that is so only for a file that
+  /// has changed meanwhile, and they then fail, with an error line. False with a log line when it is missing
+  /// or cannot be read; what was loaded before is then still there.
   bool loadMasterConfiguration(bool& reread);
   /// Reads the master file as above and makes the components when it was read anew; otherwise lets each
   /// component look whether its file has changed. False when the master file cannot be read.
@@ -121,8 +122,8 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   /// version that waits there (error line).
   bool saveMasterConfiguration();
   /// Saves every changed component, with an error line for each that fails, and the changed master file,
-  /// whose result it gives; all in one batch, flushed together. When one fails, the changes of the request
-  /// have failed (see `Changes`).
+  /// whose result it gives; all in one batch, flushed together. When one fails, or could not be read for a
+  /// reason that may pass, the changes of the request have failed (see `Changes`).
   bool saveAllConfigurations();
   /// Append what the file is made of: the comment lines with an empty line, and the component lines.
   void copyCachedConfigurationCommentsToString(std::string& text) const;
@@ -184,7 +185,11 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   bool removeAllSecondarySMConfigurations();
 
  private:
-  bool masterFileChanged() const;
+  std::optional<std::string> readText(std::string_view path) const;
+  bool isLater(const FileAttributes& file) const;
+  bool isOwnWrite() const;
+  bool isAsKnown(const FileAttributes& file, const FileVersion& version) const;
+  void giveUpChanges();
   std::vector<Component*> changedComponents() const;
   bool stageMaster(ReplacementBatch& batch);
   bool masterReplaced(const Replacement& saved);
@@ -199,6 +204,8 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   ComponentLists loadedComponents_;
   std::optional<FileTime> loadTime_;
   bool configDirty_ = false;
+  std::optional<FileVersion> readVersion_;  // what was read, or last written
+  FileVersion stagedVersion_;               // the content on its way
 };
 
 }  // namespace tessard

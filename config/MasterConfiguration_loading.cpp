@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
+#include "common/DurableReplace.h"
 #include "common/Format.h"
 #include "common/Utf8.h"
 #include "config/MasterConfiguration.h"
@@ -10,13 +12,16 @@ namespace tessard {
 
 std::optional<std::vector<std::string>> NOTIFICATION_PLUGIN_MasterConfiguration::loadConfigLinesAtPath(
     std::string_view path) const {
-  const auto text = platform_.files.readFile(path, kMaximumFileSize);
+  const auto text = readText(path);
+  return text ? std::optional(linesOf(*text)) : std::nullopt;
+}
+
+std::optional<std::string> NOTIFICATION_PLUGIN_MasterConfiguration::readText(std::string_view path) const {
+  auto text = platform_.files.readFile(path, kMaximumFileSize);
   const int error = !text ? text.error().code() : isUtf8(text.value()) ? 0 : EILSEQ;
-  if (error != 0) {
-    logError_source(fill("Failed to load %@ (error = %ld)", {kMasterFileName, error}), "");
-    return std::nullopt;
-  }
-  return linesOf(text.value());
+  if (error == 0) return std::move(text).value();
+  logError_source(fill("Failed to load %@ (error = %ld)", {kMasterFileName, error}), "");
+  return std::nullopt;
 }
 
 int NOTIFICATION_PLUGIN_MasterConfiguration::getConfigurationLineType(std::string_view line) const {
@@ -41,29 +46,59 @@ NOTIFICATION_PLUGIN_MasterConfiguration::parseComponentNameAndPathFromLine(std::
   return ComponentNameAndPath{std::string(words[0]), std::string(path)};
 }
 
-bool NOTIFICATION_PLUGIN_MasterConfiguration::masterFileChanged() const {
-  if (!loadTime_) return false;
-  const auto file = platform_.files.attributes(configPath_);
-  if (!file || file.value().modified <= *loadTime_) return false;
-  logDebug_source(fill("Detected master configuration changed, re-loading %@", {kMasterFileName}), "");
-  return true;
+bool NOTIFICATION_PLUGIN_MasterConfiguration::isLater(const FileAttributes& file) const {
+  return loadTime_ && file.modified > *loadTime_;
+}
+
+bool NOTIFICATION_PLUGIN_MasterConfiguration::isOwnWrite() const {
+  return readVersion_ && readVersion_->isAnyOfContent;
+}
+
+// Whether there is nothing new in the file. One that was written here is told by its content, as somebody may
+// have edited it at once. One that was read since it was last saved is read again by each request, but not in
+// the midst of changes, which would then be lost.
+bool NOTIFICATION_PLUGIN_MasterConfiguration::isAsKnown(const FileAttributes& file,
+                                                        const FileVersion& version) const {
+  if (!loadedConfigPaths_ || !readVersion_ || readVersion_->digest != version.digest) return false;
+  if (isOwnWrite()) return !isLater(file);
+  return platform_.changes.underWay() && readVersion_->inode == version.inode &&
+         readVersion_->changed == version.changed;
 }
 
 bool NOTIFICATION_PLUGIN_MasterConfiguration::loadMasterConfiguration(bool& reread) {
   reread = false;
-  if (!platform_.files.exists(configPath_)) {
+  const auto file = platform_.files.attributes(configPath_);
+  if (!file && !mayPass(file.error())) {
     logWarning_source(fill("configuration file not found: \"%@\"", {configPath_}), "");
     return false;
   }
-  if (loadedConfigPaths_ && !masterFileChanged()) return true;
+  if (loadedConfigPaths_ && !(file && (isOwnWrite() || isLater(file.value())))) return true;
   // What was loaded is given up only when the lines that replace it are there.
-  const auto lines = loadConfigLinesAtPath(configPath_);
-  if (!lines) return false;
+  const auto text = readText(configPath_);
+  if (!text) return false;
+  const auto version = file ? std::optional(versionOf(file.value(), *text)) : std::nullopt;
+  const bool isKnown = version && isAsKnown(file.value(), *version);
+  readVersion_ = version;
+  if (isKnown) return true;
+  if (loadedConfigPaths_) {
+    logDebug_source(fill("Detected master configuration changed, re-loading %@", {kMasterFileName}), "");
+    if (platform_.changes.underWay()) giveUpChanges();
+  }
   loadedConfigPaths_.emplace();
   loadedComments_.clear();
   reread = true;
-  for (const std::string& line : *lines) takeConfigLine(line);
+  for (const std::string& line : linesOf(*text)) takeConfigLine(line);
   return true;
+}
+
+// The components are made anew and lose what was changed in them: whoever made these changes must not believe
+// that they are saved.
+void NOTIFICATION_PLUGIN_MasterConfiguration::giveUpChanges() {
+  logError_source(fill("changes that were not saved are given up: \"%@\" : %@",
+                       {configPath_, changedMeanwhile().description()}),
+                  "");
+  platform_.changes.fail();
+  platform_.changes.leave(configPath_);
 }
 
 void NOTIFICATION_PLUGIN_MasterConfiguration::takeConfigLine(const std::string& line) {

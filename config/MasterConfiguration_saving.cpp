@@ -35,7 +35,8 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::stageMaster(ReplacementBatch& batc
   std::string text;
   copyCachedConfigurationCommentsToString(text);
   copyCachedConfigurationPathsToString(text);
-  const auto staged = batch.stage(configPath_, text, kConfigurationFileOwnership);
+  const auto staged = batch.stage(configPath_, text, kConfigurationFileOwnership, readVersion_);
+  stagedVersion_ = versionOf(text);
   return staged || masterReplaced({ReplaceOutcome::temporaryNotWritten, staged.error()});
 }
 
@@ -50,12 +51,17 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::masterReplaced(const Replacement& 
                          {temporaryPathFor(configPath_)}),
                     "");
   }
+  if (saved.outcome == ReplaceOutcome::changedMeanwhile) {
+    logError_source(fill("\"%@\" is not saved: %@", {configPath_, saved.error.description()}), "");
+    platform_.changes.leave(configPath_);
+  }
   if (saved.outcome != ReplaceOutcome::replaced) return false;
   // A backup that keeps its old owner is still a backup: a failure is ignored.
   static_cast<void>(
       platform_.files.setOwnership(backupPathFor(configPath_), kConfigurationFileOwnership).ok());
   configDirty_ = false;
   loadTime_ = momentOfLook(platform_.files, configPath_, platform_.clock.now());
+  readVersion_ = stagedVersion_;
   logDebug_source(fill("%@ saved.", {kMasterFileName}), "");
   return true;
 }
@@ -81,6 +87,12 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::saveAllConfigurations() {
     platform_.changes.fail();
     logError_source(fill("error saving configuration file: \"%@\"", {component.configPath()}), "");
   };
+  // What was to be changed in these is not known any more.
+  for (const auto& [name, components] : loadedComponents_) {
+    for (const auto& component : components) {
+      if (component->couldNotBeRead()) notSaved(*component);
+    }
+  }
   for (Component* component : changedComponents()) {
     if (component->stageDocument(batch)) {
       staged.push_back(component);
@@ -92,12 +104,20 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::saveAllConfigurations() {
   const bool masterStaged = saveMaster && stageMaster(batch);
   const auto replacements = batch.replace();
   auto replaced = replacements.begin();
+  const auto tellReason = [this](const SystemError& reason) {
+    logWarning_source(fill("Reason of the save failure: %@", {reason.description()}), "");
+  };
   for (Component* component : staged) {
-    if (!component->documentReplaced(*replaced++)) notSaved(*component);
+    const Replacement& saved = *replaced++;
+    if (component->documentReplaced(saved)) continue;
+    notSaved(*component);
+    tellReason(saved.error);
   }
   const bool masterSaved = masterStaged ? masterReplaced(*replaced) : !saveMaster;
-  if (!masterSaved) platform_.changes.fail();
-  return masterSaved;
+  if (masterSaved) return true;
+  platform_.changes.fail();
+  if (masterStaged) tellReason(replaced->error);
+  return false;
 }
 
 }  // namespace tessard

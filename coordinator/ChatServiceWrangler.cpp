@@ -115,6 +115,7 @@ bool NOTIFICATION_PLUGIN_ChatServiceWrangler::writeAllConfigurations_error(const
     return false;
   }
   ChangeSet changes(platform_.changes, [this] { masterConfig_->revertMasterConfiguration(); });
+  const PropertyListFiles::FirstLooks looks(lists_);
   if (filtered) setHostDomainsFrom(*filtered);
   for (const auto& atom : serviceAtoms_) {
     // The set is left without its end, and so is put back.

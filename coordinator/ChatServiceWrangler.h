@@ -8,6 +8,7 @@
 
 #include "atoms/ChatServiceAtom.h"
 #include "atoms/ServiceOwner.h"
+#include "common/DurableReplace.h"
 #include "common/Log.h"
 #include "common/NetworkChangeContext.h"
 #include "common/Platform.h"

@@ -1,3 +1,5 @@
+#include <utility>
+
 #include "atoms/NotificationPaths.h"
 #include "common/Format.h"
 #include "common/PropertyList.h"
@@ -52,6 +54,12 @@ const Dictionary* NOTIFICATION_PLUGIN_ChatServiceWrangler::lookAtPreferences(
     std::optional<Dictionary>& seeded) {
   const auto stored = lists_.look(kBundleConfigFilePath);
   if (stored) return stored.value();
+  if (mayPass(stored.error())) {
+    logError_source(fill("the preferences cannot be read: \"%@\" : %@",
+                         {kBundleConfigFilePath, stored.error().description()}),
+                    "");
+    return nullptr;
+  }
   if (preferencesExist()) return nullptr;
   seeded = defaultPreferences();
   if (seeded) savePreferences(*seeded);
@@ -60,13 +68,13 @@ const Dictionary* NOTIFICATION_PLUGIN_ChatServiceWrangler::lookAtPreferences(
 
 bool NOTIFICATION_PLUGIN_ChatServiceWrangler::savePreferences(const Dictionary& preferences) {
   // Success is reported whatever becomes of the write; the log tells of a failed one.
-  const auto written =
-      writePropertyListFile(platform_.files, kBundleConfigFilePath, preferences, kBundleConfigOwnership);
+  const auto written = lists_.write(kBundleConfigFilePath, preferences, kBundleConfigOwnership);
   if (!written) {
     platform_.changes.fail();
-    logWarning_source(fill("preferences were not saved: \"%@\" : %@",
-                           {kBundleConfigFilePath, written.error().description()}),
-                      "");
+    if (isChangedMeanwhile(written.error())) platform_.changes.leave(kBundleConfigFilePath);
+    logError_source(fill("preferences were not saved: \"%@\" : %@",
+                         {kBundleConfigFilePath, written.error().description()}),
+                    "");
   }
   return true;
 }

@@ -37,16 +37,27 @@ Result<Dictionary> dictionaryIn(std::string_view bytes) {
   return std::move(*dictionary);
 }
 
+Result<std::string> bytesOf(const Dictionary& content) {
+  auto bytes = serializePropertyList(Value(content));
+  if (bytes && bytes.value().size() > kPropertyListFileSizeLimit)
+    return largerThan(kPropertyListFileSizeLimit);
+  return bytes;
+}
+
 Result<void> writePropertyListFile(FileSystem& files, std::string_view path, const Dictionary& content,
                                    const FileOwnership& ownership) {
-  const Result<std::string> bytes = serializePropertyList(Value(content));
-  if (!bytes) return bytes.error();
-  if (bytes.value().size() > kPropertyListFileSizeLimit) return largerThan(kPropertyListFileSizeLimit);
+  const auto bytes = bytesOf(content);
+  return bytes ? writePropertyListBytes(files, path, bytes.value(), ownership, std::nullopt)
+               : Result<void>(bytes.error());
+}
+
+Result<void> writePropertyListBytes(FileSystem& files, std::string_view path, std::string_view bytes,
+                                    const FileOwnership& ownership, const std::optional<FileVersion>& read) {
   const std::string directory = directoryOf(path);
   if (!files.exists(directory)) {
     if (auto made = files.createDirectory(directory, kDirectoryOwnership, true); !made) return made;
   }
-  return writeAtomically(files, path, bytes.value(), ownership);
+  return writeAtomically(files, path, bytes, ownership, read);
 }
 
 }  // namespace tessard

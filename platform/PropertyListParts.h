@@ -19,6 +19,11 @@ inline constexpr std::string_view kBinaryPropertyListMark = "bplist00";
 /// The dictionary that a file's bytes hold; see `readPropertyListFile`.
 Result<Dictionary> dictionaryIn(std::string_view bytes);
 
+/// The two halves of `writePropertyListFile`. `read`: see `writeAtomically`.
+Result<std::string> bytesOf(const Dictionary& content);
+Result<void> writePropertyListBytes(FileSystem& files, std::string_view path, std::string_view bytes,
+                                    const FileOwnership& ownership, const std::optional<FileVersion>& read);
+
 Result<Value> parseXmlPropertyList(std::string_view bytes, std::size_t valueLimit);
 Result<Value> parseBinaryPropertyList(std::string_view bytes, std::size_t valueLimit);
 

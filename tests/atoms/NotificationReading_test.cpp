@@ -1,3 +1,4 @@
+#include "common/Format.h"
 #include "tests/atoms/NotificationFixtures.h"
 
 namespace tessard {
@@ -245,6 +246,37 @@ TEST_F(NotificationReading, WithoutAListTheClientServicesAreAnEmptyDictionary) {
   const auto without = atom->readServiceConfiguration();
   ASSERT_TRUE(without && without->dictionaryFor("configuredServices"));
   EXPECT_TRUE(without->dictionaryFor("configuredServices")->empty());
+}
+
+TEST_F(NotificationReading, SettingsThatAnEditorMayJustBeWritingDoNotBeginAnew) {
+  platform.root.write(kNotificationConfigFilePath, "");
+  platform.clock.setToMachine();
+  EXPECT_FALSE(atom->readServiceConfiguration());
+  EXPECT_EQ(platform.root.read(kNotificationConfigFilePath), "");
+  platform.clock.advance(60);
+  EXPECT_TRUE(atom->readServiceConfiguration());
+  EXPECT_EQ(stored().size(), complete().size());
+}
+
+TEST_F(NotificationReading, DefaultsThatCannotBeReadForTheMomentAreReportedWithTheReason) {
+  platform.files.failPath("readFile", kNotificationDefaultConfigFilePath, EMFILE);
+  EXPECT_TRUE(atom->readServiceConfiguration());
+  EXPECT_THAT(shown(), testing::Contains(fill("Reason: \"%@\" : Too many open files",
+                                              {kNotificationDefaultConfigFilePath})));
+}
+
+TEST_F(NotificationReading, SettingsThatCannotBeReadForTheMomentDoNotBeginAnew) {
+  store(complete());
+  platform.files.failPath("readFile", "com.velto.Beaconry.plist", EMFILE);
+  EXPECT_FALSE(atom->readServiceConfiguration());
+  const std::string error = fill("the notification settings cannot be read: \"%@\" : Too many open files",
+                                 {kNotificationConfigFilePath});
+  EXPECT_TRUE(platform.log.has(kLogError, error));
+  EXPECT_TRUE(write({{"verbose", true}}));
+  EXPECT_EQ(stored(), complete());
+  platform.files.heal();
+  EXPECT_TRUE(write({{"verbose", true}}));
+  EXPECT_EQ(stored(), with(complete(), {{"verbose", true}}));
 }
 
 }  // namespace

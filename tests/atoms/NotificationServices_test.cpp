@@ -12,6 +12,14 @@ const std::string kFile = "/Library/Preferences/com.velto.tessard_notification.p
 
 class NotificationServices : public NotificationTest {
  protected:
+  NotificationServices() {
+    owner.onLoad = [this](const Dictionary& preferences) {
+      if (!platform.root.exists(kFile)) {
+        platform.root.write(kFile, serializePropertyList(preferences).value());
+      }
+    };
+  }
+
   void keep(const Array& services) {
     platform.root.write(
         kFile, serializePropertyList(Dictionary{{"initialized", true}, {"services", services}}).value());

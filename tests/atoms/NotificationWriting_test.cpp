@@ -201,11 +201,11 @@ TEST_F(NotificationHost, ThatCannotBeWrittenIsToldWithItsReasonAndLeavesTheFile)
   EXPECT_FALSE(atom->updateConfigFile("new.example.com"));
   EXPECT_EQ(stored(), complete());
   EXPECT_THAT(platform.log.messages(kLogError),
-              ElementsAre("Beaconry config file modification failed! reason: Beaconry config modification "
+              ElementsAre(HasSubstr("No space left on device"),
+                          "Beaconry config file modification failed! reason: Beaconry config modification "
                           "error"));
   EXPECT_THAT(platform.log.messages(kLogWarning),
-              ElementsAre(HasSubstr("No space left on device"),
-                          "Beaconry may not be reachable from chat clients due to error."));
+              ElementsAre("Beaconry may not be reachable from chat clients due to error."));
   EXPECT_THAT(platform.log.messages(kLogInfo), IsEmpty());
 }
 
@@ -214,7 +214,7 @@ TEST_F(NotificationHost, DoesNotReplaceAFileThatCannotBeRead) {
   EXPECT_FALSE(atom->updateConfigFile("new.example.com"));
   EXPECT_EQ(platform.root.read(kFile), "rubbish");
   EXPECT_THAT(platform.log.messages(kLogError),
-              ElementsAre(StartsWith("Beaconry config file modification failed!")));
+              ElementsAre(HasSubstr(kFile), StartsWith("Beaconry config file modification failed!")));
 }
 
 TEST_F(NotificationHost, TellsAttributesThatCannotBeSetAndIsWrittenAllTheSame) {

@@ -102,10 +102,13 @@ TEST(LoadingAComponent, AFileThatIsLaterByOneNanosecondIsReadAgainAndUnsavedChan
   EXPECT_THAT(sm.platform.log.messages(),
               ElementsAre(Message{kLogDebug, "loadDocument: sm at path: " + kSm},
                           Message{kLogInfo, "External configuration change detected, re-loading: sm.xml"},
+                          Message{kLogError, "changes of \"" + kSm + "\" that were not saved are given up: " +
+                                                 changedMeanwhile().description()},
                           Message{kLogDebug, "Document loaded: sm.xml"}));
-  EXPECT_THAT(sm.platform.log.lines(),
-              ElementsAre("tessard_notification[I]: External configuration change detected, re-loading: "
-                          "sm.xml"));
+  EXPECT_THAT(
+      sm.platform.log.lines(),
+      testing::Contains("tessard_notification[I]: External configuration change detected, re-loading: "
+                        "sm.xml"));
 }
 
 TEST(LoadingAComponent, AnEarlierModificationTimeCountsAsUnchanged) {
@@ -270,7 +273,8 @@ TEST(SavingAComponent, AFailedTemporaryWriteLeavesFileAndBackupUntouched) {
   EXPECT_TRUE(sm->configDirty());
   EXPECT_THAT(
       sm.platform.log.lines(),
-      ElementsAre("tessard_notification[E]: error saving configuration file: \"" + kTemporary + "\""));
+      ElementsAre("tessard_notification[W]: Reason of the save failure: No space left on device",
+                  "tessard_notification[E]: error saving configuration file: \"" + kTemporary + "\""));
 }
 
 TEST(SavingAComponent, AFailedExchangeLeavesTheFileAndKeepsTheNewContentInTheTemporary) {
@@ -322,6 +326,26 @@ TEST(SavingAComponent, WithoutAFileUnderTheRealNameTheNewContentStaysInTheTempor
   EXPECT_THAT(sm.platform.log.messages(), IsEmpty());
 }
 
+TEST(SavingAComponent, WhatSomebodyElseHasWrittenMeanwhileIsKeptAndReported) {
+  ChangedComponent sm;
+  sm.platform.root.write(kSm, "<sm>by hand</sm>");
+  EXPECT_FALSE(sm->saveDocument());
+  EXPECT_EQ(sm.file(), "<sm>by hand</sm>");
+  EXPECT_THAT(sm.platform.root.list(kDirectory), ElementsAre("sm.xml"));
+  EXPECT_TRUE(sm->configDirty());
+  EXPECT_THAT(sm.platform.log.messages(kLogError),
+              ElementsAre("\"" + kSm + "\" is not saved: " + changedMeanwhile().description()));
+}
+
+TEST(SavingAComponent, WhatSomebodyElseHasWrittenUponTheLastSaveIsKept) {
+  ChangedComponent sm;
+  ASSERT_TRUE(sm->saveDocument());
+  sm.platform.root.write(kSm, "<sm>by hand</sm>");
+  sm->setStringValue_forPath_nodeState("3", "sm.l.a", kNodeLive);
+  EXPECT_FALSE(sm->saveDocument());
+  EXPECT_EQ(sm.file(), "<sm>by hand</sm>");
+}
+
 TEST(SavingAComponent, AFailureCanBeMadeGoodByTheNextSave) {
   ChangedComponent sm;
   sm.platform.files.failNth("exchange", 1, EIO);
@@ -338,7 +362,7 @@ TEST(SavingAComponent, DoesNotSetTheLoadTime) {
   EXPECT_EQ(sm->loadTime(), kLongAgo);
 }
 
-TEST(ReloadingAfterASave, IsReportedAsAChangeButReadsAndParsesNothing) {
+TEST(ReloadingAfterASave, IsReportedAsAChangeAndReadsTheFileButParsesNothing) {
   ChangedComponent sm;
   ASSERT_TRUE(sm->saveDocument());
   const XmlNode root = sm->getRootNode();
@@ -347,7 +371,7 @@ TEST(ReloadingAfterASave, IsReportedAsAChangeButReadsAndParsesNothing) {
   sm.platform.clock.setToMachine();
   sm.platform.clock.time.seconds += 1;
   EXPECT_TRUE(sm->loadDocument());
-  EXPECT_THAT(sm.platform.files.calls("readFile"), IsEmpty());
+  EXPECT_THAT(sm.platform.files.calls("readFile"), SizeIs(1));
   EXPECT_EQ(sm->getRootNode(), root);
   EXPECT_EQ(sm->loadTime(), sm.platform.clock.time);
   EXPECT_THAT(sm.platform.log.messages(),
@@ -368,6 +392,7 @@ TEST(ReloadingAfterASave, ReadsAFileThatOnlyHasAnotherTime) {
   ChangedComponent sm;
   ASSERT_TRUE(sm->saveDocument());
   sm.platform.root.setModified(kSm, {kLongAgo.seconds + 1, 0});
+  sm.platform.files.clearCalls();
   EXPECT_TRUE(sm->loadDocument());
   EXPECT_THAT(sm.platform.files.calls("readFile"), SizeIs(1));
 }
@@ -392,9 +417,13 @@ TEST(ReloadingAfterASave, DiscardsANodeThatWasReplacedWithoutMarkingTheTree) {
 
 TEST(ReloadingAfterASave, ReadsTheFileWhenTheSavedOneCouldNotBeLookedAt) {
   ChangedComponent sm;
-  sm.platform.files.failAll("attributes", EIO);
+  // Once it has its name.
+  sm.platform.files.beforeCall = [&](const FaultyFileSystem::Call& call) {
+    if (call.operation == "rename") sm.platform.files.failAll("attributes", EIO);
+  };
   ASSERT_TRUE(sm->saveDocument());
   sm.platform.files.heal();
+  sm.platform.files.clearCalls();
   EXPECT_TRUE(sm->loadDocument());
   EXPECT_THAT(sm.platform.files.calls("readFile"), SizeIs(1));
   EXPECT_EQ(sm->getNodeValueForPath("sm.l.a"), "2");

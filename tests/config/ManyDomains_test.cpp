@@ -77,7 +77,7 @@ TEST(AThousandDomains, AreSavedWithOneNewFileEachAndReadBackOnce) {
   domains.platform.files.clearCalls();
   ASSERT_TRUE(domains->loadAllConfigurations());
   EXPECT_EQ(domains.platform.log.messages(kLogInfo).size(), kDomains) << "every file is newer than its load";
-  EXPECT_EQ(domains.count("readFile"), 0U) << "but nobody else has written since";
+  EXPECT_EQ(domains.count("readFile"), kDomains + 1) << "somebody may have edited it at once; and the master";
   EXPECT_LE(domains.platform.files.calls().size(), 10 * kDomains);
 
   domains.platform.files.clearCalls();

@@ -188,6 +188,21 @@ TEST(LoadingTheMasterFile, OnlyATimeStrictlyAfterTheLastSaveIsAChange) {
       ElementsAre(Message{kLogDebug, "Detected master configuration changed, re-loading jabberd.cfg"}));
 }
 
+TEST(LoadingTheMasterFile, AnEditWhileChangesAreMadeGivesThemUp) {
+  OneMaster master("sm @sm.xml\n");
+  bool reread = false;
+  ASSERT_TRUE(master->loadMasterConfiguration(reread));
+  master->setLoadTime(kLongAgo);
+  master.platform.journal.startRequest();
+  ChangeSet changes(master.platform.journal);
+  master.writeCfg("sm @sm.xml\nc2s @c2s.xml\n");
+  EXPECT_TRUE(master->loadMasterConfiguration(reread));
+  EXPECT_TRUE(reread);
+  EXPECT_TRUE(master.platform.log.has(kLogError, "changes that were not saved are given up: \"" + kCfg +
+                                                     "\" : " + changedMeanwhile().description()));
+  EXPECT_FALSE(changes.end());
+}
+
 TEST(LoadingTheMasterFile, AFileWhoseTimeCannotBeReadCountsAsUnchanged) {
   OneMaster master("sm @sm.xml\n");
   bool reread = false;

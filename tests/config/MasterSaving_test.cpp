@@ -159,6 +159,17 @@ TEST(SavingTheMasterFile, WhenEvenTheOldFileCannotComeBackAnErrorTellsWhereItIs)
                           kCfg + ".tmp\""));
 }
 
+TEST(SavingTheMasterFile, WhatSomebodyElseHasWrittenMeanwhileIsKeptAndReported) {
+  LoadedMaster master;
+  master.writeCfg("# by hand\n");
+  EXPECT_FALSE(master->saveMasterConfiguration());
+  EXPECT_EQ(master.cfg(), "# by hand\n");
+  EXPECT_FALSE(master.platform.root.exists(kCfg + ".tmp"));
+  EXPECT_TRUE(master->configDirty());
+  EXPECT_THAT(master.platform.log.messages(kLogError),
+              ElementsAre("\"" + kCfg + "\" is not saved: " + changedMeanwhile().description()));
+}
+
 TEST(SavingTheMasterFile, WithoutAFileToReplaceItFailsAndTheContentStaysInTheTemporary) {
   LoadedMaster master;
   master.platform.root.remove(kCfg);
@@ -197,7 +208,7 @@ TEST(SavingTheMasterFile, ItsOwnSaveIsNoChangeOfTheFile) {
 TEST(SavingTheMasterFile, AFileDatedATickAheadOfTheClockIsStillItsOwnSave) {
   LoadedMaster master;
   const auto dateTheFile = [&](const FaultyFileSystem::Call& call) {
-    if (call.operation == "attributes") master.platform.root.setModified(kCfg, {5000, 999'999'999});
+    if (call.operation == "setOwnership") master.platform.root.setModified(kCfg, {5000, 999'999'999});
   };
   for (const auto& [clock, changed] :
        {std::pair(FileTime{5000, 990'000'000}, false), std::pair(FileTime{5000, 989'000'000}, true),
@@ -237,7 +248,8 @@ TEST(SavingEverything, AFailedComponentIsReportedAndTheRestIsSavedAllTheSame) {
   master.platform.files.failPath("createFile", "sm.xml.tmp", ENOSPC);
   EXPECT_TRUE(master->saveAllConfigurations());
   EXPECT_THAT(master.platform.log.lines(),
-              ElementsAre("tessard_notification[E]: error saving configuration file: \"" + kSm + ".tmp\"",
+              ElementsAre("tessard_notification[W]: Reason of the save failure: No space left on device",
+                          "tessard_notification[E]: error saving configuration file: \"" + kSm + ".tmp\"",
                           "tessard_notification[E]: error saving configuration file: \"" + kSm + "\""));
   EXPECT_EQ(outlineOfText(master.platform.root.read(kSm)), "<sm><l><a>1</a></l></sm>");
   EXPECT_EQ(outlineOfText(master.platform.root.read(inDirectory("router.xml"))),
@@ -251,6 +263,28 @@ TEST(SavingEverything, GivesTheResultOfTheMasterFile) {
   master.platform.files.failPath("createFile", "jabberd.cfg.tmp", ENOSPC);
   EXPECT_FALSE(master->saveAllConfigurations());
   EXPECT_EQ(outlineOfText(master.platform.root.read(kSm)), "<sm><l><a>2</a></l></sm>");
+}
+
+TEST(SavingEverything, TellsWhyFilesCouldNotChangeNames) {
+  LoadedMaster master;
+  master->setStringValue_forPath("2", "sm.l.a");
+  master.platform.files.failAll("exchange", ENOSPC);
+  EXPECT_FALSE(master->saveAllConfigurations());
+  const std::string reason = "tessard_notification[W]: Reason of the save failure: No space left on device";
+  EXPECT_THAT(master.platform.log.lines(),
+              ElementsAre("tessard_notification[E]: error saving configuration file: \"" + kSm + "\"", reason,
+                          reason));
+}
+
+TEST(SavingEverything, FailsTheChangesWhenAComponentCouldNotBeReadForTheMoment) {
+  LoadedMaster master;
+  master.platform.files.failPath("readFile", "sm.xml", EMFILE);
+  ASSERT_TRUE(master->revertMasterConfiguration());
+  master.platform.journal.startRequest();
+  ChangeSet changes(master.platform.journal);
+  EXPECT_TRUE(master->saveAllConfigurations());
+  EXPECT_TRUE(master.platform.log.has(kLogError, "error saving configuration file: \"" + kSm + "\""));
+  EXPECT_FALSE(changes.end());
 }
 
 TEST(SavingEverything, OnlyComponentsWhoseNameIsListedAreSaved) {

@@ -203,16 +203,38 @@ TEST_F(Preferences, SettingAValueInAnUnreadableFileWritesThatValueAlone) {
   EXPECT_EQ(stored(), (Dictionary{{"initialized", true}}));
 }
 
-TEST_F(Preferences, AFailedWriteIsASuccessWithAWarningAndLeavesTheFile) {
+TEST_F(Preferences, SettingAValueInAFileThatCannotBeReadForTheMomentLeavesItAsItIs) {
+  store({{"a", 1}});
+  platform.files.failPath("readFile", ".plist", EMFILE);
+  EXPECT_TRUE(wrangler->setPreferenceValue_forKey(true, "initialized"));
+  EXPECT_EQ(stored(), (Dictionary{{"a", 1}}));
+  const std::string path = kPreferencesFile;
+  EXPECT_THAT(platform.log.messages(kLogError),
+              ElementsAre("the preferences cannot be read: \"" + path + "\" : Too many open files",
+                          "preferences were not saved: \"" + path + "\" : Too many open files"));
+}
+
+TEST_F(Preferences, WhatSomebodyElseHasWrittenSinceTheLastLookIsKeptAndReported) {
+  store({{"a", 1}});
+  ASSERT_TRUE(wrangler->loadPreferences());
+  store({{"a", "by hand"}});
+  EXPECT_TRUE(wrangler->savePreferences({{"a", 2}}));
+  EXPECT_EQ(stored(), (Dictionary{{"a", "by hand"}}));
+  EXPECT_THAT(platform.log.messages(kLogError),
+              ElementsAre("preferences were not saved: \"" + kPreferencesFile +
+                          "\" : " + changedMeanwhile().description()));
+}
+
+TEST_F(Preferences, AFailedWriteIsASuccessWithAnErrorLineAndLeavesTheFile) {
   store({{"a", 1}});
   platform.files.fillDisk();
   EXPECT_TRUE(wrangler->savePreferences({{"a", 2}}));
   EXPECT_TRUE(wrangler->setPreferenceValue_forKey(3, "a"));
   EXPECT_EQ(stored(), (Dictionary{{"a", 1}}));
-  const std::string warning =
-      "tessard_notification[W]: preferences were not saved: "
+  const std::string error =
+      "tessard_notification[E]: preferences were not saved: "
       "\"/Library/Preferences/com.velto.tessard_notification.plist\" : No space left on device";
-  EXPECT_THAT(platform.log.lines(), ElementsAre(warning, warning));
+  EXPECT_THAT(platform.log.lines(), ElementsAre(error, error));
 }
 
 TEST_F(Preferences, ADirectoryThatCannotBeMadeIsAFailedWrite) {
@@ -220,7 +242,7 @@ TEST_F(Preferences, ADirectoryThatCannotBeMadeIsAFailedWrite) {
   EXPECT_TRUE(wrangler->savePreferences({{"a", 1}}));
   EXPECT_FALSE(platform.root.exists(kPreferencesFile));
   EXPECT_THAT(platform.log.lines(),
-              ElementsAre("tessard_notification[W]: preferences were not saved: "
+              ElementsAre("tessard_notification[E]: preferences were not saved: "
                           "\"/Library/Preferences/com.velto.tessard_notification.plist\" : "
                           "Read-only file system"));
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <memory>
 
 #include "platform/PosixFileSystem.h"
 #include "tests/support/FakeClock.h"
@@ -32,6 +33,11 @@ class PropertyListFilesTest : public testing::Test {
     if (!found) return "failed: " + std::to_string(found.error().code());
     const std::string* text = found.value()->stringFor("text");
     return text ? *text : "no text";
+  }
+
+  int write(const std::string& text) {
+    const auto written = lists.write(kFile, {{"text", text}}, {});
+    return written ? 0 : written.error().code();
   }
 
   std::size_t readings() const { return files.calls("readFile").size(); }
@@ -147,6 +153,100 @@ TEST_F(PropertyListFilesTest, AFileWhoseAttributesCannotBeReadIsReadAtEveryLook)
   EXPECT_EQ(held(), "a");
   EXPECT_EQ(held(), "a");
   EXPECT_EQ(readings(), 2U);
+}
+
+TEST_F(PropertyListFilesTest, AWriteReplacesWhatWasLookedAtOrWrittenLast) {
+  put("a");
+  EXPECT_EQ(held(), "a");
+  EXPECT_EQ(write("b"), 0);
+  EXPECT_EQ(write("c"), 0);
+  EXPECT_EQ(held(), "c");
+}
+
+TEST_F(PropertyListFilesTest, AWriteKeepsWhatSomebodyElseHasWrittenSince) {
+  put("a");
+  EXPECT_EQ(held(), "a");
+  put("b");
+  EXPECT_EQ(write("ours"), ESTALE);
+  EXPECT_EQ(write("ours"), ESTALE);
+  EXPECT_EQ(held(), "b");
+  EXPECT_EQ(write("ours"), 0);
+  put("c");
+  EXPECT_EQ(write("ours"), ESTALE);
+  EXPECT_EQ(held(), "c");
+}
+
+TEST_F(PropertyListFilesTest, AWriteKeepsAFileThatSomebodyElseHasMadeSince) {
+  EXPECT_EQ(held(), "failed: " + std::to_string(ENOENT));
+  put("theirs");
+  EXPECT_EQ(write("ours"), ESTALE);
+  EXPECT_EQ(held(), "theirs");
+}
+
+TEST_F(PropertyListFilesTest, AWriteLeavesAFileMissingThatSomebodyElseHasRemovedSince) {
+  put("a");
+  EXPECT_EQ(held(), "a");
+  root.remove(kFile);
+  EXPECT_EQ(write("ours"), ESTALE);
+  EXPECT_FALSE(root.exists(kFile));
+}
+
+TEST_F(PropertyListFilesTest, AWriteReplacesWhateverIsThereWhenNobodyHasLooked) {
+  put("a");
+  EXPECT_EQ(write("b"), 0);
+  root.write(kFile, "not a property list");
+  EXPECT_EQ(held(), "failed: 0");
+  EXPECT_EQ(write("c"), 0);
+  EXPECT_EQ(held(), "c");
+}
+
+TEST_F(PropertyListFilesTest, AFileThatCouldNotBeReadForTheMomentIsNotWritten) {
+  for (const char* operation : {"readFile", "attributes"}) {
+    put("a");
+    letTimePass();
+    files.failNth(operation, 1, EMFILE);
+    static_cast<void>(held());
+    EXPECT_EQ(write("ours"), EMFILE) << operation;
+    EXPECT_EQ(held(), "a") << operation;
+    EXPECT_EQ(write("ours"), 0) << operation;
+  }
+}
+
+TEST_F(PropertyListFilesTest, WorkThatBeginsWithALookWritesNothingThatIsMadeOfAnOlderOne) {
+  put("a");
+  const auto work = std::make_unique<PropertyListFiles::FirstLooks>(lists);
+  EXPECT_EQ(held(), "a");
+  put("b");
+  EXPECT_EQ(held(), "b");
+  EXPECT_EQ(write("made of a"), ESTALE);
+  EXPECT_EQ(held(), "b");
+}
+
+TEST_F(PropertyListFilesTest, WorkThatBeginsWithALookMayWriteTwice) {
+  for (const bool settled : {false, true}) {
+    put("a");
+    if (settled) letTimePass();
+    EXPECT_EQ(held(), "a");
+    const auto work = std::make_unique<PropertyListFiles::FirstLooks>(lists);
+    EXPECT_EQ(held(), "a");
+    EXPECT_EQ(write("b"), 0);
+    EXPECT_EQ(held(), "b");
+    EXPECT_EQ(write("c"), 0);
+    EXPECT_EQ(held(), "c");
+  }
+}
+
+TEST_F(PropertyListFilesTest, OtherWorkBeginsWithALookOfItsOwn) {
+  put("a");
+  {
+    const PropertyListFiles::FirstLooks work(lists);
+    EXPECT_EQ(held(), "a");
+    put("b");
+    EXPECT_EQ(held(), "b");
+  }
+  const PropertyListFiles::FirstLooks work(lists);
+  EXPECT_EQ(held(), "b");
+  EXPECT_EQ(write("ours"), 0);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,6 +20,8 @@ class RecordingOwner : public ServiceOwner {
   std::optional<std::string> hostDomain = "chat.example.com";
   std::optional<Dictionary> preferences = Dictionary{};
   int preferenceLoads = 0;
+  /// Called at each load of preferences that are there; may put them into the file of a real owner.
+  std::function<void(const Dictionary&)> onLoad;
   /// The domains of every service, and the services whose domains were asked for.
   std::optional<std::vector<std::string>> domains = std::vector<std::string>{};
   std::vector<std::string> domainsAsked;
@@ -36,6 +39,7 @@ class RecordingOwner : public ServiceOwner {
   }
   std::optional<Dictionary> loadPreferences() override {
     ++preferenceLoads;
+    if (preferences && onLoad) onLoad(*preferences);
     return preferences;
   }
   bool savePreferences(const Dictionary& changed) override {

@@ -126,7 +126,8 @@ struct OutsideEdits : testing::Test {
   static std::string withMark(const std::string& path, std::string content, const std::string& mark) {
     if (path.ends_with(".plist")) {
       Dictionary settings = *parsePropertyList(content).value().asDictionary();
-      settings.set("byHand", mark);
+      // The preferences hold what the service knows, and nothing else.
+      settings.set(path == kPreferencesFile ? "logLevel" : "byHand", mark);
       return serializePropertyList(settings).value();
     }
     const bool isMaster = path.ends_with(".cfg");
@@ -169,7 +170,7 @@ struct OutsideEdits : testing::Test {
   bool tookAwayAfter(std::size_t instant, const std::string& path) const {
     const auto& calls = platform.files.calls();
     for (std::size_t number = instant; number < calls.size(); ++number) {
-      if (calls[number].operation == "remove" && calls[number].path == path) return true;
+      if (calls[number].operation == "copyFile" && calls[number].secondPath == path) return true;
     }
     return false;
   }
