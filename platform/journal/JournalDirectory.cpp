@@ -202,7 +202,8 @@ Result<void> JournalDirectory::retire(const std::string& to,
   const auto renamed = [&](const std::string& from, const std::string& name) {
     return resultOf(::renameat(home_.get(), from.c_str(), home_.get(), name.c_str()));
   };
-  if (auto done = renamed(kOpenJournal, to); !done) return done;
+  // It can have that name already: of an attempt that could be neither finished nor taken back.
+  if (auto done = renamed(kOpenJournal, to); !done && done.error().code() != ENOENT) return done;
   auto flushed = makeNamesLast();
   if (flushed) flushed = resultOf(uninterrupted([&] { return ::fsync(home_.get()); }));
   if (!flushed) {

@@ -16,6 +16,13 @@ std::string keyOf(const JournalDirectory::Place& place) {
   return place.path + '/' + place.name;
 }
 
+// Fails when the directory above cannot be opened for the moment: the operation may find it open, and would
+// then not be noted. What else is wrong with a path keeps the operation from doing anything.
+Result<void> canBeKnown(const JournalDirectory& journal, std::string_view path) {
+  const auto directory = journal.open(directoryOf(path));
+  return directory || !mayPass(directory.error()) ? Result<void>() : Result<void>(directory.error());
+}
+
 }  // namespace
 
 JournalingFileSystem::JournalingFileSystem(FileSystem& behind, PosixFileSystem& posix,
@@ -42,6 +49,10 @@ Result<std::optional<JournalDirectory::Place>> JournalingFileSystem::unnoted(std
   if (!inRequest_) return std::optional<Place>();
   if (undoUnfinished_) return SystemError(EIO, "an earlier request is not undone yet");
   auto place = placeOf(path);
+  if (!place) {
+    if (auto known = canBeKnown(journal_, path); !known) return known.error();
+    place = placeOf(path);
+  }
   if (place && isNoted(*place)) place.reset();
   return place;
 }
@@ -99,7 +110,10 @@ Result<void> JournalingFileSystem::rememberBeside(const Place& place) {
 // A directory that is to be made, and those above it.
 Result<void> JournalingFileSystem::rememberMissing(std::string_view path) {
   path = withoutSlashesAtEnd(path);
-  if (!inRequest_ || path == "/" || !path.starts_with('/') || behind_.exists(path)) return {};
+  if (!inRequest_ || path == "/" || !path.starts_with('/')) return {};
+  if (const auto is = behind_.attributes(path); is || mayPass(is.error())) {
+    return is ? Result<void>() : Result<void>(is.error());
+  }
   const std::string parent = directoryOf(path);
   if (behind_.exists(parent)) return remember(path);
   if (auto noted = rememberMissing(parent); !noted) return noted;
@@ -110,6 +124,7 @@ Result<void> JournalingFileSystem::rememberMissing(std::string_view path) {
 std::string JournalingFileSystem::placeOfMissing(const std::string& directory) {
   const auto place = placeOf(directory);
   if (place) return keyOf(*place);
+  if (directory == "/" || directory.empty()) return "";
   return placeOfMissing(directoryOf(directory)) + '/' + lastPathComponent(directory);
 }
 
@@ -213,7 +228,8 @@ Result<void> JournalingFileSystem::rememberAttributes(std::string_view path, con
   if (!inRequest_) return {};
   const auto is = behind_.attributes(path);
   const auto place = placeOf(withoutSlashesAtEnd(path));
-  if (!is || !place) return {};
+  if (!place) return canBeKnown(journal_, path);
+  if (!is) return mayPass(is.error()) ? Result<void>(is.error()) : Result<void>();
   const bool same = ownership.owner.value_or(is.value().owner) == is.value().owner &&
                     ownership.group.value_or(is.value().group) == is.value().group &&
                     ownership.permissions.value_or(is.value().permissions) == is.value().permissions;

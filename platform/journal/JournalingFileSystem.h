@@ -46,6 +46,7 @@ class JournalingFileSystem : public FileSystem, public Changes {
   void begin() override;
   void fail() override;
   bool end() override;
+  bool underWay() const override { return together_; }
   void leave(std::string_view path) override;
 
   bool exists(std::string_view path) override;

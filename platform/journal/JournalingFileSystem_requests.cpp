@@ -58,6 +58,9 @@ void JournalingFileSystem::fail() {
 bool JournalingFileSystem::end() {
   together_ = false;
   if (!failed_ && keepNow()) return true;
+  if (failed_ && !journal_.isEmpty()) {
+    log_.logError_source("not everything could be written: every file is as it was before", "");
+  }
   undoNow();
   return false;
 }

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <filesystem>
 #include <map>
@@ -18,6 +19,23 @@ using testing::SizeIs;
 
 const std::string kHome = kJournalHome;
 const FileOwnership kOwnership{84, 0, 0600};
+
+/// The process can open nothing as long as this is there.
+class NoMoreFiles {
+ public:
+  NoMoreFiles() {
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    rlimit none = before_;
+    none.rlim_cur = 0;
+    ::setrlimit(RLIMIT_NOFILE, &none);
+  }
+  NoMoreFiles(const NoMoreFiles&) = delete;
+  NoMoreFiles& operator=(const NoMoreFiles&) = delete;
+  ~NoMoreFiles() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_{};
+};
 
 // A request on files that are there, and what they and all others were before it.
 class JournalTest : public testing::Test {
@@ -284,6 +302,32 @@ TEST_F(JournalTest, PutsBackWhatCannotBeMadeToLast) {
   EXPECT_TRUE(platform.log.has(kLogError, "the changes of the request cannot be kept: Input/output error"));
 }
 
+TEST_F(JournalTest, TellsWhetherChangesBelongTogether) {
+  files.startRequest();
+  EXPECT_FALSE(files.underWay());
+  files.begin();
+  EXPECT_TRUE(files.underWay());
+  EXPECT_TRUE(files.end());
+  EXPECT_FALSE(files.underWay());
+  files.begin();
+  EXPECT_FALSE(files.finishRequest(false));
+  EXPECT_FALSE(files.underWay());
+}
+
+TEST_F(JournalTest, SaysThatNothingWasChangedWhenOneOfTheChangesHasFailed) {
+  const std::string error = "not everything could be written: every file is as it was before";
+  files.startRequest();
+  files.begin();
+  files.fail();
+  EXPECT_FALSE(files.end());
+  EXPECT_FALSE(platform.log.has(kLogError, error)) << "nothing was changed";
+  files.begin();
+  ASSERT_TRUE(files.createFile("/etc/new", "", {}, Flush::later));
+  files.fail();
+  EXPECT_FALSE(files.end());
+  EXPECT_TRUE(platform.log.has(kLogError, error));
+}
+
 TEST_F(JournalTest, LeavesAFileThatSomebodyElseHasChangedMeanwhile) {
   files.startRequest();
   ASSERT_TRUE(writeAtomically(files, "/etc/b", "new b", kOwnership));
@@ -305,6 +349,22 @@ TEST_F(JournalTest, ChangesNothingThatItCannotNote) {
   EXPECT_FALSE(files.createDirectory("/etc/new", {}, false));
   EXPECT_EQ(everything(), before);
   EXPECT_TRUE(files.finishRequest(false));
+}
+
+TEST_F(JournalTest, ChangesNothingWhileTheProcessCanOpenNoMoreFiles) {
+  const auto before = everything();
+  files.startRequest();
+  ASSERT_TRUE(files.createFile("/etc/first", "", {}, Flush::later));
+  {
+    const NoMoreFiles limit;
+    for (const char* path : {"/etc/a", "/var/c", "/var/x/y/z"}) {
+      EXPECT_EQ(files.createDirectory(path, {}, true).error().code(), EMFILE) << path;
+      EXPECT_EQ(files.createFile(path, "new", {}, Flush::later).error().code(), EMFILE) << path;
+      EXPECT_EQ(files.setOwnership(path, {std::nullopt, std::nullopt, 0600}).error().code(), EMFILE) << path;
+    }
+  }
+  EXPECT_FALSE(files.finishRequest(true));
+  EXPECT_EQ(everything(), before);
 }
 
 TEST_F(JournalTest, ClosesAHomeThatOthersCanEnter) {

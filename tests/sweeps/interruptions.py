@@ -107,6 +107,7 @@ class Laboratory:
         self.pristine = directory / "pristine"
         self.root = directory / "root"
         self.scenario = scenario
+        self.prefix = ()  # words before the daemon's command
         self.daemon = None
         shutil.copytree(origin, self.root, symlinks=True)
         self.root.chmod(0o755)
@@ -125,7 +126,7 @@ class Laboratory:
         return self.root
 
     def __enter__(self):
-        self.daemon = Daemon(self.root, "--idle-seconds", "0")
+        self.daemon = Daemon(self.root, "--idle-seconds", "0", prefix=self.prefix)
         self.daemon.awaitReady()
         return self.daemon
 
