@@ -125,6 +125,8 @@ void JournalDirectory::restoreAll(bool keepsReplaced, Undone& undone) {
   restoreAttributes(restoring);
   // Temporaries and backups last: as long as a file is noted, that they are not means that there were none.
   for (const bool besideFiles : {false, true}) {
+    // A file that could not be put back is still noted, and so must be what was beside it.
+    if (besideFiles && !undone.problems.empty()) return;
     restoring.besideFiles = besideFiles;
     for (const char* kind : {kPresent, kAbsent}) {
       const auto tree = openDirectory({open_.get(), kind});

@@ -197,6 +197,21 @@ TEST_F(JournalTest, PutsBackBackupsThatWereThereHoweverFarAnUndoCame) {
   EXPECT_EQ(everything(), before);
 }
 
+TEST_F(JournalTest, PutsBackBackupsThatWereThereThoughTheirFileCouldNotBePutBackAtFirst) {
+  const auto before = everything();
+  files.startRequest();
+  ASSERT_TRUE(files.remove("/etc/a"));
+  ASSERT_TRUE(files.createFile("/etc/a", "new a", kOwnership, Flush::later));
+  // Nothing can be put back in its place.
+  root.remove("/etc/a");
+  root.makeDirectory("/etc/a");
+  EXPECT_FALSE(files.finishRequest(true));
+  root.remove("/etc/a");
+  files.startRequest();
+  EXPECT_TRUE(files.finishRequest(false));
+  EXPECT_EQ(everything(), before);
+}
+
 TEST_F(JournalTest, RemovesTemporariesAndBackupsOfARequestThatDied) {
   const auto before = everything();
   files.startRequest();
