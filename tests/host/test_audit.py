@@ -77,6 +77,15 @@ def test_a_request_that_hostile_texts_come_with_stays_one_line(daemon):
     assert len(records(daemon)) == 1
 
 
+def test_a_standard_error_that_nobody_reads_holds_nobody_up(daemon):
+    connection = daemon.connection()
+    for _ in range(600):
+        body = json.dumps({"command": "setState", "state": "x" * 100}).encode()
+        assert daemon.send("POST", "/v1/plugins/notification", body, connection=connection,
+                           Content_Type="application/json").status == 200
+    daemon.assertServes()
+
+
 @needsPlugin
 def test_the_real_plug_ins_settings_are_told(pluginRoot, makeDaemon):
     daemon = makeDaemon("--service-manager", "none", "--idle-seconds", "0", root=pluginRoot)
