@@ -72,9 +72,10 @@ class Failures:
 
     def watched(self):
         """Every call since `watch`: its name, what it does, and the path."""
+        # The daemon may go on, and begin a list anew once the page is cleared.
         length = self.LAYOUT.unpack_from(self._page)[8]
-        self._set()
         text = self._page[self.LAYOUT.size:self.LAYOUT.size + length].decode(errors="replace")
+        self._set()
         return [(call, int(does), path) for call, does, path in (line.split(" ", 2) for line in text.splitlines())]
 
 
@@ -91,6 +92,7 @@ class Bench:
         with self.laboratory as daemon:
             self.failures.watch(daemon)
             self.answer = self.scenario.request(daemon)
+            self.laboratory.settle(daemon)
             self.calls = [(call, does, path.replace(str(root), "") or "/") for call, does, path in self.failures.watched()]
         self.new = treeOf(root)
         self.told = self.silent = 0
@@ -197,8 +199,10 @@ ACCOUNTS = "service user"
 
 
 def attempts(count, name):
-    """Number of a call, error, and whether it goes on. Each call meets two of the errors, in turn and others each time."""
-    names, first = ["ENOSPC", "EDQUOT"] if name == ACCOUNTS else list(ERRORS), seedOfThisRun()
+    """Number of a call, error, and whether it goes on. Each call meets two of the errors in turn: the same each time in the
+    short form, others each time in the full one."""
+    names = ["ENOSPC", "EDQUOT"] if name == ACCOUNTS else list(ERRORS)
+    first = seedOfThisRun() if size(short=False, full=True) else 0
     chosen = range(1, count + 1, size(max(1, count // SHORT), 1))
     return [(number, names[(first + index + 2 * onwards) % len(names)], onwards)
             for index, number in enumerate(chosen) for onwards in (False, True)]
