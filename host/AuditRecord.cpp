@@ -1,11 +1,8 @@
 #include "host/AuditRecord.h"
 
-#include <algorithm>
-#include <array>
-
 #include "common/Format.h"
-#include "common/Text.h"
 #include "host/JsonCodec.h"
+#include "host/SecretKeys.h"
 
 namespace tessard {
 
@@ -13,12 +10,6 @@ namespace {
 
 constexpr std::size_t kMostBytes = 200;
 constexpr std::size_t kMostEntries = 50;
-
-bool speaksOfSecret(std::string_view key) {
-  constexpr std::array<std::string_view, 4> kWords = {"secret", "password", "passphrase", "privatekey"};
-  const std::string lower = asciiLowercase(key);
-  return std::ranges::any_of(kWords, [&](std::string_view word) { return lower.find(word) != lower.npos; });
-}
 
 // Ends between two characters.
 std::string shortened(const std::string& text) {

@@ -29,7 +29,7 @@ Array settingsNamedIn(std::string_view command, const Dictionary& request);
 ///   "state"                 of the service, where the answer tells it
 ///   "result"                as `resultOf`
 ///   "errors"                how many error lines the request has logged, where there are some
-/// Values under keys that speak of a secret or a password are "***". A text is cut at 200 bytes and ends in
+/// Values under keys that `speaksOfSecret` are "***". A text is cut at 200 bytes and ends in
 /// "…" then; lists and dictionaries are shortened to texts. Bytes are told as their number. At most 50
 /// entries are shown; "more" says how many are not.
 Dictionary auditRecord(const AuditedRequest& audited, const Requester& requester,

@@ -3,6 +3,7 @@
 #include "common/Format.h"
 #include "common/ServiceTypes.h"
 #include "host/JsonCodec.h"
+#include "host/SecretKeys.h"
 #include "host/ctl/CtlVerbGroups.h"
 #include "host/ctl/SettingsArguments.h"
 #include "host/ctl/SettingsDifferences.h"
@@ -20,7 +21,7 @@ constexpr int kDifferent = 1;  // what programs that compare end with when they 
 void leaveOutSecrets(const CtlCall& call, Dictionary& settings) {
   const std::vector<DictionaryEntry> all(settings.begin(), settings.end());
   for (const DictionaryEntry& entry : all) {
-    if (!isSecretSetting(entry.key)) continue;
+    if (!speaksOfSecret(entry.key)) continue;
     settings.remove(entry.key);
     call.output().note(fill("\"%@\" is left out; --show-secrets shows it.", {entry.key}));
   }
@@ -119,7 +120,7 @@ int setSettings(CtlCall& call, const Words& words) {
 // --- whole files of settings ---
 
 Value shown(const std::string& key, const Value& value) {
-  return isSecretSetting(key) ? Value("***") : value;
+  return speaksOfSecret(key) ? Value("***") : value;
 }
 
 Dictionary documentOf(const std::vector<SettingDifference>& differences) {

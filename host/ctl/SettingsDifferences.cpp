@@ -9,6 +9,7 @@
 #include "common/Format.h"
 #include "common/SettingKeys.h"
 #include "common/Text.h"
+#include "host/SecretKeys.h"
 
 namespace tessard {
 
@@ -74,10 +75,6 @@ std::vector<SettingDifference> differencesBetween(const Dictionary& wanted, cons
   return differences;
 }
 
-bool isSecretSetting(std::string_view key) {
-  return key == "secret" || key == "dbpass" || key == "password";
-}
-
 std::optional<std::string> problemWithKeys(const Dictionary& settings) {
   for (const DictionaryEntry& entry : settings) {
     if (std::ranges::find(kSettingKeys, entry.key) != kSettingKeys.end()) continue;
@@ -92,7 +89,7 @@ Dictionary exportedSettings(const Dictionary& current, bool withSecrets) {
   Dictionary kept;
   for (const std::string_view key : kSettingKeys) {
     const bool isLeftOut = std::ranges::find(kNotExported, key) != kNotExported.end();
-    if (!isLeftOut && (withSecrets || !isSecretSetting(key)))
+    if (!isLeftOut && (withSecrets || !speaksOfSecret(key)))
       kept.setIfPresent(std::string(key), current.find(key));
   }
   return kept;

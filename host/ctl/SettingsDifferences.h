@@ -20,9 +20,6 @@ struct SettingDifference {
 /// service takes for the same are no difference: "5218" and 5218, 1 and true, names in upper and lower case.
 std::vector<SettingDifference> differencesBetween(const Dictionary& wanted, const Dictionary& current);
 
-/// Whether a setting is one that must not be shown unless it is asked for.
-bool isSecretSetting(std::string_view key);
-
 /// The first key that is no setting, as a sentence that proposes the one that may be meant; absent when all
 /// are.
 std::optional<std::string> problemWithKeys(const Dictionary& settings);

@@ -78,9 +78,11 @@ TEST(AuditRecord, NamesEveryWayInWhichARequestCanEnd) {
 }
 
 TEST(AuditRecord, HidesSecretsHoweverDeepTheyLie) {
-  const auto audited = settingsWrite(
-      {{"secret", "new canary"}, {"list", Array{Dictionary{{"userPassword", "canary"}, {"port", 1}}}}},
-      {{"secret", "old canary"}});
+  const auto audited = settingsWrite({{"secret", "new canary"},
+                                      {"dbpass", "canary"},
+                                      {"passPhrase", "canary"},
+                                      {"list", Array{Dictionary{{"userPassword", "canary"}, {"port", 1}}}}},
+                                     {{"secret", "old canary"}});
   const auto outcome = answered({{"configuration", audited.request.dictionaryFor("configuration")
                                                        ? *audited.request.dictionaryFor("configuration")
                                                        : Dictionary()}});
