@@ -41,6 +41,7 @@ unsigned statusFor(KeychainProblem problem) {
     case KeychainProblem::duplicate:
     case KeychainProblem::tooLarge:
     case KeychainProblem::malformed:
+    case KeychainProblem::oldCiphers:
     case KeychainProblem::passPhraseNeeded:
     case KeychainProblem::wrongPassPhrase:
     case KeychainProblem::noCertificate:

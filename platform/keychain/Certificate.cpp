@@ -86,6 +86,15 @@ std::optional<Certificate> Certificate::parse(std::string_view der) {
   return Certificate(std::move(parsed), der);
 }
 
+std::optional<Certificate> Certificate::copyOf(const X509* certificate) {
+  unsigned char* der = nullptr;
+  const int size = i2d_X509(certificate, &der);
+  if (size < 0) return std::nullopt;
+  auto copy = parse({reinterpret_cast<const char*>(der), static_cast<std::size_t>(size)});
+  OPENSSL_free(der);
+  return copy;
+}
+
 std::vector<Certificate::Attribute> Certificate::subjectAttributes() const {
   std::vector<Attribute> attributes;
   const X509_NAME* name = X509_get_subject_name(certificate_.get());
@@ -169,6 +178,12 @@ bool Certificate::isSignedBy(const Certificate& issuer) const {
                         X509_verify(certificate_.get(), X509_get0_pubkey(issuer.certificate_.get())) == 1;
   ERR_clear_error();
   return isSigned;
+}
+
+void addUnlessThere(std::vector<Certificate>& certificates, Certificate certificate) {
+  const bool known = std::ranges::any_of(
+      certificates, [&](const Certificate& other) { return other.der() == certificate.der(); });
+  if (!known) certificates.push_back(std::move(certificate));
 }
 
 }  // namespace tessard

@@ -23,8 +23,12 @@ class Certificate {
 
   /// Of DER without bytes left over; absent when it is not that.
   static std::optional<Certificate> parse(std::string_view der);
+  /// Absent when it cannot be written as DER that reads back.
+  static std::optional<Certificate> copyOf(const X509* certificate);
 
   const std::string& der() const { return der_; }
+  /// For what this class does not tell; it stays this object's.
+  X509* handle() const { return certificate_.get(); }
 
   /// The subject's attributes in the order of the certificate.
   std::vector<Attribute> subjectAttributes() const;
@@ -59,5 +63,8 @@ class Certificate {
   X509Pointer certificate_;
   std::string der_;
 };
+
+/// Adds a certificate at the end unless the same one is there.
+void addUnlessThere(std::vector<Certificate>& certificates, Certificate certificate);
 
 }  // namespace tessard

@@ -24,8 +24,8 @@ struct CertificateFile {
 /// one that the key belongs to, or the first when there is no key. Every other certificate must have issued
 /// it, or one of its issuers; where the chain ends does not matter.
 ///
-/// Fails with `tooLarge`, `malformed`, `passPhraseNeeded` (when something is encrypted and there is none),
-/// `wrongPassPhrase`, `noCertificate`, `keyMismatch` or `brokenChain`.
+/// Fails with `tooLarge`, `malformed`, `oldCiphers`, `passPhraseNeeded` (when something is encrypted and
+/// there is none), `wrongPassPhrase`, `noCertificate`, `keyMismatch` or `brokenChain`.
 KeychainResult<CertificateFile> readCertificateFile(std::string_view bytes, const Secret* passPhrase);
 
 }  // namespace tessard

@@ -12,7 +12,7 @@ struct ProblemNames {
   std::string_view id;
 };
 
-constexpr std::array<ProblemNames, 23> kProblems = {{
+constexpr std::array<ProblemNames, 24> kProblems = {{
     {KeychainProblem::invalidRequest, errSecParam, "invalid-request"},
     {KeychainProblem::notFound, errSecItemNotFound, "not-found"},
     {KeychainProblem::ambiguous, errSecParam, "ambiguous"},
@@ -21,6 +21,7 @@ constexpr std::array<ProblemNames, 23> kProblems = {{
     {KeychainProblem::noDefault, errSecNoDefaultKeychain, "no-default-keychain"},
     {KeychainProblem::tooLarge, errSecParam, "too-large"},
     {KeychainProblem::malformed, errSecDecode, "malformed"},
+    {KeychainProblem::oldCiphers, errSecDecode, "old-ciphers"},
     {KeychainProblem::passPhraseNeeded, errSecAuthFailed, "pass-phrase-needed"},
     {KeychainProblem::wrongPassPhrase, errSecAuthFailed, "wrong-pass-phrase"},
     {KeychainProblem::noCertificate, errSecDecode, "no-certificate"},

@@ -22,6 +22,7 @@ enum class KeychainProblem {
   // of a file with certificates and keys
   tooLarge,
   malformed,
+  oldCiphers,  ///< it cannot be opened without a part of OpenSSL that is missing
   passPhraseNeeded,
   wrongPassPhrase,
   noCertificate,

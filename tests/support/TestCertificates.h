@@ -20,6 +20,11 @@ class TestCertificate {
     int type;  ///< an ASN.1 tag number, such as V_ASN1_UTF8STRING
     std::string bytes;
   };
+  /// An extension as OpenSSL's configuration writes it: "subjectAltName" and "DNS:example.org".
+  struct Extension {
+    std::string name;
+    std::string value;
+  };
   struct Wishes {
     std::vector<Attribute> subject;
     const TestCertificate* issuer = nullptr;  ///< none: signed by itself
@@ -29,6 +34,9 @@ class TestCertificate {
     std::int64_t notBefore = 1'700'000'000;  ///< seconds since 1970
     std::int64_t notAfter = 4'000'000'000;
     long serial = 1;
+    std::string key = "EC P-256";  ///< or another curve, "RSA 2048", "DSA 2048", "ED25519"
+    std::string digest = "SHA256";
+    std::vector<Extension> extensions{};
   };
 
   explicit TestCertificate(const Wishes& wishes);
@@ -45,11 +53,17 @@ class TestCertificate {
   /// The private key in PEM, encrypted when there is a pass phrase; `traditional` in the older of the two
   /// forms.
   std::string keyPem(const std::optional<std::string>& passPhrase = {}, bool traditional = false) const;
+  /// The private key in PKCS#8, encrypted, in DER.
+  std::string sealedKeyBytes(const std::string& passPhrase) const;
   /// The private key as it stands in a keychain.
   std::string keyBytes() const;
   /// PKCS#12 with certificate, key and the certificates of the others.
   std::string pkcs12(const std::string& passPhrase, const std::vector<const TestCertificate*>& others = {},
                      bool withKey = true) const;
+  /// The same with certificate and key alone, sealed as older programs do: with RC2.
+  std::string oldPkcs12(const std::string& passPhrase) const;
+  /// PKCS#7 with these certificates.
+  static std::string pkcs7(const std::vector<const TestCertificate*>& certificates);
 
  private:
   std::shared_ptr<EVP_PKEY> key_;
