@@ -51,11 +51,15 @@ class OpenJournal {
 
   sd_journal* get() const { return journal_.get(); }
 
-  // A process's number means another one after a boot.
+  // A process's number means another one after a boot. The boot is that of the newest entry: what /proc calls
+  // this one is the computer's, not the container's, where the daemon has a /proc of its own.
   int showOnly(int sender) const {
+    sd_journal_seek_tail(get());
+    if (const int answer = sd_journal_previous(get()); answer <= 0) return answer;
+    std::uint64_t moment = 0;
     sd_id128_t boot{};
+    if (const int answer = sd_journal_get_monotonic_usec(get(), &moment, &boot); answer < 0) return answer;
     std::array<char, SD_ID128_STRING_MAX> text{};
-    if (const int answer = sd_id128_get_boot(&boot); answer < 0) return answer;
     const std::string thisBoot = fill("_BOOT_ID=%@", {sd_id128_to_string(boot, text.data())});
     const std::string process = fill("_PID=%d", {sender});
     const int answer = sd_journal_add_match(get(), thisBoot.data(), thisBoot.size());
