@@ -1,7 +1,7 @@
 #include "atoms/JabberServiceAtom.h"
 
-#include "atoms/JabberPaths.h"
 #include "common/Format.h"
+#include "config/JabberPaths.h"
 
 namespace tessard {
 

@@ -1,7 +1,7 @@
 #include "atoms/DatabaseTool.h"
-#include "atoms/JabberPaths.h"
 #include "atoms/JabberServiceAtom.h"
 #include "common/Format.h"
+#include "config/JabberPaths.h"
 
 namespace tessard {
 

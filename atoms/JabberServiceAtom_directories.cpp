@@ -1,6 +1,6 @@
-#include "atoms/JabberPaths.h"
 #include "atoms/JabberServiceAtom.h"
 #include "common/Format.h"
+#include "config/JabberPaths.h"
 
 namespace tessard {
 

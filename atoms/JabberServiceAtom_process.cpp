@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <array>
 
-#include "atoms/JabberPaths.h"
 #include "atoms/JabberServiceAtom.h"
 #include "common/Format.h"
+#include "config/JabberPaths.h"
 #include "config/MasterConfiguration.h"
 
 namespace tessard {

@@ -1,10 +1,10 @@
 #include <sstream>
 
 #include "atoms/AuthenticationLevel.h"
-#include "atoms/JabberPaths.h"
 #include "atoms/JabberServiceAtom.h"
 #include "common/Format.h"
 #include "common/Text.h"
+#include "config/JabberPaths.h"
 #include "config/MasterConfiguration.h"
 
 namespace tessard {

@@ -1,12 +1,12 @@
 #include <array>
 #include <cerrno>
 
-#include "atoms/JabberPaths.h"
 #include "atoms/JabberServiceAtom.h"
 #include "common/DurableReplace.h"
 #include "common/Format.h"
 #include "common/Text.h"
 #include "common/Utf8.h"
+#include "config/JabberPaths.h"
 
 namespace tessard {
 

@@ -1,9 +1,9 @@
 #include "atoms/AuthenticationLevel.h"
-#include "atoms/JabberPaths.h"
 #include "atoms/JabberServiceAtom.h"
 #include "common/Format.h"
 #include "common/Text.h"
 #include "common/Utf8.h"
+#include "config/JabberPaths.h"
 #include "config/MasterConfiguration.h"
 
 namespace tessard {

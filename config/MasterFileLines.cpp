@@ -53,4 +53,17 @@ bool breaksLine(std::string_view text) {
   return false;
 }
 
+// Comments begin at the line's start, names end at blanks and tabs, but only blanks stand between name and
+// path.
+std::optional<ListedComponent> listedComponentIn(std::string_view line) {
+  if (line.starts_with('#')) return std::nullopt;
+  const auto words = wordsOf(line, " ");
+  if (words.size() < 2) return std::nullopt;
+  const std::string_view kind = words[0];
+  if (kind != "router" && kind != "sm" && kind != "s2s" && kind != "c2s") return std::nullopt;
+  std::string_view path = words[1];
+  if (path.ends_with(';')) path = path.substr(0, path.find(';'));
+  return ListedComponent{std::string(kind), std::string(path)};
+}
+
 }  // namespace tessard

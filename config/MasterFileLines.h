@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,5 +23,14 @@ std::vector<std::string_view> wordsOf(std::string_view line, std::string_view se
 /// Whether a text holds white space, control characters or newline characters: such a text cannot be a path
 /// in a line of the master file.
 bool breaksLine(std::string_view text);
+
+/// A component line as who starts the components reads it.
+struct ListedComponent {
+  std::string kind;  ///< "router", "sm", "s2s" or "c2s"
+  std::string path;
+};
+
+/// Absent for a line that lists no component.
+std::optional<ListedComponent> listedComponentIn(std::string_view line);
 
 }  // namespace tessard

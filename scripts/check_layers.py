@@ -16,7 +16,7 @@ ALLOWED = {
     "handler": {"coordinator", "atoms", "config", "common"},
     "platform": {"common"},
     "bundle": {"handler", "coordinator", "atoms", "config", "common", "platform"},
-    "host": {"platform", "common"},
+    "host": {"platform", "config", "common"},
     "programs": {"platform", "config", "common"},
     "bench": {"host", "platform", "config", "common"},
 }

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <utility>
 
 #include "common/Format.h"
 #include "common/XmlDocument.h"
+#include "config/LiveElements.h"
 #include "config/MasterFileLines.h"
 
 namespace tessard {
@@ -27,59 +29,31 @@ std::optional<Kind> kindNamed(std::string_view name) {
   return std::nullopt;
 }
 
-// By the grammar of the master file: comments begin at the line's start, names end at blanks and tabs, but
-// only blanks stand between name and path.
 std::optional<Component> componentInLine(std::string_view line) {
-  if (line.starts_with('#')) return std::nullopt;
-  const auto words = wordsOf(line, " ");
-  const auto kind = words.size() < 2 ? std::nullopt : kindNamed(words[0]);
+  auto listed = listedComponentIn(line);
+  const auto kind = listed ? kindNamed(listed->kind) : std::nullopt;
   if (!kind) return std::nullopt;
-  std::string_view path = words[1];
-  if (path.ends_with(';')) path = path.substr(0, path.find(';'));
   Component component;
   component.kind = *kind;
-  component.file = path;
+  component.file = std::move(listed->path);
   return component;
 }
 
-std::vector<std::string> valuesAt(const XmlNode& root, std::initializer_list<std::string_view> path) {
-  std::vector<XmlNode> nodes{root};
-  for (const std::string_view name : path) {
-    std::vector<XmlNode> next;
-    for (const XmlNode& node : nodes) {
-      for (const XmlNode& child : node.children()) {
-        if (child.isElement() && child.name() == name) next.push_back(child);
-      }
-    }
-    nodes = std::move(next);
-  }
-  std::vector<std::string> values;
-  values.reserve(nodes.size());
-  for (const XmlNode& node : nodes) values.push_back(node.stringValue());
-  return values;
-}
-
-std::string valueAt(const XmlNode& root, std::initializer_list<std::string_view> path) {
-  const auto values = valuesAt(root, path);
-  return values.empty() ? "" : values.front();
-}
-
-std::uint16_t portAt(const XmlNode& root, std::initializer_list<std::string_view> path,
-                     std::uint16_t standard) {
-  const std::string text = valueAt(root, path);
+std::uint16_t portAt(const XmlNode& root, std::string_view path, std::uint16_t standard) {
+  const std::string text = liveTextAt(root, path);
   std::uint16_t port = standard;
   std::from_chars(text.data(), text.data() + text.size(), port);
   return port;
 }
 
 void fillIn(Component& component, const XmlNode& root) {
-  component.pidFile = valueAt(root, {"pidfile"});
+  component.pidFile = liveTextAt(root, "pidfile");
   if (component.kind == Kind::sessionManager) {
-    component.domains = valuesAt(root, {"local", "id"});
+    component.domains = liveTextsAt(root, "local.id");
     return;
   }
-  component.port = portAt(root, {"local", "port"}, component.kind == Kind::router ? kRouterPort : 0);
-  const std::string address = valueAt(root, {"local", "ip"});
+  component.port = portAt(root, "local.port", component.kind == Kind::router ? kRouterPort : 0);
+  const std::string address = liveTextAt(root, "local.ip");
   const bool everywhere = address.empty() || address == "0.0.0.0" || address == "::";
   if (!everywhere) component.address = address;
 }
