@@ -31,6 +31,7 @@
 #include "host/Version.h"
 #include "host/Watchdog.h"
 #include "host/WorkSlot.h"
+#include "host/check/Checks.h"
 #include "platform/FileDescriptor.h"
 
 namespace tessard {
@@ -155,8 +156,10 @@ class Daemon {
     const ServiceReports services(configuration_.root);
     Certificates certificates(configuration_.root, real_.clock);
     const Metrics metrics(configuration_.root, real_.platform, plugins_, executor_, tally_, slot_);
-    const RequestRouter router(plugins_, executor_, records_, slot_, services, certificates, metrics);
-    HttpServer server(peers, router, slot_, tally_, limits(),
+    Checks checks(configuration_, pluginFacts());
+    WorkSlot checkSlot(std::chrono::seconds(0), [](int /*count*/) {});
+    const RequestRouter router(plugins_, executor_, records_, slot_, services, certificates, metrics, checks);
+    HttpServer server(peers, router, slot_, checkSlot, tally_, limits(),
                       [this](const std::string& sentence) { hostLog_.notice(sentence); });
     if (const auto started = server.start(); !started) return refuse(EX_OSERR, started.error());
     hostLog_.notice(
@@ -172,11 +175,20 @@ class Daemon {
     sd_notify(0, "STOPPING=1");
     hostLog_.notice("Stopping after the request that is running.");
     socket.close();
+    checks.stop();
+    checkSlot.stop();
     slot_.stop();
     monitor_.stop();
     server.stop();
     hostLog_.notice("Stopped.");
     return EX_OK;
+  }
+
+  PluginFacts pluginFacts() const {
+    PluginFacts facts;
+    for (const auto& [name, handler] : plugins_.handlers) facts.loaded.push_back(name);
+    facts.problems.insert(plugins_.problems.begin(), plugins_.problems.end());
+    return facts;
   }
 
   HttpLimits limits() {

@@ -12,7 +12,10 @@ struct HttpRequest {
   std::string path;  ///< without the query
   std::optional<std::string> contentType;
   std::optional<std::string> accept;
-  std::optional<std::string> with;  ///< the query argument of that name
+  // The query arguments of these names.
+  std::optional<std::string> with;
+  std::optional<std::string> only{};
+  std::optional<std::string> timeout{};
   std::string body;
 };
 

@@ -106,10 +106,11 @@ struct HttpServer::Callbacks {
   }
 };
 
-HttpServer::HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot,
+HttpServer::HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot, WorkSlot& beside,
                        RequestTally& tally, HttpLimits limits, std::function<void(const std::string&)> report)
     : router_(router),
       slot_(slot),
+      beside_(beside),
       tally_(tally),
       limits_(limits),
       table_(limits.connections),
@@ -135,6 +136,7 @@ Result<void> HttpServer::start() {
 void HttpServer::acceptUntil(int stopEvent, int listener, Watchdog& watchdog) {
   const auto tick = [&](ConnectionTable::Moment now) {
     slot_.refuseLateJobs(now);
+    beside_.refuseLateJobs(now);
     table_.endSlowConnections(now);
     watchdog.tick(now);
   };
@@ -165,6 +167,8 @@ int HttpServer::beginExchange(MHD_Connection* connection, const char* url, const
   request.contentType = headerOf(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE);
   request.accept = headerOf(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_ACCEPT);
   request.with = headerOf(connection, MHD_GET_ARGUMENT_KIND, "with");
+  request.only = headerOf(connection, MHD_GET_ARGUMENT_KIND, "only");
+  request.timeout = headerOf(connection, MHD_GET_ARGUMENT_KIND, "timeout");
   *context = exchange.release();
   return announcesTooMuch(connection) ? queueAnswer(connection, tooLarge()) : MHD_YES;
 }
@@ -235,7 +239,7 @@ void HttpServer::submit(MHD_Connection* connection, Exchange& exchange, RoutedRe
     }
     answer(std::move(given));
   };
-  slot_.submit(std::move(job));
+  (routed.isBeside ? beside_ : slot_).submit(std::move(job));
 }
 
 int HttpServer::queueAnswer(MHD_Connection* connection, HttpAnswer answer) {

@@ -33,9 +33,10 @@ struct HttpLimits {
 /// it asks for the work slot.
 class HttpServer {
  public:
-  /// All is borrowed and outlives the server. `report` is told of refused clients, one sentence each.
-  HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot, RequestTally& tally,
-             HttpLimits limits, std::function<void(const std::string&)> report);
+  /// All is borrowed and outlives the server. `beside` is for the work that must hold no other work up.
+  /// `report` is told of refused clients, one sentence each.
+  HttpServer(const PeerCheck& peers, const RequestRouter& router, WorkSlot& slot, WorkSlot& beside,
+             RequestTally& tally, HttpLimits limits, std::function<void(const std::string&)> report);
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
   ~HttpServer();
@@ -46,7 +47,7 @@ class HttpServer {
   void acceptUntil(int stopEvent, int listener, Watchdog& watchdog);
 
   /// Sends the answers that are due, waiting for them no longer than a client may take for one, and closes
-  /// every connection. The work slot is to be stopped before.
+  /// every connection. The work slots are to be stopped before.
   void stop();
 
  private:
@@ -64,6 +65,7 @@ class HttpServer {
 
   const RequestRouter& router_;
   WorkSlot& slot_;
+  WorkSlot& beside_;
   RequestTally& tally_;
   const HttpLimits limits_;
   ConnectionTable table_;

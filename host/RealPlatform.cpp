@@ -16,13 +16,7 @@ namespace {
 constexpr uid_t kServiceUser = 84;
 constexpr gid_t kRootGroup = 0;
 
-// An ordinary user can give files to nobody else: on that user's scratch root its own ids stand for those.
-OwnerMap ownersForThisUser() {
-  if (geteuid() == 0) return {};
-  return {{{kServiceUser, geteuid()}}, {{kRootGroup, getegid()}}};
-}
-
-// The same for the access lists of the keychain, which name root.
+// The same as `ownersForThisUser` for the access lists of the keychain, which name root.
 constexpr uid_t kRootUser = 0;
 
 OwnerMap rootIsThisUser() {
@@ -51,6 +45,11 @@ SystemdTasks::Rights missingRights(const HostConfiguration& configuration) {
 }
 
 }  // namespace
+
+OwnerMap ownersForThisUser() {
+  if (geteuid() == 0) return {};
+  return {{{kServiceUser, geteuid()}}, {{kRootGroup, getegid()}}};
+}
 
 RealPlatform::RealPlatform(const HostConfiguration& configuration)
     : directory(configuration.root),

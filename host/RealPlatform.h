@@ -7,6 +7,7 @@
 #include "platform/DirectoryBundles.h"
 #include "platform/LinuxHostNames.h"
 #include "platform/LinuxProcesses.h"
+#include "platform/OwnerMap.h"
 #include "platform/PosixFileSystem.h"
 #include "platform/PosixTasks.h"
 #include "platform/SystemClock.h"
@@ -20,6 +21,10 @@
 #include "platform/logs/LinuxLogReader.h"
 
 namespace tessard {
+
+/// An ordinary user can give files to nobody else: on that user's scratch root its own ids stand for those of
+/// the service's account and of root's group.
+OwnerMap ownersForThisUser();
 
 /// The real parts of everything outside, for the system root of a configuration. Where the process is not
 /// root's, its own ids stand on disk for those of root and of the service's account.

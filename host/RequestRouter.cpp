@@ -19,6 +19,8 @@ constexpr std::string_view kHealthPath = "/v1/health";
 constexpr std::string_view kServicesPath = "/v1/services";
 constexpr std::string_view kMetricsPath = "/v1/metrics";
 constexpr std::string_view kCertificatesPath = "/v1/certificates";
+constexpr std::string_view kCheckPath = "/v1/check";
+constexpr std::string_view kCheckAreasPath = "/v1/check/areas";
 
 // Collectors give up after ten seconds, unless told otherwise.
 constexpr std::chrono::seconds kMetricsPatience{5};
@@ -115,10 +117,12 @@ struct RequestRouter::Body {
 RoutedRequest RequestRouter::route(HttpRequest request) const {
   const bool isPlugin = request.path.starts_with(kPluginsPath);
   const bool isEvent = request.path == kIdlePath || request.path == kNetworkChangePath;
-  const bool isRead = request.path == kHealthPath || request.path == kServicesPath;
+  const bool isRead =
+      request.path == kHealthPath || request.path == kServicesPath || request.path == kCheckAreasPath;
+  const bool isCheck = request.path == kCheckPath;
   const bool isMetrics = request.path == kMetricsPath;
   const bool isCertificates = request.path == kCertificatesPath;
-  if (!isPlugin && !isEvent && !isRead && !isMetrics && !isCertificates) {
+  if (!isPlugin && !isEvent && !isRead && !isMetrics && !isCertificates && !isCheck) {
     return answered(errorAnswer(404, "not-found", fill("There is nothing at \"%@\".", {request.path})));
   }
   if (request.with && *request.with != "log") {
@@ -126,6 +130,7 @@ RoutedRequest RequestRouter::route(HttpRequest request) const {
   }
   if (isRead) return answered(routeRead(request));
   if (isMetrics) return routeMetrics(std::move(request));
+  if (isCheck) return routeCheck(std::move(request));
   if (isCertificates) return routeCertificates(std::move(request));
   if (request.method != "POST") return answered(methodNotAllowed("POST"));
   return isPlugin ? routePlugin(std::move(request)) : routeEvent(std::move(request));
@@ -222,6 +227,21 @@ RoutedRequest RequestRouter::routeMetrics(HttpRequest request) const {
   return routed;
 }
 
+RoutedRequest RequestRouter::routeCheck(HttpRequest request) const {
+  if (request.method != "GET" && request.method != "HEAD") return answered(methodNotAllowed("GET, HEAD"));
+  CheckWishes wishes;
+  HttpAnswer refusal;
+  if (!CheckWishes::read(request, wishes, refusal)) return answered(std::move(refusal));
+  RoutedRequest routed;
+  routed.label = "check";
+  routed.isBeside = true;
+  routed.work = [this, request = std::move(request),
+                 wishes = std::move(wishes)](const Requester& /*requester*/) {
+    return answerTo(request, MediaType::json(), checks_.run(wishes), {});
+  };
+  return routed;
+}
+
 HttpAnswer RequestRouter::runEvent(const HttpRequest& request, const Body& body,
                                    const Requester& requester) const {
   const std::string name = lastPathComponent(request.path);
@@ -249,8 +269,9 @@ HttpAnswer RequestRouter::runEvent(const HttpRequest& request, const Body& body,
 
 HttpAnswer RequestRouter::routeRead(const HttpRequest& request) const {
   if (request.method != "GET" && request.method != "HEAD") return methodNotAllowed("GET, HEAD");
-  return serialized(MediaType::forAnswer(request.accept, MediaType::json()),
-                    request.path == kHealthPath ? health() : Dictionary{{"services", services_.all()}});
+  const MediaType type = MediaType::forAnswer(request.accept, MediaType::json());
+  if (request.path == kCheckAreasPath) return serialized(type, Checks::areas());
+  return serialized(type, request.path == kHealthPath ? health() : Dictionary{{"services", services_.all()}});
 }
 
 Dictionary RequestRouter::health() const {

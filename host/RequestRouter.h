@@ -16,6 +16,7 @@
 #include "host/Requester.h"
 #include "host/ServiceReports.h"
 #include "host/WorkSlot.h"
+#include "host/check/Checks.h"
 
 namespace tessard {
 
@@ -25,6 +26,7 @@ struct RoutedRequest {
   std::string label{};  ///< of the work
   std::function<HttpAnswer(const Requester&)> work{};
   std::size_t bytes = 0;  ///< of memory that the work takes while it waits, about
+  bool isBeside = false;  ///< for the slot of work that must hold no other work up
   /// For work that is not worth a longer wait: how long it may take until its turn, and what is answered
   /// otherwise, on any thread.
   std::optional<std::chrono::seconds> patience{};
@@ -39,6 +41,8 @@ struct RoutedRequest {
 ///   GET  /v1/metrics                 see `Metrics`; waits for its turn for a few seconds at most
 ///   GET  /v1/certificates            the keychain's certificates, see `Certificates`
 ///   POST /v1/certificates            a dictionary with the "file" to import, see `Certificates`
+///   GET  /v1/check                   what is wrong, see `Checks`; in the slot beside the work's
+///   GET  /v1/check/areas             what can be found; answered at once
 ///   GET  /v1/services                {"services": how each is doing}, see `ServiceReports`; answered at once
 /// Events answer {"plugins": [names]}. With "?with=log" the answer is {"answer": ..., "log": [...]}.
 /// Errors are those of `errorAnswer`, with the ids that docs/requests.md lists.
@@ -47,14 +51,15 @@ class RequestRouter {
   /// All is borrowed; `plugins` is not changed any more.
   RequestRouter(const Plugins& plugins, RequestExecutor& executor, RequestRecords& records,
                 const WorkSlot& slot, const ServiceReports& services, Certificates& certificates,
-                const Metrics& metrics)
+                const Metrics& metrics, Checks& checks)
       : plugins_(plugins),
         executor_(executor),
         records_(records),
         slot_(slot),
         services_(services),
         certificates_(certificates),
-        metrics_(metrics) {}
+        metrics_(metrics),
+        checks_(checks) {}
 
   /// May be called on any thread; `work` runs on the slot's. May throw.
   RoutedRequest route(HttpRequest request) const;
@@ -71,6 +76,7 @@ class RequestRouter {
   RoutedRequest routeEvent(HttpRequest request) const;
   RoutedRequest routeMetrics(HttpRequest request) const;
   RoutedRequest routeCertificates(HttpRequest request) const;
+  RoutedRequest routeCheck(HttpRequest request) const;
   HttpAnswer runEvent(const HttpRequest& request, const Body& body, const Requester& requester) const;
   HttpAnswer importCertificates(const HttpRequest& request, const Body& body,
                                 const Requester& requester) const;
@@ -82,6 +88,7 @@ class RequestRouter {
   const ServiceReports& services_;
   Certificates& certificates_;
   const Metrics& metrics_;
+  Checks& checks_;
 };
 
 }  // namespace tessard

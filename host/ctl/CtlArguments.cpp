@@ -41,6 +41,10 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
     result.file = value;
   } else if (option == "--format") {
     result.format = value;
+  } else if (option == "--only") {
+    result.only = value;
+  } else if (option == "--timeout") {
+    result.timeout = value;
   } else if (option == "--output") {
     result.output = value;
   } else if (option == "--lines" || option == "-n") {
@@ -55,7 +59,8 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
 
 bool needsValue(const std::string& option) {
   return option == "--socket" || option == "--plugin" || option == "--file" || option == "--output" ||
-         option == "--format" || option == "--lines" || option == "-n" || option == "--filter";
+         option == "--format" || option == "--only" || option == "--timeout" || option == "--lines" ||
+         option == "-n" || option == "--filter";
 }
 
 constexpr const char* kHelp =
@@ -110,6 +115,11 @@ constexpr const char* kHelp =
     "                              tessardctl log --filter c2s --follow\n"
     "  log --list                  the identifiers of the logs and their files\n"
     "                              tessardctl log --list\n"
+    "  check [--only AREA[,AREA]...] [--timeout SECONDS]\n"
+    "                              everything that is wrong with the service, with a remedy for each; the "
+    "time\n"
+    "                              is for each area; --list tells the areas\n"
+    "                              tessardctl check --only xml,ports\n"
     "  request COMMAND [JSON]      any request, with further entries of its dictionary; prints JSON\n"
     "                              tessardctl request getState '{\"variant\": \"withDetails\"}'\n"
     "  metrics [--output FILE]     what can be measured, in the text format of Prometheus; the file is\n"
@@ -130,9 +140,9 @@ constexpr const char* kHelp =
     "  --plugin NAME   the plug-in to ask (default notification)\n"
     "  --help, --version\n"
     "\n"
-    "Exit status: 0 done; 1 \"settings diff\" has found differences; 64 wrong usage; 65 wrong data; 66 a "
-    "file that cannot be read; 69 the daemon "
-    "or the\n"
+    "Exit status: 0 done; 1 \"settings diff\" has found differences, or \"check\" warnings; 2 \"check\" has "
+    "found\n"
+    "errors; 64 wrong usage; 65 wrong data; 66 a file that cannot be read; 69 the daemon or the\n"
     "service is not available; 70 the request failed; 73 a directory or file could not be made; 74 the "
     "connection\n"
     "or the output broke; 75 busy, try again; 76 an answer that is none; 77 no permission.\n";

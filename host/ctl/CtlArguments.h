@@ -18,6 +18,8 @@ struct CtlArguments {
   std::optional<std::string> lines;    ///< of --lines, as it was given
   std::vector<std::string> filters{};  ///< of every --filter
   std::optional<std::string> format;   ///< of --format
+  std::optional<std::string> only;     ///< of --only
+  std::optional<std::string> timeout;  ///< of --timeout, as it was given
   bool showSecrets = false;
   bool check = false;
   bool follow = false;

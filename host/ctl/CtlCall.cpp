@@ -10,7 +10,7 @@ namespace tessard {
 namespace {
 
 int exitCodeFor(int status, const std::string& id) {
-  if (id == "unknown-command") return EX_USAGE;
+  if (id == "unknown-command" || id == "unknown-area") return EX_USAGE;
   switch (status) {
     case 400:
     case 413:

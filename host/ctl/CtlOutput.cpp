@@ -1,5 +1,6 @@
 #include "host/ctl/CtlOutput.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -15,6 +16,13 @@ namespace {
 bool isLateControl(const std::string& text, std::size_t index) {
   return text[index] == '\xc2' && index + 1 < text.size() && static_cast<signed char>(text[index + 1]) < -96;
 }
+
+bool isSet(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value && *value;
+}
+
+}  // namespace
 
 std::string printable(const std::string& text) {
   std::string result;
@@ -34,15 +42,16 @@ std::string printable(const std::string& text) {
   return result;
 }
 
-bool isSet(const char* variable) {
-  const char* value = std::getenv(variable);
-  return value && *value;
-}
-
-}  // namespace
-
 CtlOutput::CtlOutput(bool json)
     : json_(json), terminal_(isatty(STDERR_FILENO) == 1), colour_(terminal_ && !isSet("NO_COLOR")) {}
+
+std::optional<std::size_t> CtlOutput::columns() const {
+  winsize size{};
+  if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+  const char* wanted = std::getenv("COLUMNS");
+  const long columns = wanted ? std::strtol(wanted, nullptr, 10) : 0;
+  return columns > 0 ? std::optional<std::size_t>(columns) : std::nullopt;
+}
 
 void CtlOutput::line(const std::string& text) const {
   std::fprintf(stdout, "%s\n", printable(text).c_str());

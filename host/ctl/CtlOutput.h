@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
 
 #include "common/Value.h"
@@ -14,6 +16,9 @@ class CtlOutput {
 
   bool json() const { return json_; }
   bool terminal() const { return terminal_; }  ///< whether a person sees standard error as it is written
+
+  /// The width of the terminal that standard output is; absent where it is none, unless COLUMNS says so.
+  std::optional<std::size_t> columns() const;
 
   void line(const std::string& text) const;
   /// Lines that are written as they are.
@@ -40,6 +45,9 @@ class CtlOutput {
   bool terminal_;
   bool colour_;
 };
+
+/// A text as it is shown: what a terminal would obey stands as its number.
+std::string printable(const std::string& text);
 
 /// A value in one line for people, without characters that a terminal would obey.
 std::string readable(const Value& value);

@@ -11,6 +11,7 @@ int runServices(CtlCall& call);
 int runServiceUser(CtlCall& call);
 int runLog(CtlCall& call);
 int runCertificate(CtlCall& call);
+int runCheck(CtlCall& call);
 int runMetrics(CtlCall& call);
 
 }  // namespace tessard

@@ -85,11 +85,13 @@ std::optional<std::string> strayOption(const CtlArguments& arguments) {
   if (arguments.showSecrets && !(settings && (second == "get" || second == "export")))
     return "--show-secrets belongs to \"settings get\" and \"settings export\".";
   if (arguments.output && verb != "metrics") return "--output belongs to \"metrics\".";
+  if (arguments.only && verb != "check") return "--only belongs to \"check\".";
+  if (arguments.timeout && verb != "check") return "--timeout belongs to \"check\".";
   if (verb == "log") return std::nullopt;
   if (arguments.lines) return "--lines belongs to \"log\".";
   if (!arguments.filters.empty()) return "--filter belongs to \"log\".";
   if (arguments.follow) return "--follow belongs to \"log\".";
-  if (arguments.list) return "--list belongs to \"log\".";
+  if (arguments.list && verb != "check") return "--list belongs to \"log\" and \"check\".";
   return std::nullopt;
 }
 
@@ -106,9 +108,10 @@ int runVerb(const CtlArguments& arguments, const CtlOutput& output) {
       {"health", health},
   };
   const std::map<std::string, std::function<int(CtlCall&)>> verbsWithWords = {
-      {"settings", runSettings}, {"services", runServices},       {"service-user", runServiceUser},
-      {"log", runLog},           {"certificate", runCertificate}, {"request", request},
-      {"metrics", runMetrics},
+      {"settings", runSettings},        {"services", runServices},
+      {"service-user", runServiceUser}, {"log", runLog},
+      {"certificate", runCertificate},  {"request", request},
+      {"metrics", runMetrics},          {"check", runCheck},
   };
   const Words& words = arguments.words;
   if (words.empty()) return call.usage("No verb is given.");

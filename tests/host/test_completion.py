@@ -51,7 +51,7 @@ def test_every_second_word_of_the_help_is_proposed(help_text, verb):
 def test_every_option_of_the_help_is_proposed_somewhere(help_text):
     options = set(re.findall(r"--[a-z-]+", help_text))
     lines = [["-"], ["state", "-"], ["settings", "get", "-"], ["settings", "set", "-"], ["settings", "export", "-"],
-             ["settings", "apply", "-"], ["log", "-"], ["metrics", "-"]]
+             ["settings", "apply", "-"], ["log", "-"], ["metrics", "-"], ["check", "-"]]
     assert {option for line in lines for option in proposed(*line) if option.startswith("--")} == options
 
 
@@ -80,6 +80,7 @@ def test_the_daemons_settings_and_logs_are_proposed(pluginRoot, makeDaemon, tmp_
     assert "authLevel" in proposed("settings", "get", "", path=tmp_path)
     assert proposed("settings", "set", "auth", path=tmp_path) == ["authLevel="]
     assert "JABBER_LOG" in proposed("log", "", path=tmp_path)
+    assert proposed("check", "--only", "xml,fi", path=tmp_path) == ["xml,files"]
 
 
 def test_without_a_daemon_nothing_is_proposed_and_nothing_said():
