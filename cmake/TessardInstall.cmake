@@ -19,6 +19,7 @@ install(CODE [[
 
 install(DIRECTORY share/templates DESTINATION share/tessardd)
 install(DIRECTORY share/Beaconry share/bash-completion DESTINATION share)
+install(PROGRAMS share/certbot-deploy-hook DESTINATION share/tessardctl)
 install(DIRECTORY share/man/ DESTINATION share/man)
 install(DIRECTORY share/systemd/ DESTINATION lib/systemd/system)
 install(DIRECTORY share/sysusers.d share/tmpfiles.d DESTINATION lib)

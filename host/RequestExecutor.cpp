@@ -58,6 +58,14 @@ std::optional<Dictionary> RequestExecutor::settings(PluginRequestHandler& handle
   return *found;
 }
 
+Result<void> RequestExecutor::change(const std::function<Result<void>()>& work) {
+  journal_.startRequest();
+  auto done = work();
+  const bool kept = journal_.finishRequest(!done.ok());
+  if (done && !kept) return SystemError(EIO, "the change could not be kept");
+  return done;
+}
+
 ExecutionOutcome RequestExecutor::idle(PluginRequestHandler& handler, int count) {
   return guarded("idle", [&](ExecutionOutcome&) { handler.doIdleAtCount(count); });
 }

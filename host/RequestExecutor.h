@@ -54,6 +54,10 @@ class RequestExecutor : public Object {
   /// hears of a failure, which is absent.
   std::optional<Dictionary> settings(PluginRequestHandler& handler, Array keys);
 
+  /// A change of files that the daemon itself makes, through the platform: kept when it succeeds, and put
+  /// back when it fails.
+  Result<void> change(const std::function<Result<void>()>& work);
+
   ExecutionOutcome idle(PluginRequestHandler& handler, int count);
   ExecutionOutcome networkChanged(PluginRequestHandler& handler, const NetworkChangeContext& context);
 

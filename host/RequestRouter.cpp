@@ -21,6 +21,7 @@ constexpr std::string_view kMetricsPath = "/v1/metrics";
 constexpr std::string_view kCertificatesPath = "/v1/certificates";
 constexpr std::string_view kCheckPath = "/v1/check";
 constexpr std::string_view kCheckAreasPath = "/v1/check/areas";
+constexpr std::string_view kTlsCertificatePath = "/v1/tls-certificate";
 
 // Collectors give up after ten seconds, unless told otherwise.
 constexpr std::chrono::seconds kMetricsPatience{5};
@@ -77,6 +78,14 @@ HttpAnswer answerTo(const HttpRequest& request, const MediaType& sent, KeychainR
   return answerTo(request, sent, std::move(answer).value(), {});
 }
 
+HttpAnswer answerTo(const HttpRequest& request, const MediaType& sent, TlsCertificate::Answer answer) {
+  if (answer.status == 200) {
+    return answerTo(request, sent, std::move(answer.content), std::move(answer.log));
+  }
+  if (request.with) answer.content.set("log", std::move(answer.log));
+  return {answer.status, "application/json", serializeJson(answer.content) + "\n"};
+}
+
 HttpAnswer methodNotAllowed(std::string_view allowed) {
   HttpAnswer answer = errorAnswer(405, "method-not-allowed", fill("Only %@ is possible here.", {allowed}));
   answer.allow = allowed;
@@ -122,7 +131,8 @@ RoutedRequest RequestRouter::route(HttpRequest request) const {
   const bool isCheck = request.path == kCheckPath;
   const bool isMetrics = request.path == kMetricsPath;
   const bool isCertificates = request.path == kCertificatesPath;
-  if (!isPlugin && !isEvent && !isRead && !isMetrics && !isCertificates && !isCheck) {
+  const bool isTlsCertificate = request.path == kTlsCertificatePath;
+  if (!isPlugin && !isEvent && !isRead && !isMetrics && !isCertificates && !isTlsCertificate && !isCheck) {
     return answered(errorAnswer(404, "not-found", fill("There is nothing at \"%@\".", {request.path})));
   }
   if (request.with && *request.with != "log") {
@@ -132,6 +142,7 @@ RoutedRequest RequestRouter::route(HttpRequest request) const {
   if (isMetrics) return routeMetrics(std::move(request));
   if (isCheck) return routeCheck(std::move(request));
   if (isCertificates) return routeCertificates(std::move(request));
+  if (isTlsCertificate) return routeTlsCertificate(std::move(request));
   if (request.method != "POST") return answered(methodNotAllowed("POST"));
   return isPlugin ? routePlugin(std::move(request)) : routeEvent(std::move(request));
 }
@@ -212,6 +223,51 @@ HttpAnswer RequestRouter::importCertificates(const HttpRequest& request, const B
   // The bytes may be a key's.
   if (audited.stringFor("file")) audited.set("file", Data{*audited.stringFor("file")});
   records_.changed({"keychain", "import", std::move(audited), {}}, requester, outcome);
+  return answerTo(request, body.type, std::move(answer));
+}
+
+RoutedRequest RequestRouter::routeTlsCertificate(HttpRequest request) const {
+  if (request.method == "GET" || request.method == "HEAD") {
+    return {std::nullopt, "tls-certificate",
+            [this, request = std::move(request)](const Requester& /*requester*/) {
+              const WipedMemory wiped;  // the file holds a private key
+              return answerTo(request, MediaType::json(), tlsCertificate_.current());
+            }};
+  }
+  if (request.method != "POST") return answered(methodNotAllowed("GET, HEAD, POST"));
+  Body body = Body::of(std::exchange(request.body, {}), request.contentType, false);
+  if (body.refusal) return answered(std::move(*body.refusal));
+  const std::size_t bytes = footprintOf(body.content);
+  return {std::nullopt, "tls-certificate import",
+          [this, request = std::move(request), body = std::move(body)](const Requester& requester) mutable {
+            const WipedMemory wiped;
+            HttpAnswer answer = importTlsCertificate(request, body, requester);
+            body.content = Dictionary();
+            return answer;
+          },
+          bytes};
+}
+
+HttpAnswer RequestRouter::importTlsCertificate(const HttpRequest& request, const Body& body,
+                                               const Requester& requester) const {
+  auto answer = tlsCertificate_.import(body.content);
+  const Value* check = body.content.find("check");
+  if (!check || !check->boolValue()) {
+    // Nothing of the body: what was sent as a certificate may be a key.
+    Dictionary audited;
+    for (const char* key : {"file", "changed", "restarted"}) {
+      if (const Value* value = answer.content.find(key)) audited.set(key, *value);
+    }
+    if (const Dictionary* certificate = answer.content.dictionaryFor("certificate")) {
+      for (const char* key : {"subject", "sha256"}) {
+        if (const Value* value = certificate->find(key)) audited.set(key, *value);
+      }
+    }
+    ExecutionOutcome outcome;
+    if (const std::string* error = answer.content.stringFor("error")) outcome.answer.set("error", *error);
+    outcome.log = answer.log;
+    records_.changed({"tls-certificate", "import", std::move(audited), {}}, requester, outcome);
+  }
   return answerTo(request, body.type, std::move(answer));
 }
 

@@ -15,6 +15,7 @@
 #include "host/RequestRecords.h"
 #include "host/Requester.h"
 #include "host/ServiceReports.h"
+#include "host/TlsCertificate.h"
 #include "host/WorkSlot.h"
 #include "host/check/Checks.h"
 
@@ -43,6 +44,8 @@ struct RoutedRequest {
 ///   POST /v1/certificates            a dictionary with the "file" to import, see `Certificates`
 ///   GET  /v1/check                   what is wrong, see `Checks`; in the slot beside the work's
 ///   GET  /v1/check/areas             what can be found; answered at once
+///   GET  /v1/tls-certificate         the certificate that clients are shown, see `TlsCertificate`
+///   POST /v1/tls-certificate         a dictionary with the one to be shown from now on
 ///   GET  /v1/services                {"services": how each is doing}, see `ServiceReports`; answered at once
 /// Events answer {"plugins": [names]}. With "?with=log" the answer is {"answer": ..., "log": [...]}.
 /// Errors are those of `errorAnswer`, with the ids that docs/requests.md lists.
@@ -51,13 +54,14 @@ class RequestRouter {
   /// All is borrowed; `plugins` is not changed any more.
   RequestRouter(const Plugins& plugins, RequestExecutor& executor, RequestRecords& records,
                 const WorkSlot& slot, const ServiceReports& services, Certificates& certificates,
-                const Metrics& metrics, Checks& checks)
+                TlsCertificate& tlsCertificate, const Metrics& metrics, Checks& checks)
       : plugins_(plugins),
         executor_(executor),
         records_(records),
         slot_(slot),
         services_(services),
         certificates_(certificates),
+        tlsCertificate_(tlsCertificate),
         metrics_(metrics),
         checks_(checks) {}
 
@@ -77,9 +81,12 @@ class RequestRouter {
   RoutedRequest routeMetrics(HttpRequest request) const;
   RoutedRequest routeCertificates(HttpRequest request) const;
   RoutedRequest routeCheck(HttpRequest request) const;
+  RoutedRequest routeTlsCertificate(HttpRequest request) const;
   HttpAnswer runEvent(const HttpRequest& request, const Body& body, const Requester& requester) const;
   HttpAnswer importCertificates(const HttpRequest& request, const Body& body,
                                 const Requester& requester) const;
+  HttpAnswer importTlsCertificate(const HttpRequest& request, const Body& body,
+                                  const Requester& requester) const;
 
   const Plugins& plugins_;
   RequestExecutor& executor_;
@@ -87,6 +94,7 @@ class RequestRouter {
   const WorkSlot& slot_;
   const ServiceReports& services_;
   Certificates& certificates_;
+  TlsCertificate& tlsCertificate_;
   const Metrics& metrics_;
   Checks& checks_;
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 
 #include "common/Format.h"
 
@@ -20,6 +21,8 @@ bool takeFlag(CtlArguments& result, const std::string& argument) {
     result.showSecrets = true;
   } else if (argument == "--check") {
     result.check = true;
+  } else if (argument == "--force") {
+    result.force = true;
   } else if (argument == "--list") {
     result.list = true;
   } else if (argument == "--help" || argument == "-h") {
@@ -32,7 +35,23 @@ bool takeFlag(CtlArguments& result, const std::string& argument) {
   return true;
 }
 
+bool takeCertificateFile(CtlArguments& result, const std::string& option, const std::string& value) {
+  const std::map<std::string, std::optional<std::string>*> places = {
+      {"--certificate", &result.certificate},
+      {"--key", &result.key},
+      {"--chain", &result.chain},
+      {"--pkcs12", &result.pkcs12},
+      {"--from-certbot", &result.fromCertbot},
+      {"--passphrase-file", &result.passPhraseFile},
+      {"--passphrase-fd", &result.passPhraseNumber}};
+  const auto place = places.find(option);
+  if (place == places.end()) return false;
+  *place->second = value;
+  return true;
+}
+
 bool takeValue(CtlArguments& result, const std::string& option, const std::string& value) {
+  if (takeCertificateFile(result, option, value)) return true;
   if (option == "--socket") {
     result.socketPath = value;
   } else if (option == "--plugin") {
@@ -58,9 +77,10 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
 }
 
 bool needsValue(const std::string& option) {
-  return option == "--socket" || option == "--plugin" || option == "--file" || option == "--output" ||
-         option == "--format" || option == "--only" || option == "--timeout" || option == "--lines" ||
-         option == "-n" || option == "--filter";
+  CtlArguments unused;
+  return takeCertificateFile(unused, option, "") || option == "--socket" || option == "--plugin" ||
+         option == "--file" || option == "--output" || option == "--format" || option == "--only" ||
+         option == "--timeout" || option == "--lines" || option == "-n" || option == "--filter";
 }
 
 constexpr const char* kHelp =
@@ -109,6 +129,20 @@ constexpr const char* kHelp =
     "                              tessardctl certificate set push.example.com\n"
     "  certificate clear           takes that back\n"
     "                              tessardctl certificate clear\n"
+    "  tls-certificate show        the certificate that clients are shown, on disk and at the service's "
+    "ports\n"
+    "                              tessardctl tls-certificate show\n"
+    "  tls-certificate import --certificate FILE [--key FILE] [--chain FILE]\n"
+    "  tls-certificate import --pkcs12 FILE\n"
+    "  tls-certificate import --from-certbot DOMAIN|DIRECTORY\n"
+    "                              examines a certificate, makes it the one of the service, restarts that, "
+    "and\n"
+    "                              looks whether clients get it; goes back to the former one otherwise\n"
+    "                              tessardctl tls-certificate import --from-certbot push.example.com\n"
+    "      --check                 only examines it\n"
+    "      --force                 takes it without a served domain's name, too\n"
+    "      --passphrase-file FILE, --passphrase-fd NUMBER\n"
+    "                              where the pass phrase is, on the first line; otherwise it is asked for\n"
     "  log [IDENTIFIER] [--lines N] [--filter TEXT]... [--follow]\n"
     "                              the newest lines (100) of a log (JABBER_LOG) that hold every TEXT;\n"
     "                              --follow goes on with new ones until Ctrl-C\n"

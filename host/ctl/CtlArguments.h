@@ -13,14 +13,22 @@ struct CtlArguments {
   std::vector<std::string> words;  ///< the verb and what belongs to it, without options
   std::string socketPath = "/run/tessardd/tessardd.sock";
   std::string plugin = "notification";
-  std::optional<std::string> file;     ///< of --file
-  std::optional<std::string> output;   ///< of --output
-  std::optional<std::string> lines;    ///< of --lines, as it was given
-  std::vector<std::string> filters{};  ///< of every --filter
-  std::optional<std::string> format;   ///< of --format
-  std::optional<std::string> only;     ///< of --only
-  std::optional<std::string> timeout;  ///< of --timeout, as it was given
+  std::optional<std::string> file;              ///< of --file
+  std::optional<std::string> output;            ///< of --output
+  std::optional<std::string> lines;             ///< of --lines, as it was given
+  std::vector<std::string> filters{};           ///< of every --filter
+  std::optional<std::string> format;            ///< of --format
+  std::optional<std::string> only;              ///< of --only
+  std::optional<std::string> timeout;           ///< of --timeout, as it was given
+  std::optional<std::string> certificate;       ///< of --certificate
+  std::optional<std::string> key;               ///< of --key
+  std::optional<std::string> chain;             ///< of --chain
+  std::optional<std::string> pkcs12;            ///< of --pkcs12
+  std::optional<std::string> fromCertbot;       ///< of --from-certbot
+  std::optional<std::string> passPhraseFile;    ///< of --passphrase-file
+  std::optional<std::string> passPhraseNumber;  ///< of --passphrase-fd, as it was given
   bool showSecrets = false;
+  bool force = false;
   bool check = false;
   bool follow = false;
   bool list = false;

@@ -7,10 +7,9 @@
 
 namespace tessard {
 
-namespace {
-
 int exitCodeFor(int status, const std::string& id) {
   if (id == "unknown-command" || id == "unknown-area") return EX_USAGE;
+  if (id == "cannot-write") return EX_CANTCREAT;
   switch (status) {
     case 400:
     case 413:
@@ -19,6 +18,7 @@ int exitCodeFor(int status, const std::string& id) {
     case 403:
       return EX_NOPERM;
     case 404:
+    case 409:
       return EX_UNAVAILABLE;
     case 408:
     case 503:
@@ -27,8 +27,6 @@ int exitCodeFor(int status, const std::string& id) {
       return EX_SOFTWARE;
   }
 }
-
-}  // namespace
 
 std::string textFor(const Dictionary& dictionary, std::string_view key, const std::string& otherwise) {
   const std::string* text = dictionary.stringFor(key);
@@ -89,19 +87,24 @@ std::optional<std::string> CtlCall::textAt(const std::string& path, int& exitCod
 std::optional<Dictionary> CtlCall::exchange(const std::string& method, const std::string& path,
                                             const std::string& body, std::string_view expected,
                                             std::string& id, int& exitCode) {
+  int status = 0;
+  auto answer = answerOf(method, path, body, status, exitCode);
+  if (!answer || status == 200) return answer;
+  id = textFor(*answer, "error", "");
+  if (!id.empty() && id == expected) return std::nullopt;
+  showLog(*answer);
+  exitCode = hostFailure(status, *answer);
+  return std::nullopt;
+}
+
+std::optional<Dictionary> CtlCall::answerOf(const std::string& method, const std::string& path,
+                                            const std::string& body, int& status, int& exitCode) {
   const auto reply = replyTo(method, path, body, exitCode);
   if (!reply) return std::nullopt;
-  const auto& [status, text] = *reply;
-  const auto answer = parseJson(text);
-  if (!answer || !answer.value().asDictionary()) {
-    exitCode = output_.failure("malformed-answer", "The daemon's answer cannot be read.", EX_PROTOCOL);
-    return std::nullopt;
-  }
-  if (status == 200) return *answer.value().asDictionary();
-  id = textFor(*answer.value().asDictionary(), "error", "");
-  if (!id.empty() && id == expected) return std::nullopt;
-  showLog(*answer.value().asDictionary());
-  exitCode = hostFailure(status, *answer.value().asDictionary());
+  status = reply->status;
+  auto answer = parseJson(reply->body);
+  if (answer && answer.value().asDictionary()) return std::move(*answer.value().asDictionary());
+  exitCode = output_.failure("malformed-answer", "The daemon's answer cannot be read.", EX_PROTOCOL);
   return std::nullopt;
 }
 

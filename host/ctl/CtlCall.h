@@ -46,9 +46,17 @@ class CtlCall {
                                      const std::string& body, std::string_view expected, std::string& id,
                                      int& exitCode);
 
+  /// The same whatever its status is, which is told.
+  std::optional<Dictionary> answerOf(const std::string& method, const std::string& path,
+                                     const std::string& body, int& status, int& exitCode);
+  /// Tells the failure that an answer of another status than 200 stands for.
+  int hostFailure(int status, const Dictionary& answer) const;
+
   /// The text that the daemon itself answers, whatever form it has; absent as above.
   std::optional<std::string> textAt(const std::string& path, int& exitCode);
 
+  /// Shows the lines that a request logged; true when one of them is an error.
+  bool showLog(const Dictionary& wrapped) const;
   /// "key: value" for each entry, or the JSON document.
   int printEntries(const Dictionary& answer) const;
   /// Ends a call that was answered with nothing because service data does not exist: `what` is a sentence's
@@ -59,9 +67,7 @@ class CtlCall {
   void showWaiting(int seconds);
   std::optional<ClientReply> replyTo(const std::string& method, const std::string& path,
                                      const std::string& body, int& exitCode);
-  int hostFailure(int status, const Dictionary& answer) const;
   int pluginFailure(const Dictionary& answer) const;
-  bool showLog(const Dictionary& wrapped) const;
 
   const CtlArguments& arguments_;
   const CtlOutput& output_;
@@ -70,6 +76,9 @@ class CtlCall {
   bool showsParts_ = false;
   bool errorLogged_ = false;
 };
+
+/// The exit code of a failure that the daemon answers with this HTTP status and id.
+int exitCodeFor(int status, const std::string& id);
 
 /// The string under a key, or another text.
 std::string textFor(const Dictionary& dictionary, std::string_view key, const std::string& otherwise);

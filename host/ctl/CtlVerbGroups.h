@@ -12,6 +12,7 @@ int runServiceUser(CtlCall& call);
 int runLog(CtlCall& call);
 int runCertificate(CtlCall& call);
 int runCheck(CtlCall& call);
+int runTlsCertificate(CtlCall& call);
 int runMetrics(CtlCall& call);
 
 }  // namespace tessard

@@ -79,7 +79,14 @@ std::optional<std::string> strayOption(const CtlArguments& arguments) {
   if (arguments.details && verb != "state") return "--details belongs to \"state\".";
   if (arguments.file && (verb != "settings" || second != "set")) return "--file belongs to \"settings set\".";
   const bool settings = verb == "settings";
-  if (arguments.check && !(settings && second == "apply")) return "--check belongs to \"settings apply\".";
+  const bool tlsImport = verb == "tls-certificate" && second == "import";
+  if (arguments.check && !tlsImport && !(settings && second == "apply"))
+    return "--check belongs to \"settings apply\" and \"tls-certificate import\".";
+  if (arguments.force && !tlsImport) return "--force belongs to \"tls-certificate import\".";
+  for (const auto* file : {&arguments.certificate, &arguments.key, &arguments.chain, &arguments.pkcs12,
+                           &arguments.fromCertbot, &arguments.passPhraseFile, &arguments.passPhraseNumber}) {
+    if (*file && !tlsImport) return "Certificate files belong to \"tls-certificate import\".";
+  }
   if (arguments.format && !(settings && second == "export"))
     return "--format belongs to \"settings export\".";
   if (arguments.showSecrets && !(settings && (second == "get" || second == "export")))
@@ -108,10 +115,15 @@ int runVerb(const CtlArguments& arguments, const CtlOutput& output) {
       {"health", health},
   };
   const std::map<std::string, std::function<int(CtlCall&)>> verbsWithWords = {
-      {"settings", runSettings},        {"services", runServices},
-      {"service-user", runServiceUser}, {"log", runLog},
-      {"certificate", runCertificate},  {"request", request},
-      {"metrics", runMetrics},          {"check", runCheck},
+      {"settings", runSettings},
+      {"services", runServices},
+      {"service-user", runServiceUser},
+      {"log", runLog},
+      {"certificate", runCertificate},
+      {"request", request},
+      {"metrics", runMetrics},
+      {"check", runCheck},
+      {"tls-certificate", runTlsCertificate},
   };
   const Words& words = arguments.words;
   if (words.empty()) return call.usage("No verb is given.");

@@ -1,11 +1,8 @@
 #include <sysexits.h>
 
-#include <cerrno>
-#include <fstream>
-#include <iterator>
-
 #include "common/Format.h"
 #include "host/JsonCodec.h"
+#include "host/ctl/CertificateFiles.h"
 #include "host/ctl/CtlVerbGroups.h"
 #include "platform/keychain/SecretInput.h"
 
@@ -18,7 +15,6 @@ using Words = CtlCall::Words;
 const char* const kNameKey = "certificateName";
 const char* const kPath = "/v1/certificates";
 constexpr std::size_t kShownDigits = 16;
-constexpr std::size_t kFileLimit = std::size_t{700} * 1024;  // what a request can carry as base64
 
 bool isTrue(const Dictionary& dictionary, std::string_view key) {
   const Value* value = dictionary.find(key);
@@ -59,17 +55,6 @@ int listCertificates(CtlCall& call) {
   return answer ? printCertificates(call, *answer) : exitCode;
 }
 
-Result<std::string> contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return SystemError::last();
-  std::string content(kFileLimit + 1, '\0');
-  file.read(content.data(), static_cast<std::streamsize>(content.size()));
-  if (file.bad() || (file.gcount() == 0 && !file.eof())) return SystemError(EIO);
-  content.resize(static_cast<std::size_t>(file.gcount()));
-  if (content.size() > kFileLimit) return SystemError(EFBIG);
-  return content;
-}
-
 int tellImported(const CtlCall& call, const Dictionary& answer) {
   const int exitCode = printCertificates(call, answer);
   const Value* added = answer.find("added");
@@ -79,7 +64,7 @@ int tellImported(const CtlCall& call, const Dictionary& answer) {
 }
 
 int importCertificates(CtlCall& call, const std::string& path) {
-  const auto content = contentOf(path);
+  const auto content = certificateFile(path);
   if (!content) {
     return call.output().failure(
         "unusable-file", fill("Cannot use %@: %@.", {path, content.error().description()}), EX_NOINPUT);

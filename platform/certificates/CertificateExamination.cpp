@@ -144,10 +144,12 @@ class Examiner {
            "The certificate is signed by itself: clients refuse it unless they were told to trust it.",
            "Let an authority issue one that clients trust.");
     } else if (verdict.trust == ChainTrust::incomplete) {
-      tell("incomplete-chain", Severity::warning,
-           fill("The certificate of \"%@\", which has issued the last one of the chain, is not there.",
-                {issuer}),
-           "Add what the authority calls its intermediate certificates or chain.");
+      tell(
+          "incomplete-chain", Severity::warning,
+          fill("The certificate of \"%@\", which has issued the last one of the chain, is not there.",
+               {issuer}),
+          "Add what the authority calls its intermediate certificates or chain, unless it is a root that all "
+          "clients know.");
     } else if (verdict.trust == ChainTrust::untrustedRoot && isKnown) {
       tell("untrusted-issuer", Severity::warning,
            fill("The chain ends with \"%@\", which this machine does not trust.", {issuer}),

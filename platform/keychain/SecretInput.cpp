@@ -25,13 +25,13 @@ std::optional<Secret> ask(const std::string& prompt) {
   return Secret(std::string_view(typed.data(), size));
 }
 
-std::optional<Secret> readLine() {
+std::optional<Secret> readLine(int descriptor) {
   Secret buffer(kLongest);
   std::size_t size = 0;
   bool ended = false;
   while (!ended && size < kLongest) {
     // One at a time: what follows the line is not ours.
-    const auto got = readUpTo(STDIN_FILENO, buffer.data() + size, 1);
+    const auto got = readUpTo(descriptor, buffer.data() + size, 1);
     if (!got) return std::nullopt;
     ended = got.value() == 0 || buffer.data()[size] == '\n';
     if (!ended) ++size;
@@ -43,7 +43,11 @@ std::optional<Secret> readLine() {
 }  // namespace
 
 std::optional<Secret> readSecret(const std::string& prompt) {
-  return ::isatty(STDIN_FILENO) == 1 ? ask(prompt) : readLine();
+  return ::isatty(STDIN_FILENO) == 1 ? ask(prompt) : readLine(STDIN_FILENO);
+}
+
+std::optional<Secret> readSecretFrom(int descriptor) {
+  return readLine(descriptor);
 }
 
 }  // namespace tessard

@@ -12,4 +12,7 @@ namespace tessard {
 /// process does so once the terminal shows again what is typed.
 std::optional<Secret> readSecret(const std::string& prompt);
 
+/// The first line of an open file; absent when it is empty, longer than any pass phrase, or cannot be read.
+std::optional<Secret> readSecretFrom(int descriptor);
+
 }  // namespace tessard

@@ -42,16 +42,16 @@ def test_every_verb_of_the_help_is_proposed(help_text):
     assert set(proposed("")) == verbs
 
 
-@pytest.mark.parametrize("verb", ["settings", "services", "certificate"])
+@pytest.mark.parametrize("verb", ["settings", "services", "certificate", "tls-certificate"])
 def test_every_second_word_of_the_help_is_proposed(help_text, verb):
     seconds = {match[1] for match in re.finditer(rf"^  {verb} ([a-z]+)", help_text, re.MULTILINE)}
     assert set(proposed(verb, "")) == seconds
 
 
 def test_every_option_of_the_help_is_proposed_somewhere(help_text):
-    options = set(re.findall(r"--[a-z-]+", help_text))
+    options = set(re.findall(r"--[a-z0-9-]+", help_text))
     lines = [["-"], ["state", "-"], ["settings", "get", "-"], ["settings", "set", "-"], ["settings", "export", "-"],
-             ["settings", "apply", "-"], ["log", "-"], ["metrics", "-"], ["check", "-"]]
+             ["settings", "apply", "-"], ["tls-certificate", "import", "-"], ["log", "-"], ["metrics", "-"], ["check", "-"]]
     assert {option for line in lines for option in proposed(*line) if option.startswith("--")} == options
 
 
