@@ -156,11 +156,12 @@ class Daemon {
     const ServiceReports services(configuration_.root);
     Certificates certificates(configuration_.root, real_.clock);
     TlsCertificate tlsCertificate(configuration_.root, real_.platform, plugins_, executor_);
+    TlsExpiry tlsExpiry(configuration_.root);
     const Metrics metrics(configuration_.root, real_.platform, plugins_, executor_, tally_, slot_);
     Checks checks(configuration_, pluginFacts());
     WorkSlot checkSlot(std::chrono::seconds(0), [](int /*count*/) {});
     const RequestRouter router(plugins_, executor_, records_, slot_, services, certificates, tlsCertificate,
-                               metrics, checks);
+                               tlsExpiry, metrics, checks);
     HttpServer server(peers, router, slot_, checkSlot, tally_, limits(),
                       [this](const std::string& sentence) { hostLog_.notice(sentence); });
     if (const auto started = server.start(); !started) return refuse(EX_OSERR, started.error());

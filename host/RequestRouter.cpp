@@ -343,6 +343,7 @@ Dictionary RequestRouter::health() const {
   Dictionary problems;
   for (const auto& [name, problem] : plugins_.problems) problems.set(name, problem);
   if (!problems.empty()) answer.set("notLoaded", std::move(problems));
+  if (auto certificate = tlsExpiry_.current()) answer.set("tlsCertificate", *std::move(certificate));
   return answer;
 }
 

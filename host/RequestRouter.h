@@ -16,6 +16,7 @@
 #include "host/Requester.h"
 #include "host/ServiceReports.h"
 #include "host/TlsCertificate.h"
+#include "host/TlsExpiry.h"
 #include "host/WorkSlot.h"
 #include "host/check/Checks.h"
 
@@ -54,7 +55,7 @@ class RequestRouter {
   /// All is borrowed; `plugins` is not changed any more.
   RequestRouter(const Plugins& plugins, RequestExecutor& executor, RequestRecords& records,
                 const WorkSlot& slot, const ServiceReports& services, Certificates& certificates,
-                TlsCertificate& tlsCertificate, const Metrics& metrics, Checks& checks)
+                TlsCertificate& tlsCertificate, TlsExpiry& tlsExpiry, const Metrics& metrics, Checks& checks)
       : plugins_(plugins),
         executor_(executor),
         records_(records),
@@ -62,6 +63,7 @@ class RequestRouter {
         services_(services),
         certificates_(certificates),
         tlsCertificate_(tlsCertificate),
+        tlsExpiry_(tlsExpiry),
         metrics_(metrics),
         checks_(checks) {}
 
@@ -95,6 +97,7 @@ class RequestRouter {
   const ServiceReports& services_;
   Certificates& certificates_;
   TlsCertificate& tlsCertificate_;
+  TlsExpiry& tlsExpiry_;
   const Metrics& metrics_;
   Checks& checks_;
 };

@@ -15,11 +15,39 @@ namespace {
 
 using Words = CtlCall::Words;
 
+// What the daemon knows of the certificate that clients are shown; absent when there is none.
+std::optional<Dictionary> certificateNow(CtlCall& call) {
+  int status = 0;
+  int exitCode = EX_OK;
+  const auto answer = call.answerOf("GET", "/v1/health", "", status, exitCode);
+  const Dictionary* certificate = answer && status == 200 ? answer->dictionaryFor("tlsCertificate") : nullptr;
+  return certificate ? std::optional(*certificate) : std::nullopt;
+}
+
+void tellCertificate(const CtlCall& call, const Dictionary& certificate) {
+  const std::string state = textFor(certificate, "state", "");
+  if (state == "valid") return;
+  const Value* days = certificate.find("daysLeft");
+  std::string problem = fill("cannot be read: %@", {textFor(certificate, "file", "")});
+  if (state == "expired") problem = "has expired";
+  if (state == "not-yet-valid") problem = "is not valid yet";
+  if (state == "ends-soon" && days) problem = fill("expires in %ld days", {days->integerValue()});
+  call.output().message(
+      state == "ends-soon" ? "warning" : "error",
+      fill("The certificate of the service %@. See tessardctl tls-certificate show.", {problem}));
+}
+
 int state(CtlCall& call) {
   Dictionary request = {{"command", "getState"}};
   if (call.arguments().details) request.set("variant", "withDetails");
   return call.send(std::move(request), [&](const Dictionary& answer) {
-    const int exitCode = call.printEntries(answer);
+    const auto certificate = certificateNow(call);
+    Dictionary shown = answer;
+    if (certificate && (call.output().json() || call.arguments().details)) {
+      shown.set("tlsCertificate", *certificate);
+    }
+    const int exitCode = call.printEntries(shown);
+    if (certificate && !call.output().json()) tellCertificate(call, *certificate);
     if (call.arguments().details && !call.output().json()) call.watch().showParts();
     return exitCode;
   });

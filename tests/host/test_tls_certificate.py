@@ -2,6 +2,7 @@
 not run here; tests/e2e/test_tls_certificate.py has them."""
 
 import base64
+import datetime
 import json
 import os
 import pathlib
@@ -400,3 +401,58 @@ def test_every_finding_is_in_the_administrators_page():
     found = set(re.findall(r'(?:tell\(|push_back\(\s*\{)\s*"([a-z-]+)"', sources))
     rows = [line.split("|")[1] for line in (project / "docs/certificates.md").read_text().splitlines() if line.startswith("| `")]
     assert sorted(name for row in rows for name in re.findall(r"`([^`]+)`", row)) == sorted(found)
+
+
+# --- until when -----------------------------------------------------------------------------------------------------------
+
+
+def expiry(service):
+    return service.health().get("tlsCertificate")
+
+
+def test_health_and_state_say_nothing_where_there_is_no_certificate(service):
+    assert expiry(service) is None
+    assert service.tool("state").stderr == ""
+    assert "tlsCertificate" not in json.loads(service.tool("--json", "state").stdout)
+
+
+def test_health_and_state_tell_until_when_the_certificate_is_good(service, authority, pair):
+    importPair(service, pair)
+    known = expiry(service)
+    assert (known["state"], known["file"], known["sha256"]) == ("valid", FILE, pair.sha256)
+    assert known["daysLeft"] in (89, 90)
+    assert json.loads(service.tool("--json", "state").stdout)["tlsCertificate"] == known
+    assert service.tool("state").stderr == ""
+    assert "tlsCertificate: {" in service.tool("state", "--details").stdout
+    # The next one is seen at once.
+    importPair(service, authority.issue("ends", DOMAINS, days=20))
+    assert (expiry(service)["state"], expiry(service)["daysLeft"] in (19, 20)) == ("ends-soon", True)
+    done = service.tool("state")
+    assert (done.returncode, done.stdout) == (0, "state: STOPPED\n")
+    assert re.search(r"^warning: The certificate of the service expires in (19|20) days\. See tessardctl tls-certificate show\.$",
+                     done.stderr, re.MULTILINE)
+
+
+def test_one_that_was_put_there_by_hand_is_told_as_it_is(service, authority, pair):
+    importPair(service, pair)
+    assert expiry(service)["state"] == "valid"
+    file = service.root / FILE.lstrip("/")
+    for content, state, said in ((authority.issue("over", DOMAINS, days=-1).certificate.read_text(), "expired", "has expired"),
+                                 ("nothing\n", "unreadable", "cannot be read")):
+        file.write_text(content)
+        assert expiry(service)["state"] == state
+        done = service.tool("state")
+        assert (done.returncode, f"error: The certificate of the service {said}" in done.stderr) == (0, True)
+    file.unlink()
+    assert expiry(service) == {"file": FILE, "state": "unreadable"}
+    service.tool("settings", "set", "sslKeyFile=")
+    assert expiry(service) is None
+
+
+def test_metrics_tell_when_it_ends(service, pair):
+    importPair(service, pair)
+    [line] = [line for line in service.tool("metrics").stdout.splitlines()
+              if line.startswith("tessard_certificate_end_time_seconds{") and "CN = a.example.com" in line]
+    end = openssl("x509", "-in", pair.certificate, "-noout", "-enddate", "-dateopt", "iso_8601").stdout.decode().strip()
+    moment = datetime.datetime.fromisoformat(end.partition("=")[2].replace("Z", "+00:00"))
+    assert f'place="{FILE}"' in line and float(line.split()[-1]) == moment.timestamp()

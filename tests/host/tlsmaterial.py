@@ -38,7 +38,7 @@ class Authority:
                 "-days", days, "-extfile", extra, "-out", self._path(name, "pem"))
 
     def issue(self, name, domains, days=90, algorithm=("EC", "ec_paramgen_curve:P-256")):
-        """NAME.pem and NAME.key for these domains; a negative number of days is over already."""
+        """NAME.pem and NAME.key for these domains; -1 days are over already."""
         self._key(name, algorithm)
         names = ",".join(f"DNS:{domain}" for domain in domains)
         self._sign(name, f"/CN={domains[0]}", "chain", [f"subjectAltName={names}"], days)
