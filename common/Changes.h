@@ -1,10 +1,27 @@
 #pragma once
 
 #include <functional>
+#include <memory>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
+
+#include "common/FileSystem.h"
 
 namespace tessard {
+
+/// What is known of the last changes that can be undone, or what has become of undoing them.
+struct LastChange {
+  enum class State {
+    undoable,      ///< or undone
+    none,          ///< nothing was changed that can be undone
+    changedSince,  ///< somebody has changed `files` since; nothing was undone
+    failed,        ///< an error line tells why; nothing is undone once the changes under way are put back
+  };
+  State state = State::none;
+  std::vector<std::string> files{};  ///< paths, sorted
+};
 
 /// The changes that the request under way makes to files, through the platform's `FileSystem`. They can be
 /// put back until they are kept: at the end of the request, or earlier by whoever knows that a step stands
@@ -25,6 +42,19 @@ class Changes {
   /// True when all were made and are on disk. Otherwise every file is as it was at `begin`, which a log line
   /// tells; what objects hold in memory must then be read anew.
   virtual bool end() = 0;
+  /// The same, and when something was changed it can be undone by `undoLast`, in place of what could be
+  /// undone so far. A file that is as before is nothing changed. What was changed before is undoable until
+  /// then.
+  virtual bool endUndoably() = 0;
+
+  /// The files that the last undoable changes concern.
+  virtual LastChange lastChange() = 0;
+  /// Between `begin` and `end`: puts every file back that the last undoable changes concern, with owner,
+  /// permissions, times and the files beside it; what they made is removed, but for directories that hold
+  /// something else. Ended with `endUndoably`, this can be undone in turn. What is not undone has failed.
+  virtual LastChange undoLast() = 0;
+  /// The files as they would be then, to be read alone; null when there is nothing to be undone.
+  virtual std::unique_ptr<FileSystem> filesBeforeLast() = 0;
 
   /// Whether changes are being made that belong together, that is from `begin` to `end`.
   virtual bool underWay() const = 0;
@@ -51,14 +81,17 @@ class ChangeSet {
   }
 
   /// As `Changes::end`.
-  bool end() {
-    ended_ = true;
-    if (changes_.end()) return true;
-    afterUndo_();
-    return false;
-  }
+  bool end() { return hasEnded(changes_.end()); }
+  /// As `Changes::endUndoably`.
+  bool endUndoably() { return hasEnded(changes_.endUndoably()); }
 
  private:
+  bool hasEnded(bool kept) {
+    ended_ = true;
+    if (!kept) afterUndo_();
+    return kept;
+  }
+
   Changes& changes_;
   const std::function<void()> afterUndo_;
   bool ended_ = false;

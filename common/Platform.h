@@ -36,6 +36,12 @@ struct Platform {
   Keychain& keychain;
   LogReader& logs;
   Log& log;
+
+  /// The same with other files.
+  Platform withFiles(FileSystem& others) const {
+    return {others, changes, tasks,   services,  processes, hostNames, network, clock,
+            random, unicode, bundles, directory, keychain,  logs,      log};
+  }
 };
 
 }  // namespace tessard

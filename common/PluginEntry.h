@@ -9,7 +9,7 @@ namespace tessard {
 
 /// Version of everything that host and plug-in share: this header and all that it includes. A host loads only
 /// bundles whose number is its own.
-inline constexpr std::uint32_t kPluginInterfaceVersion = 3;
+inline constexpr std::uint32_t kPluginInterfaceVersion = 4;
 
 /// The two symbols, with C linkage, that a bundle's executable exports.
 inline constexpr const char* kPluginInterfaceVersionSymbol = "tessardPluginInterfaceVersion";

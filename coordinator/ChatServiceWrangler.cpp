@@ -123,7 +123,7 @@ bool NOTIFICATION_PLUGIN_ChatServiceWrangler::writeAllConfigurations_error(const
   }
   masterConfig_->saveAllConfigurations();
   // What could not be saved is in the log, and all is as it was: the result tells of refusals alone.
-  changes.end();
+  changes.endUndoably();
   return true;
 }
 

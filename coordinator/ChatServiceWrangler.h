@@ -58,8 +58,17 @@ class NOTIFICATION_PLUGIN_ChatServiceWrangler : public Object, public ServiceOwn
   /// Writes settings (null: none were given) to all atoms and saves every changed file. When an atom refuses,
   /// its code is in `error`, the configuration is as last loaded and later atoms are not written. A list of
   /// hosts that is there but names none is refused before anything is changed. All files are written or none:
-  /// when one cannot be, an error line tells, and every file and the configuration are as before.
+  /// when one cannot be, an error line tells, and every file and the configuration are as before. What was
+  /// written can be undone.
   bool writeAllConfigurations_error(const SettingsDictionary* settings, int& error);
+
+  /// The last write that succeeded and changed something: whether it can be undone, and its files.
+  LastChange lastWrite() { return platform_.changes.lastChange(); }
+  /// Undoes it, in a change that can be undone in turn. All files are put back or none, and the configuration
+  /// is loaded anew.
+  LastChange undoLastWrite();
+  /// The settings as that would make them, with nothing changed; absent when there is nothing to undo.
+  std::optional<SettingsDictionary> settingsBeforeLastWrite();
 
   /// Starts or stops the named services in order. The first failure stops all services (a failed stop so
   /// repeats itself, a few times at most) and gives `kFailedToStart` or `kFailedToStop`.

@@ -64,6 +64,10 @@ PluginRequestHandler::Operation NOTIFICATION_PLUGIN_ChatHandler::operationForCom
     operation = [this](const Dictionary& request) { return readSettingsWithRequest(request); };
   } else if (command == "writeSettings") {
     operation = [this](const Dictionary& request) { return writeSettingsWithRequest(request); };
+  } else if (command == "undoSettings") {
+    operation = [this](const Dictionary& request) { return undoSettingsWithRequest(request); };
+  } else if (command == "readFormerSettings") {
+    operation = [this](const Dictionary& request) { return readFormerSettingsWithRequest(request); };
   } else if (command == "initialSetup") {
     operation = [this](const Dictionary& request) { return initialSetupWithRequest(request); };
   } else if (command == "tailFile") {
@@ -104,9 +108,9 @@ void NOTIFICATION_PLUGIN_ChatHandler::runCatching(const std::string& what,
 }
 
 bool NOTIFICATION_PLUGIN_ChatHandler::commandChangesState(std::string_view command) {
-  return command == "setState" || command == "writeSettings" || command == "initialSetup" ||
-         command == "addService" || command == "removeService" || command == "getServiceUser" ||
-         command == "setKorvsCertificate";
+  return command == "setState" || command == "writeSettings" || command == "undoSettings" ||
+         command == "initialSetup" || command == "addService" || command == "removeService" ||
+         command == "getServiceUser" || command == "setKorvsCertificate";
 }
 
 int NOTIFICATION_PLUGIN_ChatHandler::doIdleAtCount(int /*count*/) {

@@ -55,6 +55,14 @@ class NOTIFICATION_PLUGIN_ChatHandler : public PluginRequestHandler {
   /// Settings that cannot be read as what their keys ask are answered with "INVALID_ARG_ERR" before anything
   /// is loaded.
   Dictionary writeSettingsWithRequest(const Dictionary& request);
+  /// Undoes the last settings write that succeeded: the settings as they then read, "files" with the paths of
+  /// what was put back, and what a write says of a restart. Undone once more, the write is made again.
+  /// "NOTHING_TO_UNDO_ERR" when there is none; "CHANGED_SINCE_ERR", with those "files" that are in the way,
+  /// when somebody has changed them since; "CANNOT_STAT_ERR" when it failed. Nothing is changed then, and an
+  /// error line says why.
+  std::optional<Dictionary> undoSettingsWithRequest(const Dictionary& request);
+  /// What that would answer, "configuration" and "files" alone, with nothing changed.
+  Dictionary readFormerSettingsWithRequest(const Dictionary& request);
   Dictionary initialSetupWithRequest(const Dictionary& request);
   /// The base's operation, with a filter added for the logs that other services write to as well.
   Dictionary tailFileWithRequest(const Dictionary& request) override;
@@ -100,6 +108,7 @@ class NOTIFICATION_PLUGIN_ChatHandler : public PluginRequestHandler {
   int restartServices();
   std::optional<std::string> problemWithConfiguration(const Dictionary& configuration);
   int writeConfiguration(const Dictionary* configuration);
+  std::optional<Dictionary> refusalOfUndo(const LastChange& last) const;
 
   Platform& platform_;
   std::string pluginVersion_;

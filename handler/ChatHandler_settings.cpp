@@ -70,6 +70,45 @@ int NOTIFICATION_PLUGIN_ChatHandler::writeConfiguration(const Dictionary* config
   return status;
 }
 
+std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatHandler::refusalOfUndo(const LastChange& last) const {
+  switch (last.state) {
+    case LastChange::State::undoable:
+      return std::nullopt;
+    case LastChange::State::none:
+      logError_source("there is no settings write to be undone", "");
+      return responseForError("NOTHING_TO_UNDO_ERR");
+    case LastChange::State::failed:
+      return responseForError("CANNOT_STAT_ERR");
+    case LastChange::State::changedSince:
+      break;
+  }
+  for (const std::string& file : last.files) {
+    logError_source(fill("\"%@\" has been changed since the settings were written", {file}), "");
+  }
+  Dictionary answer = responseForError("CHANGED_SINCE_ERR");
+  answer.set("files", arrayOf(last.files));
+  return answer;
+}
+
+std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatHandler::undoSettingsWithRequest(
+    const Dictionary& /*request*/) {
+  const LastChange undone = serviceWrangler_->undoLastWrite();
+  if (auto refusal = refusalOfUndo(undone)) return refusal;
+  auto answer = readSettingsWithRequest({});
+  if (!answer) return std::nullopt;
+  answer->set("files", arrayOf(undone.files));
+  answer->set("needsRecycleOrRestart", true);
+  return answer;
+}
+
+Dictionary NOTIFICATION_PLUGIN_ChatHandler::readFormerSettingsWithRequest(const Dictionary& /*request*/) {
+  const LastChange last = serviceWrangler_->lastWrite();
+  if (auto refusal = refusalOfUndo(last)) return *refusal;
+  auto settings = serviceWrangler_->settingsBeforeLastWrite();
+  if (!settings) return responseForError("CANNOT_STAT_ERR");
+  return {{"configuration", std::move(*settings)}, {"files", arrayOf(last.files)}};
+}
+
 Dictionary NOTIFICATION_PLUGIN_ChatHandler::initialSetupWithRequest(const Dictionary& request) {
   logDebug_source("Handling initialSetupWithRequest.", "");
   if (!serviceDataIsInitialized()) initializeServiceDataWithReadinessCheck(false);

@@ -68,12 +68,19 @@ bool differ(const Value* one, const Value* other) {
   return one && other ? *one != *other : one != other;
 }
 
+// The settings that a request can have changed: those that it names, or all.
+Dictionary concernedBy(const AuditedRequest& audited, const Dictionary& now) {
+  if (const Dictionary* given = audited.request.dictionaryFor("configuration")) return *given;
+  Dictionary all = audited.before.value_or(Dictionary());
+  all.updateWithDictionary(now);
+  return all;
+}
+
 void addChanges(const AuditedRequest& audited, const ExecutionOutcome& outcome, Dictionary& record) {
   const Dictionary none;
-  const Dictionary* given = audited.request.dictionaryFor("configuration");
   const Dictionary* now = outcome.answer.dictionaryFor("configuration");
   Entries entries;
-  for (const DictionaryEntry& entry : given ? *given : none) {
+  for (const DictionaryEntry& entry : concernedBy(audited, now ? *now : none)) {
     // Without an answer nobody knows; what was put back or refused is as it was.
     const Value* before = audited.before ? audited.before->find(entry.key) : nullptr;
     const Value* after = now ? now->find(entry.key) : before;
@@ -105,6 +112,10 @@ Array settingsNamedIn(std::string_view command, const Dictionary& request) {
   return keys;
 }
 
+bool mayChangeAllSettings(std::string_view command) {
+  return command == "undoSettings";
+}
+
 Dictionary auditRecord(const AuditedRequest& audited, const Requester& requester,
                        const ExecutionOutcome& outcome) {
   Dictionary record;
@@ -115,7 +126,7 @@ Dictionary auditRecord(const AuditedRequest& audited, const Requester& requester
   record.set("command", audited.command);
   const bool isAddress = audited.request.dictionaryFor("configuration") &&
                          audited.request.dictionaryFor("configuration")->contains("changeip");
-  if (audited.command == "writeSettings" && !isAddress) {
+  if ((audited.command == "writeSettings" && !isAddress) || mayChangeAllSettings(audited.command)) {
     addChanges(audited, outcome, record);
   } else {
     addRequest(audited, record);

@@ -15,16 +15,19 @@ struct AuditedRequest {
   std::string plugin{};   ///< or the name of the daemon's own part
   std::string command{};  ///< of the plug-in, or an event
   Dictionary request{};
-  std::optional<Dictionary> before{};  ///< the settings that the request names, as they were
+  std::optional<Dictionary> before{};  ///< the settings that the request may change, as they were
 };
 
 /// The keys of the settings that a "writeSettings" request is to change; empty for other requests.
 Array settingsNamedIn(std::string_view command, const Dictionary& request);
 
+/// Whether a command can change any setting without naming it.
+bool mayChangeAllSettings(std::string_view command);
+
 /// What the log keeps of a request:
 ///   "user", "uid", "pid"    who; "user" is left out when the account has no name
 ///   "plugin", "command"
-///   "changed"               of a settings write: {KEY: {"old", "new"}} for each that is another one now
+///   "changed"               of a settings write or undo: {KEY: {"old", "new"}} for each that differs now
 ///   "request"               of all others: its entries but the command
 ///   "state"                 of the service, where the answer tells it
 ///   "result"                as `resultOf`

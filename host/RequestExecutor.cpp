@@ -49,8 +49,16 @@ ExecutionOutcome RequestExecutor::execute(PluginRequestHandler& handler, std::st
 }
 
 std::optional<Dictionary> RequestExecutor::settings(PluginRequestHandler& handler, Array keys) {
-  const Dictionary request = {{"command", "readSettings"},
-                              {"optionalArguments", Dictionary{{"parameters", std::move(keys)}}}};
+  return settingsAnswered(handler, {{"command", "readSettings"},
+                                    {"optionalArguments", Dictionary{{"parameters", std::move(keys)}}}});
+}
+
+std::optional<Dictionary> RequestExecutor::settings(PluginRequestHandler& handler) {
+  return settingsAnswered(handler, {{"command", "readSettings"}});
+}
+
+std::optional<Dictionary> RequestExecutor::settingsAnswered(PluginRequestHandler& handler,
+                                                            const Dictionary& request) {
   const ExecutionOutcome outcome =
       guarded("readSettings", [&](ExecutionOutcome& each) { call(handler, "readSettings", request, each); });
   const Dictionary* found = outcome.answer.dictionaryFor("configuration");

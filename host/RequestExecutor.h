@@ -53,6 +53,8 @@ class RequestExecutor : public Object {
   /// The settings under these keys as they are now, for the daemon's own use: nothing but the system log
   /// hears of a failure, which is absent.
   std::optional<Dictionary> settings(PluginRequestHandler& handler, Array keys);
+  /// All of them.
+  std::optional<Dictionary> settings(PluginRequestHandler& handler);
 
   /// A change of files that the daemon itself makes, through the platform: kept when it succeeds, and put
   /// back when it fails.
@@ -65,6 +67,7 @@ class RequestExecutor : public Object {
   ExecutionOutcome guarded(std::string_view what, const std::function<void(ExecutionOutcome&)>& call);
   void call(PluginRequestHandler& handler, std::string_view command, const Dictionary& request,
             ExecutionOutcome& outcome);
+  std::optional<Dictionary> settingsAnswered(PluginRequestHandler& handler, const Dictionary& request);
   void writeSetupMarker();
 
   Platform& platform_;

@@ -26,6 +26,7 @@ ExecutionOutcome RequestRecords::execute(const std::string& plugin, PluginReques
     audited = {plugin, command, request, {}};
     Array keys = settingsNamedIn(command, request);
     if (!keys.empty()) audited.before = executor_.settings(handler, std::move(keys));
+    if (mayChangeAllSettings(command)) audited.before = executor_.settings(handler);
   }
   ExecutionOutcome outcome = executor_.execute(handler, command, request);
   // Whatever else clients think of would make a metric each.

@@ -135,6 +135,16 @@ int CtlCall::hostFailure(int status, const Dictionary& answer) const {
 
 int CtlCall::pluginFailure(const Dictionary& answer) const {
   const std::string id = textFor(answer, "error", "unknown");
+  if (id == "NOTHING_TO_UNDO_ERR") {
+    return output_.failure("nothing-to-undo", "There is no settings write that could be undone.", EX_DATAERR);
+  }
+  if (const Array* files = id == "CHANGED_SINCE_ERR" ? answer.arrayFor("files") : nullptr) {
+    std::string names;
+    for (const Value& file : *files) names += (names.empty() ? "" : ", ") + readable(file);
+    return output_.failure("changed-since",
+                           fill("Nothing is undone, as these files have been changed since: %@.", {names}),
+                           EX_DATAERR);
+  }
   std::string message = fill("The plug-in answered %@", {id});
   if (const Value* code = answer.find("serviceError")) {
     message += fill(" (%@: %@)", {*code, SystemError(static_cast<int>(code->integerValue())).description()});

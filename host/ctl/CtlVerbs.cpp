@@ -108,8 +108,8 @@ std::optional<std::string> strayOption(const CtlArguments& arguments) {
   if (arguments.file && (verb != "settings" || second != "set")) return "--file belongs to \"settings set\".";
   const bool settings = verb == "settings";
   const bool tlsImport = verb == "tls-certificate" && second == "import";
-  if (arguments.check && !tlsImport && !(settings && second == "apply"))
-    return "--check belongs to \"settings apply\" and \"tls-certificate import\".";
+  if (arguments.check && !tlsImport && !(settings && (second == "apply" || second == "undo")))
+    return "--check belongs to \"settings apply\", \"settings undo\" and \"tls-certificate import\".";
   if (arguments.force && !tlsImport) return "--force belongs to \"tls-certificate import\".";
   for (const auto* file : {&arguments.certificate, &arguments.key, &arguments.chain, &arguments.pkcs12,
                            &arguments.fromCertbot, &arguments.passPhraseFile, &arguments.passPhraseNumber}) {

@@ -2,11 +2,10 @@
 
 #include "common/Format.h"
 #include "common/ServiceTypes.h"
-#include "host/JsonCodec.h"
 #include "host/SecretKeys.h"
+#include "host/ctl/CtlSettings.h"
 #include "host/ctl/CtlVerbGroups.h"
 #include "host/ctl/SettingsArguments.h"
-#include "host/ctl/SettingsDifferences.h"
 #include "host/ctl/SettingsFile.h"
 
 namespace tessard {
@@ -14,8 +13,6 @@ namespace tessard {
 namespace {
 
 using Words = CtlCall::Words;
-
-constexpr int kDifferent = 1;  // what programs that compare end with when they have found something
 
 // Who names a secret has asked for it; who wants everything may not have thought of it.
 void leaveOutSecrets(const CtlCall& call, Dictionary& settings) {
@@ -79,6 +76,21 @@ int tellHowWritten(CtlCall& call, const Dictionary& sent, const Dictionary& curr
   return exitCode;
 }
 
+int setSettings(CtlCall& call, const Words& words) {
+  const auto& path = call.arguments().file;
+  if (words.empty() == !path) return call.usage("\"settings set\" needs either KEY=VALUE or --file FILE.");
+  auto settings = path ? readSettingsFile(*path) : parseSettings(words);
+  if (!settings && path) return unusableFile(call, *path, settings.error());
+  if (!settings) return call.usage(fill("Wrong setting: %@.", {settings.error().description()}));
+  const Dictionary& sent = settings.value();
+  return call.send({{"command", "writeSettings"}, {"configuration", sent}}, [&](const Dictionary& answer) {
+    if (call.output().json()) call.output().document(answer);
+    return tellWriteStatus(call, sent, answer);
+  });
+}
+
+}  // namespace
+
 int unusableFile(const CtlCall& call, const std::string& path, const SystemError& reason) {
   return call.output().failure("unusable-file", fill("Cannot use %@: %@.", {path, reason.description()}),
                                reason.code() == 0 ? EX_DATAERR : EX_NOINPUT);
@@ -104,137 +116,16 @@ int tellWriteStatus(CtlCall& call, const Dictionary& sent, const Dictionary& ans
   return tellHowWritten(call, sent, *current);
 }
 
-int setSettings(CtlCall& call, const Words& words) {
-  const auto& path = call.arguments().file;
-  if (words.empty() == !path) return call.usage("\"settings set\" needs either KEY=VALUE or --file FILE.");
-  auto settings = path ? readSettingsFile(*path) : parseSettings(words);
-  if (!settings && path) return unusableFile(call, *path, settings.error());
-  if (!settings) return call.usage(fill("Wrong setting: %@.", {settings.error().description()}));
-  const Dictionary& sent = settings.value();
-  return call.send({{"command", "writeSettings"}, {"configuration", sent}}, [&](const Dictionary& answer) {
-    if (call.output().json()) call.output().document(answer);
-    return tellWriteStatus(call, sent, answer);
-  });
-}
-
-// --- whole files of settings ---
-
-Value shown(const std::string& key, const Value& value) {
-  return speaksOfSecret(key) ? Value("***") : value;
-}
-
-Dictionary documentOf(const std::vector<SettingDifference>& differences) {
-  Dictionary all;
-  for (const auto& [key, old, wanted] : differences) {
-    Dictionary one;
-    if (old) one.set("old", shown(key, *old));
-    one.set("new", shown(key, wanted));
-    all.set(key, std::move(one));
-  }
-  return {{"changed", !differences.empty()}, {"differences", std::move(all)}};
-}
-
-void printDifferences(const CtlCall& call, const std::vector<SettingDifference>& differences) {
-  for (const auto& [key, old, wanted] : differences) {
-    call.output().line(fill("%@: %@ -> %@", {key, old ? readable(shown(key, *old)) : std::string("(none)"),
-                                             readable(shown(key, wanted))}));
-  }
-}
-
-// The current settings, or the failure that was told.
-std::optional<Dictionary> currentSettings(CtlCall& call, int& exitCode) {
-  std::optional<Dictionary> current;
-  exitCode = call.send({{"command", "readSettings"}}, [&](const Dictionary& answer) {
-    const Dictionary* found = answer.dictionaryFor("configuration");
-    if (!found || found->empty()) return call.beforeSetup("There are no settings yet");
-    current = *found;
-    return EX_OK;
-  });
-  if (exitCode != EX_OK) current.reset();
-  return current;
-}
-
-// Reads a file of settings and what it would change. Absent, with the exit code, when something is wrong.
-std::optional<std::vector<SettingDifference>> differencesOfFile(CtlCall& call, const std::string& path,
-                                                                int& exitCode) {
-  const auto wanted = readSettingsFile(path);
-  if (!wanted) {
-    exitCode = unusableFile(call, path, wanted.error());
-    return std::nullopt;
-  }
-  if (const auto problem = problemWithKeys(wanted.value())) {
-    exitCode = call.output().failure("unknown-setting", *problem, EX_DATAERR);
-    return std::nullopt;
-  }
-  const auto current = currentSettings(call, exitCode);
-  if (!current) return std::nullopt;
-  return differencesBetween(wanted.value(), *current);
-}
-
-void tellDifferences(const CtlCall& call, const std::vector<SettingDifference>& differences) {
-  if (call.output().json()) {
-    call.output().document(documentOf(differences));
-  } else {
-    printDifferences(call, differences);
-  }
-}
-
-int diffSettings(CtlCall& call, const Words& words) {
-  if (words.size() != 1) return call.usage("\"settings diff\" needs a FILE.");
-  int exitCode = EX_OK;
-  const auto differences = differencesOfFile(call, words[0], exitCode);
-  if (!differences) return exitCode;
-  tellDifferences(call, *differences);
-  return differences->empty() ? EX_OK : kDifferent;
-}
-
-int applySettings(CtlCall& call, const Words& words) {
-  if (words.size() != 1) return call.usage("\"settings apply\" needs a FILE.");
-  int exitCode = EX_OK;
-  const auto differences = differencesOfFile(call, words[0], exitCode);
-  if (!differences) return exitCode;
-  if (differences->empty() || call.arguments().check) {
-    tellDifferences(call, *differences);
-    call.output().note(differences->empty() ? "Unchanged: the settings are as the file wants them."
-                                            : "Not written, as --check was given.");
-    return EX_OK;
-  }
-  Dictionary sent;
-  for (const SettingDifference& each : *differences) sent.set(each.key, each.wanted);
-  return call.send({{"command", "writeSettings"}, {"configuration", sent}}, [&](const Dictionary& answer) {
-    tellDifferences(call, *differences);
-    return tellWriteStatus(call, sent, answer);
-  });
-}
-
-int exportSettings(CtlCall& call, const Words& words) {
-  if (!words.empty()) return call.usage("\"settings export\" takes no arguments.");
-  const std::string format = call.arguments().format.value_or(call.output().json() ? "json" : "yaml");
-  const auto form = settingsFormNamed(format);
-  if (!form) return call.usage(fill("--format must be yaml, json or plist, not \"%@\".", {format}));
-  int exitCode = EX_OK;
-  const auto current = currentSettings(call, exitCode);
-  if (!current) return exitCode;
-  const auto text = settingsText(exportedSettings(*current, call.arguments().showSecrets), *form);
-  if (!text) {
-    return call.output().failure(
-        "unwritable", fill("Cannot be written as %@: %@.", {format, text.error().description()}), EX_DATAERR);
-  }
-  call.output().text(text.value());
-  return EX_OK;
-}
-
-}  // namespace
-
 int runSettings(CtlCall& call) {
   const Words& words = call.arguments().words;
   if (words.size() < 2)
-    return call.usage("\"settings\" needs \"get\", \"set\", \"diff\", \"apply\" or \"export\".");
+    return call.usage("\"settings\" needs \"get\", \"set\", \"diff\", \"apply\", \"undo\" or \"export\".");
   const Words rest(words.begin() + 2, words.end());
   if (words[1] == "get") return getSettings(call, rest);
   if (words[1] == "set") return setSettings(call, rest);
   if (words[1] == "diff") return diffSettings(call, rest);
   if (words[1] == "apply") return applySettings(call, rest);
+  if (words[1] == "undo") return undoSettings(call, rest);
   if (words[1] == "export") return exportSettings(call, rest);
   return call.usage(fill("There is no verb \"settings %@\".", {words[1]}));
 }

@@ -49,6 +49,14 @@ std::vector<SettingDifference> differencesBetween(const Dictionary& wanted, cons
   return differences;
 }
 
+std::vector<SettingDifference> allDifferencesBetween(const Dictionary& wanted, const Dictionary& current) {
+  auto differences = differencesBetween(wanted, current);
+  for (const DictionaryEntry& entry : current) {
+    if (!wanted.contains(entry.key)) differences.push_back({entry.key, entry.value, std::nullopt});
+  }
+  return differences;
+}
+
 std::optional<std::string> problemWithKeys(const Dictionary& settings) {
   for (const DictionaryEntry& entry : settings) {
     if (std::ranges::find(kSettingKeys, entry.key) != kSettingKeys.end()) continue;

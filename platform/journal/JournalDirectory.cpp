@@ -83,7 +83,7 @@ Result<void> JournalDirectory::openJournal() {
   }));
   if (!marker) return SystemError::last();
   open_ = std::move(journal).value();
-  attributesCount_ = 0;
+  count_ = 0;
   return {};
 }
 
@@ -166,14 +166,25 @@ Result<void> JournalDirectory::take(const Place& place) {
 }
 
 Result<void> JournalDirectory::rememberAttributes(const Place& place, const struct stat& status) {
-  const std::string kind = attributesNameOf(status.st_uid, status.st_gid, status.st_mode & 07777U);
+  return noteByPath(kAttributes, place, status, true);
+}
+
+Result<void> JournalDirectory::rememberDirectory(const Place& place, const struct stat& status) {
+  return noteByPath(kRemoved, place, status, false);
+}
+
+Result<void> JournalDirectory::noteByPath(const char* kind, const Place& place, const struct stat& status,
+                                          bool canBeLink) {
   if (auto opened = openJournal(); !opened) return opened;
-  const auto all = makeAndOpenDirectory({open_.get(), kAttributes});
+  const auto all = makeAndOpenDirectory({open_.get(), kind});
   if (!all) return all.error();
-  const auto mirror = makeAndOpenDirectory({all.value().get(), kind});
+  const std::string attributes = attributesNameOf(status.st_uid, status.st_gid, status.st_mode & 07777U);
+  const auto mirror = makeAndOpenDirectory({all.value().get(), attributes});
   if (!mirror) return mirror.error();
-  const std::string number = std::to_string(attributesCount_++);
-  if (::linkat(place.directory, place.name.c_str(), mirror.value().get(), number.c_str(), 0) == 0) return {};
+  const std::string number = std::to_string(count_++);
+  if (canBeLink &&
+      ::linkat(place.directory, place.name.c_str(), mirror.value().get(), number.c_str(), 0) == 0)
+    return {};
   // A directory, or a file of another file system: by its path.
   const std::string path = fill("%@/%@", {place.path, place.name});
   return resultOf(::symlinkat(path.c_str(), mirror.value().get(), number.c_str()));
@@ -215,13 +226,15 @@ Result<void> JournalDirectory::retire(const std::string& to,
   return {};
 }
 
-Result<void> JournalDirectory::keep(const std::function<Result<void>()>& makeNamesLast) {
-  return isEmpty() ? makeNamesLast() : retire(kKeptJournal, makeNamesLast);
+Result<void> JournalDirectory::keep(const std::function<Result<void>()>& makeNamesLast, bool undoable) {
+  return isEmpty() ? makeNamesLast() : retire(undoable ? kUndoableJournal : kKeptJournal, makeNamesLast);
 }
 
 // What cannot be removed is tried again before the next one is kept, and at the next start.
 void JournalDirectory::tidyUp() {
-  if (home_) static_cast<void>(removeTree({home_.get(), kKeptJournal}).ok());
+  if (!home_) return;
+  promote();
+  static_cast<void>(removeTree({home_.get(), kKeptJournal}).ok());
 }
 
 }  // namespace tessard

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "common/FileSystem.h"
 #include "common/Result.h"
 #include "platform/FileDescriptor.h"
+#include "platform/journal/EndedJournal.h"
 #include "platform/journal/JournalFiles.h"
 #include "platform/journal/JournalNames.h"
 
@@ -28,9 +30,13 @@ inline constexpr const char* kJournalHome = "/Library/Server/tessardd/journal";
 ///       absent/+etc/made.xml     there was no "/etc/made.xml"
 ///       attributes/84.0.600/0    a link to a file that belonged to 84 and 0 and had the mode 0600; for a
 ///                                directory a symbolic link that holds its path
+///       removed/84.0.700/0       a symbolic link that holds the path of a directory that was removed
 ///       replaced/+etc/sm.xml     what an undo after a crash found in the place of a file
 ///     kept/                      no longer needed, being removed
 ///     undone/                    what is left of the last undo after a crash, with "replaced"
+///     undoable/                  has ended, and is to become the last one
+///     last/                      of the last changes that can be undone by a request; with "versions", what
+///                                the files were after them
 ///
 /// Where a file is noted, present or absent, and its temporary ("%@.tmp") or its backup ("%@.bak") is not,
 /// there was none of that.
@@ -71,6 +77,8 @@ class JournalDirectory {
   Result<void> take(const Place& place);
   /// Notes owner, group and permissions of what the name stands for.
   Result<void> rememberAttributes(const Place& place, const struct stat& status);
+  /// Notes a directory that is about to be removed, and what it was.
+  Result<void> rememberDirectory(const Place& place, const struct stat& status);
   /// Forgets what was noted about a name, but not what that tells of its temporary and its backup.
   Result<void> forget(const std::string& path, const std::string& name);
 
@@ -79,9 +87,19 @@ class JournalDirectory {
   /// Ends the journal: what was changed stays. `makeNamesLast` flushes the directories that were changed,
   /// which is done when the journal's own end waits for its flush: where the order of changes to names is
   /// kept, the first flush is that of all. When this fails, everything can still be undone.
-  Result<void> keep(const std::function<Result<void>()>& makeNamesLast);
-  /// Removes what is left of a journal that has ended. Takes as long as there were files.
+  /// `undoable`: what was changed becomes the last change.
+  Result<void> keep(const std::function<Result<void>()>& makeNamesLast, bool undoable);
+  /// Removes what is left of a journal that has ended. Takes as long as there were files. An undoable one
+  /// that tells of a difference is kept as that of the last change, in place of the one before.
   void tidyUp();
+
+  /// The last undoable change that was kept and tidied up after. ENOENT when there is none.
+  Result<EndedJournal> last();
+  /// What the files of that change were after it. A file is `kUnknownVersion` where that can no longer be
+  /// known.
+  Result<EndedJournal::Versions> versionsAfter(const EndedJournal& last) const;
+  /// What the file of a note is now; `kUnknownVersion` when it has changed since the moment.
+  Result<std::string> versionNow(const EndedJournal::Note& note, std::optional<FileTime> since) const;
 
   struct Undone {
     bool found = false;                 ///< whether there was a journal of a request that was cut off
@@ -107,6 +125,11 @@ class JournalDirectory {
       const std::string& to,
       const std::function<Result<void>()>& makeNamesLast = [] { return Result<void>(); });
   void restoreAll(bool keepsReplaced, Undone& undone);
+  void promote();
+  Result<EndedJournal::Versions> versionsNow(const EndedJournal& journal) const;
+  Result<bool> tellsOfDifference(const EndedJournal& journal, const EndedJournal::Versions& after) const;
+  Result<void> noteByPath(const char* kind, const Place& place, const struct stat& status, bool canBeLink);
+  void restoreDirectories(Restoring& restoring);
   void restoreAttributes(Restoring& restoring);
   Result<void> giveBackNoted(NameIn noted, const NotedAttributes& attributes) const;
   void restoreTree(const std::string& kind, int mirror, const std::string& path, Restoring& restoring);
@@ -125,7 +148,7 @@ class JournalDirectory {
   FileDescriptor home_;
   FileDescriptor open_;
   std::map<std::pair<std::string, std::string>, FileDescriptor> mirrors_;
-  int attributesCount_ = 0;
+  int count_ = 0;  // of the notes that are numbered
 };
 
 }  // namespace tessard

@@ -54,18 +54,6 @@ Result<void> putBack(NameIn noted, NameIn target) {
   return resultOf(::renameat(copy.directory, copy.name.c_str(), target.directory, name));
 }
 
-// The change of owner first, because it takes permission bits away. Links have no permissions.
-Result<void> giveBack(NameIn file, const NotedAttributes& attributes) {
-  const char* name = file.name.c_str();
-  auto owned =
-      resultOf(::fchownat(file.directory, name, attributes.owner, attributes.group, AT_SYMLINK_NOFOLLOW));
-  if (!owned) return owned;
-  const auto status = statusOf(file);
-  if (!status) return status.error();
-  if (S_ISLNK(status.value().st_mode)) return {};
-  return resultOf(::fchmodat(file.directory, name, attributes.permissions, 0));
-}
-
 }  // namespace
 
 /// What an undo has met so far.
@@ -100,7 +88,10 @@ JournalDirectory::Undone JournalDirectory::recover() {
   if (prepared) prepared = removeTree({home_.get(), kKeptJournal});
   if (prepared) {
     auto journal = openDirectory({home_.get(), kOpenJournal});
-    if (!journal && journal.error().code() == ENOENT) return undone;
+    if (!journal && journal.error().code() == ENOENT) {
+      tidyUp();
+      return undone;
+    }
     prepared = journal ? Result<void>() : Result<void>(journal.error());
     if (journal) open_ = std::move(journal).value();
   }
@@ -116,12 +107,14 @@ JournalDirectory::Undone JournalDirectory::recover() {
     undone.problems.push_back(
         fill("the journal in \"%@\" cannot be removed: %@", {kJournalHome, retired.error().description()}));
   }
+  tidyUp();
   return undone;
 }
 
 void JournalDirectory::restoreAll(bool keepsReplaced, Undone& undone) {
   Restoring restoring{undone, keepsReplaced};
-  // Attributes first, while the noted versions can still be reached through the journal alone.
+  restoreDirectories(restoring);
+  // Attributes before files, while the noted versions can still be reached through the journal alone.
   restoreAttributes(restoring);
   // Temporaries and backups last: as long as a file is noted, that they are not means that there were none.
   for (const bool besideFiles : {false, true}) {
@@ -136,6 +129,22 @@ void JournalDirectory::restoreAll(bool keepsReplaced, Undone& undone) {
         restoring.problem(kind, tree.error());
       }
     }
+  }
+}
+
+void JournalDirectory::restoreDirectories(Restoring& restoring) {
+  const auto journal = EndedJournal::open(home_.get(), kOpenJournal);
+  if (!journal) return restoring.problem(kRemoved, journal.error());
+  for (const auto& [path, attributes] : journal.value().removed()) {
+    const auto parent = openWithoutLinks(root_.get(), directoryOf(path));
+    const std::string name = lastPathComponent(path);
+    auto made = parent ? Result<void>() : Result<void>(parent.error());
+    if (made && ::mkdirat(parent.value().get(), name.c_str(), 0700) != 0 && errno != EEXIST) {
+      made = SystemError::last();
+    }
+    if (made) made = giveBack({parent.value().get(), name}, attributes);
+    if (made) made = resultOf(uninterrupted([&] { return ::fsync(parent.value().get()); }));
+    if (!made) restoring.problem(path, made.error());
   }
 }
 

@@ -118,6 +118,18 @@ Result<void> removeTree(NameIn directory) {
   return resultOf(::unlinkat(parent, name, AT_REMOVEDIR));
 }
 
+// The change of owner first, because it takes permission bits away. Links have no permissions.
+Result<void> giveBack(NameIn file, const NotedAttributes& attributes) {
+  const char* name = file.name.c_str();
+  auto owned =
+      resultOf(::fchownat(file.directory, name, attributes.owner, attributes.group, AT_SYMLINK_NOFOLLOW));
+  if (!owned) return owned;
+  const auto status = statusOf(file);
+  if (!status) return status.error();
+  if (S_ISLNK(status.value().st_mode)) return {};
+  return resultOf(::fchmodat(file.directory, name, attributes.permissions, 0));
+}
+
 Result<void> copyAcross(NameIn from, NameIn to) {
   const auto status = statusOf(from);
   if (!status) return status.error();

@@ -7,6 +7,7 @@
 
 #include "common/Result.h"
 #include "platform/FileDescriptor.h"
+#include "platform/journal/JournalNames.h"
 
 // What the journal does with files, by the descriptors of their directories. No name is resolved further.
 
@@ -37,6 +38,9 @@ Result<std::vector<DirectoryEntry>> entriesOf(int directory);
 
 /// Removes a directory with all that is in it, or whatever else has that name. Success when there is nothing.
 Result<void> removeTree(NameIn directory);
+
+/// Gives what the name stands for owner, group and, unless it is a link, permissions.
+Result<void> giveBack(NameIn file, const NotedAttributes& attributes);
 
 /// Copies a regular file or a link to a free name of another file system, with its owner, permissions and
 /// times, flushed. No file is left when that fails.

@@ -14,6 +14,8 @@ namespace tessard {
 inline const std::string kOpenJournal = "open";
 inline const std::string kKeptJournal = "kept";
 inline const std::string kUndoneJournal = "undone";
+inline const std::string kUndoableJournal = "undoable";
+inline const std::string kLastJournal = "last";
 
 inline const std::string kForeignSuffix = ".foreign";
 
@@ -21,6 +23,7 @@ inline const std::string kMarker = "marker";
 inline constexpr const char* kPresent = "present";
 inline constexpr const char* kAbsent = "absent";
 inline constexpr const char* kAttributes = "attributes";
+inline constexpr const char* kRemoved = "removed";
 inline constexpr const char* kReplaced = "replaced";
 
 /// The directories that stand for "/etc/x" below a kind: "+etc", "+x". The sign tells them from the files.

@@ -46,6 +46,10 @@ class JournalingFileSystem : public FileSystem, public Changes {
   void begin() override;
   void fail() override;
   bool end() override;
+  bool endUndoably() override;
+  LastChange lastChange() override;
+  LastChange undoLast() override;
+  std::unique_ptr<FileSystem> filesBeforeLast() override;
   bool underWay() const override { return together_; }
   void leave(std::string_view path) override;
 
@@ -78,8 +82,20 @@ class JournalingFileSystem : public FileSystem, public Changes {
   Result<void> rememberBeside(const Place& place);
   Result<void> rememberMissing(std::string_view path);
   Result<void> rememberAttributes(std::string_view path, const FileOwnership& ownership);
-  Result<void> makeLast();
-  bool keepNow();
+  Result<void> makeLast(bool undoable);
+  bool keepNow(bool undoable = false);
+  bool endTogether(bool undoable);
+  LastChange failedChange(const SystemError& reason);
+  using Versions = EndedJournal::Versions;
+  Result<std::vector<std::string>> changedSince(const EndedJournal& last, const Versions& after);
+  Result<void> undo(const EndedJournal& last, const Versions& after, std::string& path);
+  Result<void> undoFile(const EndedJournal& last, const EndedJournal::Note& note, const std::string& after);
+  Result<void> undoBeside(const EndedJournal& last, const EndedJournal::Note& file);
+  Result<void> undoMade(const Place& place, const std::string& after);
+  Result<void> undoAttributes(NameIn noted, const NotedAttributes& before);
+  Result<void> removeDirectory(const Place& place);
+  Result<void> linkBack(const EndedJournal& last, const EndedJournal::Note& note, const Place& place,
+                        const std::string& name);
   void undoNow();
   void reportUndone(const JournalDirectory::Undone& undone);
 

@@ -56,8 +56,16 @@ void JournalingFileSystem::fail() {
 }
 
 bool JournalingFileSystem::end() {
+  return endTogether(false);
+}
+
+bool JournalingFileSystem::endUndoably() {
+  return endTogether(true);
+}
+
+bool JournalingFileSystem::endTogether(bool undoable) {
   together_ = false;
-  if (!failed_ && keepNow()) return true;
+  if (!failed_ && keepNow(undoable)) return true;
   if (failed_ && !journal_.isEmpty()) {
     log_.logError_source("not everything could be written: every file is as it was before", "");
   }
@@ -75,10 +83,10 @@ void JournalingFileSystem::leave(std::string_view path) {
   }
 }
 
-bool JournalingFileSystem::keepNow() {
+bool JournalingFileSystem::keepNow(bool undoable) {
   // While an undo is unfinished nothing was changed, and its journal is still needed.
   if (!inRequest_ || undoUnfinished_) return true;
-  const auto last = makeLast();
+  const auto last = makeLast(undoable);
   if (!last) {
     log_.logError_source(fill("the changes of the request cannot be kept: %@", {last.error().description()}),
                          "");
@@ -89,13 +97,13 @@ bool JournalingFileSystem::keepNow() {
 }
 
 // Contents, then names and the end of the journal: what is kept is on disk.
-Result<void> JournalingFileSystem::makeLast() {
+Result<void> JournalingFileSystem::makeLast(bool undoable) {
   if (!unflushed_.empty()) {
     if (auto flushed = behind_.flush({unflushed_.begin(), unflushed_.end()}); !flushed) return flushed;
     unflushed_.clear();
   }
   hasKept_ = hasKept_ || !journal_.isEmpty();
-  return journal_.keep([this]() -> Result<void> {
+  const auto makeNamesLast = [this]() -> Result<void> {
     for (const std::string& directory : unsynced_) {
       const auto synced = behind_.syncDirectory(directory);
       // A directory that is gone has no names left.
@@ -103,7 +111,8 @@ Result<void> JournalingFileSystem::makeLast() {
     }
     unsynced_.clear();
     return {};
-  });
+  };
+  return journal_.keep(makeNamesLast, undoable);
 }
 
 void JournalingFileSystem::undoNow() {

@@ -5,6 +5,7 @@ import re
 
 import pytest
 
+from jabberd import Jabberd
 from private_machine import ADMIN_GROUP, CONFIGURATION
 from service import JSON, PLIST, PREFERENCES
 
@@ -50,6 +51,28 @@ def test_every_setting_reads_back_as_it_was_written(service):
     assert settings["jabberdS2SPort"] == 0
     with open(service.machine.outside(PREFERENCES), "rb") as file:
         assert plistlib.load(file)["hosts"] == ["a.example.test", "b.example.test"]
+
+
+def test_the_last_write_is_undone_while_the_service_runs_with_it(service):
+    service.set("hosts=[a.example.test]")
+    assert service.tool("start").stdout == "state: RUNNING\n"
+    before, settings = service.configuration_files(), service.settings()
+    service.set("hosts=[a.example.test,b.example.test]", "jabberdClientPortTLS=5250", "savedChatsLocation=/var/chats",
+                "enableSavedChats=true")
+    assert service.tool("restart").stdout == "state: RUNNING\n"
+    assert "<stream:features" in Jabberd(service.machine).greet("b.example.test", 5250)
+    # What the running programs write is none of the change.
+    done = service.tool("settings", "undo")
+    assert "jabberdClientPortTLS: 5250 -> 5218\n" in done.stdout
+    assert (service.configuration_files(), service.settings()) == (before, settings)
+    assert not service.machine.outside("/var/chats").exists()
+    assert "<stream:features" in Jabberd(service.machine).greet("b.example.test", 5250), "it goes on as it was started"
+    assert service.tool("restart").stdout == "state: RUNNING\n"
+    assert "<stream:features" in Jabberd(service.machine).greet("a.example.test")
+    assert "host-unknown" in Jabberd(service.machine).greet("b.example.test")
+    service.tool("settings", "undo")
+    assert service.tool("restart").stdout == "state: RUNNING\n"
+    assert "<stream:features" in Jabberd(service.machine).greet("b.example.test", 5250)
 
 
 def test_an_unusable_archive_directory_leaves_every_file_as_it_was(service):

@@ -51,6 +51,23 @@ TEST(AuditRecord, TellsOldAndNewValuesOfTheSettingsThatAreOtherOnesNow) {
             R"({"authLevel":{"old":"ANYMETHOD","new":"STANDARD"},"added":{"new":1}})");
 }
 
+TEST(AuditRecord, TellsAllSettingsThatAnUndoHasMadeOthers) {
+  const AuditedRequest audited = {
+      "notification",
+      "undoSettings",
+      {{"command", "undoSettings"}},
+      Dictionary{{"authLevel", "STANDARD"}, {"jabberdS2SPort", 5268}, {"secret", "canary"}, {"gone", 1}}};
+  const auto outcome = answered(
+      {{"configuration",
+        Dictionary{{"authLevel", "ANYMETHOD"}, {"jabberdS2SPort", 5268}, {"secret", "other"}, {"new", 2}}}});
+  EXPECT_EQ(serializeJson(*auditRecord(audited, kRoot, outcome).find("changed")),
+            R"({"authLevel":{"old":"STANDARD","new":"ANYMETHOD"},"secret":{"old":"***","new":"***"},)"
+            R"("gone":{"old":1},"new":{"new":2}})");
+  const Dictionary refused = auditRecord(audited, kRoot, answered({{"error", "CHANGED_SINCE_ERR"}}));
+  EXPECT_TRUE(refused.dictionaryFor("changed")->empty());
+  EXPECT_EQ(*refused.stringFor("result"), "CHANGED_SINCE_ERR");
+}
+
 TEST(AuditRecord, TellsNoChangeOfSettingsThatWereRefused) {
   const auto audited = settingsWrite({{"authLevel", "STANDARD"}}, {{"authLevel", "ANYMETHOD"}});
   const Dictionary record = auditRecord(audited, kRoot, answered({{"error", "INVALID_ARG_ERR"}}));

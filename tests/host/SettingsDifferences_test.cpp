@@ -23,6 +23,16 @@ TEST(SettingsDifferences, AreWhatIsWantedOtherwiseInItsOrder) {
   EXPECT_FALSE(differences[1].old);
 }
 
+TEST(SettingsDifferences, AreAlsoWhatIsToHaveNoValueWhenAllAreWanted) {
+  const auto differences = allDifferencesBetween({{"a", 1}, {"b", 2}}, {{"a", 1}, {"c", 3}});
+  ASSERT_EQ(differences.size(), 2U);
+  EXPECT_EQ(differences[0].key, "b");
+  EXPECT_FALSE(differences[0].old);
+  EXPECT_EQ(differences[1].key, "c");
+  EXPECT_EQ(*differences[1].old->asInteger(), 3);
+  EXPECT_FALSE(differences[1].wanted);
+}
+
 TEST(SettingsDifferences, AreNoneWhereTheServiceReadsTheSame) {
   const Dictionary current = {{"port", 5218}, {"text", "5268"}, {"flag", true}, {"list", Array{"1", true}}};
   EXPECT_TRUE(

@@ -39,8 +39,10 @@ def waitUntil(condition, what):
 
 def awaitTidy(root, daemon=None):
     """Until what the journal held for an answered request is removed, or the daemon has died."""
-    kept = root / "Library/Server/tessardd/journal/kept"
-    waitUntil(lambda: (daemon and daemon.process.poll() is not None) or not kept.exists(), "the journal is empty")
+    home = root / "Library/Server/tessardd/journal"
+    left = [home / "undoable", home / "kept"]
+    waitUntil(lambda: (daemon and daemon.process.poll() is not None) or not any(one.exists() for one in left),
+              "the journal is empty")
 
 
 def asUser(user, groups=()):

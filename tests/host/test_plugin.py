@@ -29,7 +29,7 @@ def test_before_setup_details_are_refused_with_a_warning(plugin):
 
 @pytest.mark.parametrize(
     "command",
-    ["getState", "setState", "readSettings", "writeSettings", "initialSetup", "tailFile", "getLogPaths",
+    ["getState", "setState", "readSettings", "writeSettings", "undoSettings", "readFormerSettings", "initialSetup", "tailFile", "getLogPaths",
      "getConfiguredServices", "addService", "removeService", "getServiceUser", "setKorvsCertificate"],
 )
 def test_its_commands_are_known(plugin, command):

@@ -47,11 +47,12 @@ class Strace:
 class Scenario:
     """A request, the root that it begins with, and whether a second one takes it further."""
 
-    def __init__(self, name, request, allOrNothing=True, before=(), apart=()):
+    def __init__(self, name, request, allOrNothing=True, before=(), apart=(), turnsBack=False):
         self.name = name
         self.request = request
         self.allOrNothing = allOrNothing
         self.before = before
+        self.turnsBack = turnsBack  # whether a second request takes back what the first has done
         # What is no part of the change: content of the service that the same request makes anew when it is done, as
         # first-time setup does, and the keychain, which is a database of its own.
         self.apart = apart
@@ -62,6 +63,10 @@ class Scenario:
 
 def _write(configuration):
     return lambda daemon: ask(daemon, command="writeSettings", configuration=configuration)
+
+
+def _undo(daemon):
+    return ask(daemon, command="undoSettings")
 
 
 def _setup(daemon):
@@ -82,6 +87,7 @@ def scenarios(directory):
     return [
         Scenario("setup", _setup, allOrNothing=False),
         Scenario("settings", _write(SETTINGS_A), before=[_setup, _write(SETTINGS_B)]),
+        Scenario("undo", _undo, before=[_setup, _write(SETTINGS_B), _write(SETTINGS_A)], turnsBack=True),
         Scenario("change of address", _write({"changeip": {"oldHost": "push.example.com", "newHost": "new.example.com"}}),
                  before=[_setup, _write(SETTINGS_B)],
                  apart=["var/db/idavoll/pubsub.db", "var/db/idavoll/items.db",

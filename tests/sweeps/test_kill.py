@@ -15,7 +15,7 @@ pytestmark = needsPlugin
 SHORT = 6  # points of each request in the short form
 
 
-@pytest.mark.parametrize("name", ["setup", "settings", "change of address", "add service", "choose certificate",
+@pytest.mark.parametrize("name", ["setup", "settings", "undo", "change of address", "add service", "choose certificate",
                                   "service user", "stop"])
 def test_a_daemon_killed_before_any_call_leaves_all_or_nothing_and_carries_on(pluginRoot, tmp_path, name):
     scenario = next(one for one in scenarios(tmp_path) if one.name == name)
@@ -73,6 +73,8 @@ def assertReached(laboratory, place, found, begun, old, new):
     if laboratory.scenario.allOrNothing:
         # On what is new already it makes copies and backups of that.
         wrong = different(found, new) if begun is old else sorted(set(found) ^ set(new))
+        if laboratory.scenario.turnsBack and begun is new:
+            wrong = different(found, old)
         assert not wrong, f"{place}: made again: {wrong}"
         return
     # Passwords are drawn anew, and so differ; what there is, and whose, must not.
