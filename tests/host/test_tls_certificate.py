@@ -15,6 +15,7 @@ import subprocess
 import pytest
 
 from hosttools import Daemon, TerminalTool, buildDirectory, needsPlugin
+from test_certificates import memory_of
 from tlsmaterial import Authority, openssl
 
 pytestmark = needsPlugin
@@ -346,6 +347,23 @@ def test_the_import_is_audited_by_its_fingerprint_and_no_secret_is_logged(servic
     assert [(line["command"], line["request"].get("sha256"), line["result"]) for line in lines] == [
         ("import", pair.sha256, "done"), ("import", None, "malformed")]
     assert PHRASE not in said and key[:40] not in said and "PRIVATE" not in said
+
+
+def test_the_pass_phrase_and_the_key_do_not_stay_in_the_daemons_memory(service, pair):
+    if buildDirectory().name in ("asan", "tsan"):
+        pytest.skip("the sanitizers keep what is given back")
+    mark = "Zebra crossing 8 of the long pass phrase"
+    phrase = "P" * 40 + mark + "Q" * 40
+    key = openssl("pkcs8", "-topk8", "-in", pair.key, "-passout", "stdin", input=phrase.encode()).stdout.decode()
+    for wrong, status in (("", 200), ("x", 400)):
+        assert post(service, certificate=pair.certificate.read_text(), key=key, passPhrase=wrong + phrase).status == status
+    # In PEM, as it stands in the file, and its number as such.
+    line = pair.key.read_text().splitlines()[2]
+    number = openssl("ec", "-in", pair.key, "-noout", "-text").stdout.decode().partition("priv:")[2].partition("pub:")[0]
+    needles = [mark.encode(), line.encode(), bytes.fromhex(re.sub(r"[\s:]", "", number))[-24:]]
+    pieces = list(memory_of(service.process.pid))
+    assert sum(map(len, pieces)) > 1_000_000
+    assert not [needle for needle in needles for piece in pieces if needle in piece]
 
 
 @pytest.mark.parametrize("words", [("tls-certificate",), ("tls-certificate", "list"), ("tls-certificate", "show", "x"),

@@ -183,4 +183,4 @@ def chosenPoints(calls, names, wanted):
     return points[::step]
 
 
-__all__ = ["CHANGING", "READING", "Laboratory", "Path", "Strace", "chosenPoints", "scenarios", "waitUntil"]
+__all__ = ["CHANGING", "READING", "Laboratory", "Path", "Scenario", "Strace", "chosenPoints", "scenarios", "waitUntil"]

@@ -6,10 +6,11 @@ import plistlib
 
 import pytest
 
-from history import differences, isWhole, treeOf
-from hosttools import needsPlugin
-from interruptions import CHANGING, READING, Laboratory, Strace, chosenPoints, scenarios
+from history import ask, differences, isWhole, treeOf
+from hosttools import buildDirectory, needsPlugin
+from interruptions import CHANGING, READING, Laboratory, Scenario, Strace, chosenPoints, scenarios
 from sweeptools import report
+from tlsmaterial import Authority
 
 pytestmark = needsPlugin
 SHORT = 6  # points of each request in the short form
@@ -100,3 +101,46 @@ def assertOnePassword(place, found):
 def different(found, wanted):
     """What differs, but for what each attempt makes anew: a database says nothing of that but its content."""
     return [file for file in differences(found, wanted) if not file.endswith((".lock", "-"))]
+
+
+CERTIFICATE = "etc/jabberd_notification/tls-certificate.pem"
+
+
+def test_the_certificate_of_the_service_is_the_old_or_the_new_one_whole(pluginRoot, tmp_path):
+    (pluginRoot / "usr/sbin").mkdir(parents=True)
+    (pluginRoot / "usr/sbin/keywarden").symlink_to(buildDirectory() / "programs/keywarden")
+    authority = Authority(tmp_path / "authority")
+
+    def importing(name):
+        pair = authority.issue(name, ["push.example.com"])
+        return lambda daemon: ask(daemon, "/v1/tls-certificate", certificate=pair.certificate.read_text(), key=pair.key.read_text())
+
+    def setUp(daemon):
+        ask(daemon, command="initialSetup")
+    laboratory = Laboratory(pluginRoot, Scenario("certificate", importing("new"), before=[setUp, importing("old")]))
+    points = chosenPoints(laboratory.calls(tmp_path), CHANGING, SHORT)
+    old, new = treeOf(laboratory.pristine)[CERTIFICATE], treeOf(laboratory.root)[CERTIFICATE]
+    assert old[-1] != new[-1] and old[:-1] == new[:-1]
+    killed = 0
+    for call, number in points:
+        root = laboratory.fresh()
+        with laboratory as daemon:
+            strace = Strace(laboratory.workerOf(daemon), "-e", f"trace={call}", "-e", f"inject={call}:signal=SIGKILL:when={number}")
+            try:
+                laboratory.scenario.request(daemon)
+                laboratory.settle(daemon)
+                killed += daemon.process.poll() is not None
+            except (ConnectionError, http.client.HTTPException):
+                daemon.process.wait()
+                killed += 1
+            strace.end()
+        place = f"{call} {number}"
+        assert treeOf(root)[CERTIFICATE] in (old, new), place
+        with laboratory as daemon:
+            found = treeOf(root)
+            assert found[CERTIFICATE] in (old, new) and not [file for file in found if file.endswith(".tmp")], place
+            laboratory.scenario.request(daemon)
+            assert treeOf(root)[CERTIFICATE] == new, place
+    report(f"certificate: {killed} kills at {len(points)} points")
+    laboratory.end()
+    assert points and killed >= len(points) * 0.9, "calls were not reached"
