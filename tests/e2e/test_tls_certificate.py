@@ -10,7 +10,7 @@ import pytest
 from private_machine import CONFIGURATION, PrivateMachine
 from service import Service
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "host"))
+sys.path.append(str(Path(__file__).resolve().parents[1] / "host"))
 
 from tlsmaterial import Authority  # noqa: E402
 

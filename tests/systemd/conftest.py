@@ -7,7 +7,7 @@ from pathlib import Path
 import pytest
 
 _PROJECT = Path(__file__).resolve().parents[2]
-sys.path += [str(_PROJECT / "scripts"), str(_PROJECT / "tests/e2e")]
+sys.path += [str(_PROJECT / "scripts"), str(_PROJECT / "tests/e2e"), str(_PROJECT / "tests/host")]
 
 from service import Service  # noqa: E402
 from systemd_machine import SystemdMachine  # noqa: E402

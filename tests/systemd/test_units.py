@@ -9,6 +9,7 @@ import pytest
 from certificates import PUBLIC_CA_FILE, serve_over_tls
 from jabberd import Jabberd, add_user, logged_in
 from private_machine import CONFIGURATION, HOST_NAME, PROJECT, wait_until
+from tlsmaterial import Authority
 
 JABBERD = "org.jabber.jabberd_notification"
 PUBSUB = "com.velto.Beaconry"
@@ -274,6 +275,24 @@ def test_a_daemon_that_is_killed_comes_back_and_leaves_jabberd_alone(service):
                and machine.unit("tessardd")["ActiveState"] == "active", "the next daemon")
     assert state_of_jabberd(service) == "RUNNING"
     assert components(machine) == jabberd
+
+
+def test_what_keeps_the_daemon_in_its_place_lets_it_change_the_certificate_and_look_at_it(service):
+    machine = service.machine
+    authority = Authority(machine.outside("/root/authority"))
+    first = authority.issue("first", [HOST_NAME])
+    # Sealed by an older program: OpenSSL has to load a part of it that is a file.
+    first.pkcs12("alt", "-legacy")
+    imported = ("--json", "tls-certificate", "import")
+    answer = json.loads(service.tool(*imported, "--pkcs12", "/root/authority/first.p12", input="alt\n").stdout)
+    assert (answer["certificate"]["sha256"], answer["running"]) == (first.sha256, False)
+    start(service)
+    second = authority.issue("second", [HOST_NAME])
+    answer = json.loads(service.tool(*imported, "--certificate", "/root/authority/second.pem", "--chain", "/root/authority/chain.pem",
+                                     "--key", "/root/authority/second.key").stdout)
+    assert {(each["entrance"], each["sha256"]) for each in answer["served"]} == {
+        ("clients", second.sha256), ("servers", second.sha256)}
+    assert machine.run("stat", "-c", "%u:%g %a", f"{CONFIGURATION}/tls-certificate.pem").stdout == "0:84 640\n"
 
 
 def test_the_publish_subscribe_service_runs_beside_jabberd_and_comes_back(service):
