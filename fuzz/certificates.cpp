@@ -1,6 +1,6 @@
 // The first byte of the input tells, when it is not 0, that the pass phrase is the rest of the first line;
-// what follows is a file to be imported, and also taken for the bytes of a single certificate and of an X.509
-// name.
+// what follows is a file to be imported, and examined for a server, and also taken for the bytes of a single
+// certificate and of an X.509 name.
 
 #include <cstdio>
 
@@ -9,6 +9,8 @@
 #include "common/Utf8.h"
 #include "fuzz/FuzzBytes.h"
 #include "fuzz/FuzzTargets.h"
+#include "platform/certificates/CertificateNames.h"
+#include "platform/certificates/CombinedPem.h"
 #include "platform/keychain/CertificateFile.h"
 #include "platform/keychain/KeychainManager.h"
 #include "platform/keychain/PemFile.h"
@@ -73,6 +75,31 @@ void promiseImport(std::string_view bytes, const Secret* phrase) {
   promise(all.ok() && all.value().size() == report.value().added, "all that was put in is there");
 }
 
+void promiseExamination(std::string_view file, const Secret* phrase) {
+  const ExaminationRules rules{{"example.org"}, 1'800'000'000};
+  // As each of the files that there may be.
+  for (const CertificateMaterial& material :
+       {CertificateMaterial{file, {}, {}, phrase}, CertificateMaterial{{}, file, {}, phrase},
+        CertificateMaterial{file, file, file, phrase}}) {
+    const auto examination = examineCertificate(material, rules);
+    for (const CertificateFinding& finding : examination.findings) {
+      promise(!finding.id.empty() && finding.sentence.ends_with('.') && finding.remedy.ends_with('.'),
+              "a finding has an id, a sentence and a remedy");
+      promise(isPlain(finding.sentence), "a finding is plain text");
+    }
+    for (const Certificate& link : examination.chain) {
+      for (const std::string& name : namesOf(link).all()) promise(isPlain(name), "names are plain text");
+    }
+    const auto pem = combinedPem(examination);
+    promise(pem.has_value() || examination.hasErrors(), "without an error there is a file for the server");
+    if (!pem) continue;
+    const auto again = examineCertificate({pem->view()}, rules);
+    promise(again.privateKey && again.chain.size() == examination.chain.size(),
+            "the file for the server reads back");
+    promise(again.chain.front().der() == examination.chain.front().der(), "with the same certificate");
+  }
+}
+
 void readName(FuzzBytes bytes) {
   std::vector<std::string> texts;
   texts.reserve(64);
@@ -90,6 +117,7 @@ void readName(FuzzBytes bytes) {
     }
   }
   std::vector<X509RelativeName> parts;
+  parts.reserve(pairs.size());
   for (const auto& part : pairs) parts.push_back({static_cast<std::uint32_t>(part.size()), part.data()});
   static TestPlatform platform;
   static RecordingOwner owner(platform);
@@ -120,6 +148,7 @@ void certificates(std::string_view input) {
   } else {
     promise(!read.error().text.empty(), "a refusal has a reason");
   }
+  promiseExamination(file, hasPhrase ? &phrase : nullptr);
   if (const auto certificate = Certificate::parse(file)) promiseCertificate(*certificate);
   const auto kind = keyFileKind(file);
   const auto opened = checkPassPhrase(file, phrase);

@@ -1,5 +1,6 @@
 #include "platform/certificates/CertificateNames.h"
 
+#include <idn2.h>
 #include <openssl/objects.h>
 #include <openssl/x509v3.h>
 
@@ -70,9 +71,19 @@ CertificateNames namesOf(const Certificate& certificate) {
   return names;
 }
 
+std::string asciiFormOf(const std::string& domain) {
+  char* made = nullptr;
+  if (idn2_to_ascii_8z(domain.c_str(), &made, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL) != IDN2_OK)
+    return domain;
+  std::string form(made);
+  idn2_free(made);
+  return form;
+}
+
 NameMatch matchOf(const CertificateNames& names, std::string_view domain) {
-  const std::string wanted = comparable(domain);
-  const auto isWanted = [&](const std::string& name) { return comparable(name) == wanted; };
+  const std::string written = comparable(domain);
+  const std::string wanted = comparable(asciiFormOf(written));
+  const auto isWanted = [&](const std::string& name) { return comparable(name) == written; };
   if (std::ranges::any_of(names.hosts, [&](const std::string& host) { return hostMatches(host, wanted); }) ||
       std::ranges::any_of(names.addresses, isWanted) ||
       std::ranges::any_of(names.services, [&](const std::string& service) {

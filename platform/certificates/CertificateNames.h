@@ -24,6 +24,10 @@ struct CertificateNames {
 
 CertificateNames namesOf(const Certificate& certificate);
 
+/// A domain as hosts are named in certificates and in TLS: "xn--mnchen-3ya.example" for "münchen.example".
+/// The domain as it is where there is no such form.
+std::string asciiFormOf(const std::string& domain);
+
 enum class NameMatch {
   none,
   commonName,  ///< by the common name alone, which many clients ignore
@@ -31,10 +35,10 @@ enum class NameMatch {
 };
 
 /// Whether an XMPP client that wants this domain takes the names: one of the hosts, of the addresses, or a
-/// service "_xmpp-client"; upper and lower case of ASCII letters alike. A wildcard is the whole first label
-/// of a host's name and stands for one label: "*.example.org" is for "chat.example.org", and neither for
-/// "example.org" nor for "a.chat.example.org". The common name counts where there are no hosts, addresses and
-/// services.
+/// service "_xmpp-client"; upper and lower case of ASCII letters alike, hosts and services also in the form
+/// of `asciiFormOf`. A wildcard is the whole first label of a host's name and stands for one label:
+/// "*.example.org" is for "chat.example.org", and neither for "example.org" nor for "a.chat.example.org". The
+/// common name counts where there are no hosts, addresses and services.
 NameMatch matchOf(const CertificateNames& names, std::string_view domain);
 
 }  // namespace tessard

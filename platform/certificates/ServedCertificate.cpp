@@ -17,6 +17,7 @@
 #include "platform/FileDescriptor.h"
 #include "platform/SystemCalls.h"
 #include "platform/XmlText.h"
+#include "platform/certificates/CertificateNames.h"
 #include "platform/keychain/OpenSsl.h"
 
 namespace tessard {
@@ -82,7 +83,7 @@ class Link {
     if (!tls || SSL_set_fd(tls.get(), link_.get()) != 1) return SystemError(ENOMEM);
     // Whatever is shown is to be seen.
     SSL_set_security_level(tls.get(), 0);
-    SSL_set_tlsext_host_name(tls.get(), domain.c_str());
+    SSL_set_tlsext_host_name(tls.get(), asciiFormOf(domain).c_str());
     int done = SSL_connect(tls.get());
     while (done != 1) {
       const int wanted = SSL_get_error(tls.get(), done);

@@ -67,6 +67,16 @@ TEST(CertificateNames, AnXmppAddressAndAServiceOfClientsCount) {
             NameMatch::none);
 }
 
+TEST(CertificateNames, ADomainOfOtherLettersIsNamedAsHostsAre) {
+  EXPECT_EQ(asciiFormOf("m\u00fcnchen.example"), "xn--mnchen-3ya.example");
+  EXPECT_EQ(asciiFormOf("plain.example"), "plain.example");
+  EXPECT_EQ(asciiFormOf("no_host."), "no_host.");
+  EXPECT_EQ(match("DNS:xn--mnchen-3ya.example", "m\u00fcnchen.example"), NameMatch::certain);
+  EXPECT_EQ(match("DNS:XN--mnchen-3ya.example", "M\u00dcNCHEN.example"), NameMatch::certain);
+  EXPECT_EQ(match("DNS:*.xn--mnchen-3ya.example", "chat.m\u00fcnchen.example"), NameMatch::certain);
+  EXPECT_EQ(match("DNS:munchen.example", "m\u00fcnchen.example"), NameMatch::none);
+}
+
 TEST(CertificateNames, TheCommonNameCountsOnlyWhereThereIsNothingElse) {
   EXPECT_EQ(matchOf(namesWith("", "example.org"), "example.org"), NameMatch::commonName);
   EXPECT_EQ(matchOf(namesWith("DNS:other.example", "example.org"), "example.org"), NameMatch::none);
