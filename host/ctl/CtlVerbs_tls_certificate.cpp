@@ -179,8 +179,13 @@ std::string whatWasDone(const Dictionary& answer) {
   const Array* served = answer.arrayFor("served");
   if (!isTrue(answer, "running"))
     return "The service does not run; it shows this certificate from its start on.";
-  const std::string seen =
-      fill("clients get this certificate (%lu connections tried)", {served ? served->size() : 0});
+  const Value* unseen = answer.find("unseen");
+  std::string seen =
+      fill("clients get this certificate (%lu connections tried", {served ? served->size() : 0});
+  if (unseen && unseen->integerValue() > 0) {
+    seen += fill(", and %ld not, for want of time", {unseen->integerValue()});
+  }
+  seen += ")";
   if (!served || served->empty()) {
     return "The service was restarted; it listens nowhere where this could be tried.";
   }

@@ -26,7 +26,7 @@ const char* wordFor(TlsEntranceKind kind);
 
 /// The certificate that is shown at a port of this machine (127.0.0.1, or ::1 where nobody listens there) to
 /// who wants the domain. It is not judged. Fails with a sentence without a full stop: nobody listens, TLS is
-/// not offered, or nothing is heard in time.
+/// not offered, or nothing is heard in time. The process must catch or ignore SIGPIPE.
 Result<Certificate> servedCertificate(const TlsEntrance& entrance, const std::string& domain,
                                       std::chrono::milliseconds patience);
 
