@@ -10,15 +10,12 @@
 #include <memory>
 #include <utility>
 
+#include "platform/RootDirectory.h"
 #include "platform/SystemCalls.h"
 
 namespace tessard {
 
 namespace {
-
-// openat2 answers EAGAIN when a directory on the way is renamed while ".." is resolved. It succeeds as soon
-// as nobody does so; whoever keeps renaming must not hold us up for ever.
-constexpr int kResolvingAttempts = 1000;
 
 // What a first reading of a file asks for, and grows by.
 constexpr std::size_t kReadingStep = 64UL * 1024;
@@ -68,16 +65,7 @@ PosixFileSystem::PosixFileSystem(std::string root, OwnerMap map) : map_(std::mov
 Result<FileDescriptor> PosixFileSystem::open(std::string_view path, int flags) const {
   if (!isWellFormed(path)) return SystemError(EINVAL);
   if (!root_) return SystemError(rootError_);
-  const std::string text(path);
-  open_how how{};
-  how.flags = static_cast<std::uint64_t>(flags | O_CLOEXEC);
-  how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-  for (int attempt = 1;; ++attempt) {
-    const long opened =
-        uninterrupted([&] { return ::syscall(SYS_openat2, root_.get(), text.c_str(), &how, sizeof how); });
-    if (opened >= 0) return FileDescriptor(static_cast<int>(opened));
-    if (errno != EAGAIN || attempt == kResolvingAttempts) return SystemError::last();
-  }
+  return openResolving(root_.get(), std::string(path), flags, RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS);
 }
 
 Result<PosixFileSystem::Place> PosixFileSystem::placeOf(std::string_view path) const {
