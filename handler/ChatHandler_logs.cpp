@@ -8,17 +8,24 @@ namespace {
 
 constexpr const char* kFiltersKey = "withFilters";
 
+// What the daemon itself and its plug-ins say, which is in the system log, too.
+constexpr const char* kDaemonLog = "DAEMON_LOG";
+constexpr const char* kDaemonLogPath = "/var/log/system.log";
+
 // The word that marks a log's own lines, null where all of them are.
 const char* filterWordFor(const std::string* identifier) {
   if (identifier && *identifier == "JABBER_LOG") return "_notification";
   if (identifier && *identifier == "MUC_STD_LOG") return "Rooms";
+  if (identifier && *identifier == kDaemonLog) return "tessardd";
   return nullptr;
 }
 
 }  // namespace
 
 std::optional<Dictionary> NOTIFICATION_PLUGIN_ChatHandler::logPaths() {
-  return serviceWrangler_->getAllServiceLogPaths();
+  auto paths = serviceWrangler_->getAllServiceLogPaths();
+  if (paths) paths->set(kDaemonLog, kDaemonLogPath);
+  return paths;
 }
 
 Dictionary NOTIFICATION_PLUGIN_ChatHandler::tailFileWithRequest(const Dictionary& request) {

@@ -68,8 +68,14 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
     result.output = value;
   } else if (option == "--lines" || option == "-n") {
     result.lines = value;
-  } else if (option == "--filter") {
-    result.filters.push_back(value);
+  } else if (option == "--text") {
+    result.texts.push_back(value);
+  } else if (option == "--component") {
+    result.components.push_back(value);
+  } else if (option == "--level") {
+    result.level = value;
+  } else if (option == "--since") {
+    result.since = value;
   } else {
     return false;
   }
@@ -78,9 +84,7 @@ bool takeValue(CtlArguments& result, const std::string& option, const std::strin
 
 bool needsValue(const std::string& option) {
   CtlArguments unused;
-  return takeCertificateFile(unused, option, "") || option == "--socket" || option == "--plugin" ||
-         option == "--file" || option == "--output" || option == "--format" || option == "--only" ||
-         option == "--timeout" || option == "--lines" || option == "-n" || option == "--filter";
+  return takeValue(unused, option, "");
 }
 
 constexpr const char* kHelp =
@@ -146,10 +150,17 @@ constexpr const char* kHelp =
     "      --force                 takes it without a served domain's name, too\n"
     "      --passphrase-file FILE, --passphrase-fd NUMBER\n"
     "                              where the pass phrase is, on the first line; otherwise it is asked for\n"
-    "  log [IDENTIFIER] [--lines N] [--filter TEXT]... [--follow]\n"
-    "                              the newest lines (100) of a log (JABBER_LOG) that hold every TEXT;\n"
-    "                              --follow goes on with new ones until Ctrl-C\n"
-    "                              tessardctl log --filter c2s --follow\n"
+    "  log [--lines N] [--level LEVEL] [--component NAME]... [--text TEXT]... [--since TIME] [--follow]\n"
+    "                              what all parts of the service have logged, by time: the newest lines "
+    "(100)\n"
+    "                              of that level (error, warning, notice, info, debug) and graver, of these\n"
+    "                              parts (router, sm, c2s, tessardd, ...), with every TEXT, since a time "
+    "(10m,\n"
+    "                              2h, 2026-11-21, 10:30); --follow goes on with new ones until Ctrl-C\n"
+    "                              tessardctl log --level warning --since 2h\n"
+    "  log IDENTIFIER [--lines N] [--text TEXT]... [--follow]\n"
+    "                              the newest lines of one log as they stand in it (JABBER_LOG, DAEMON_LOG)\n"
+    "                              tessardctl log JABBER_LOG --text c2s --follow\n"
     "  log --list                  the identifiers of the logs and their files\n"
     "                              tessardctl log --list\n"
     "  check [--only AREA[,AREA]...] [--timeout SECONDS]\n"

@@ -16,7 +16,10 @@ struct CtlArguments {
   std::optional<std::string> file;              ///< of --file
   std::optional<std::string> output;            ///< of --output
   std::optional<std::string> lines;             ///< of --lines, as it was given
-  std::vector<std::string> filters{};           ///< of every --filter
+  std::vector<std::string> texts{};             ///< of every --text
+  std::vector<std::string> components{};        ///< of every --component
+  std::optional<std::string> level;             ///< of --level
+  std::optional<std::string> since;             ///< of --since
   std::optional<std::string> format;            ///< of --format
   std::optional<std::string> only;              ///< of --only
   std::optional<std::string> timeout;           ///< of --timeout, as it was given

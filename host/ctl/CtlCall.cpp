@@ -7,6 +7,19 @@
 
 namespace tessard {
 
+namespace {
+
+// What a restart of the daemon looks like from here.
+bool mayComeBack(const std::variant<ClientReply, ClientFailure>& reply) {
+  if (const auto* failure = std::get_if<ClientFailure>(&reply)) {
+    return failure->id == "not-running" || failure->id == "no-connection" || failure->id == "connection-lost";
+  }
+  constexpr int kUnavailable = 503;
+  return std::get<ClientReply>(reply).status == kUnavailable;
+}
+
+}  // namespace
+
 int exitCodeFor(int status, const std::string& id) {
   if (id == "unknown-command" || id == "unknown-area") return EX_USAGE;
   if (id == "cannot-write") return EX_CANTCREAT;
@@ -65,6 +78,14 @@ int CtlCall::beforeSetup(const std::string& what) const {
 std::optional<ClientReply> CtlCall::replyTo(const std::string& method, const std::string& path,
                                             const std::string& body, int& exitCode) {
   auto reply = client_.send(method, path, body);
+  for (bool told = false; pause_ && mayComeBack(reply); told = true) {
+    if (!told) output_.note("The daemon does not answer; waiting until it does.");
+    if (!pause_()) {
+      exitCode = EX_OK;
+      return std::nullopt;
+    }
+    reply = client_.send(method, path, body);
+  }
   output_.endProgress();
   if (const auto* failure = std::get_if<ClientFailure>(&reply)) {
     exitCode = output_.failure(failure->id, failure->message, failure->exitCode);

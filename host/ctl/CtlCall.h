@@ -31,6 +31,9 @@ class CtlCall {
 
   /// Shows the progress of the services' parts while an answer is awaited.
   void showParts() { showsParts_ = true; }
+  /// From here on a daemon that is gone is waited for: `pause` is called between two attempts, until it is
+  /// false, which ends the request with exit code 0.
+  void outlastDaemon(std::function<bool()> pause) { pause_ = std::move(pause); }
   /// Whether the request that was sent last has logged an error.
   bool errorLogged() const { return errorLogged_; }
 
@@ -73,6 +76,7 @@ class CtlCall {
   const CtlOutput& output_;
   UnixHttpClient client_;
   ServiceWatch watch_;
+  std::function<bool()> pause_;
   bool showsParts_ = false;
   bool errorLogged_ = false;
 };

@@ -43,7 +43,10 @@ std::string printable(const std::string& text) {
 }
 
 CtlOutput::CtlOutput(bool json)
-    : json_(json), terminal_(isatty(STDERR_FILENO) == 1), colour_(terminal_ && !isSet("NO_COLOR")) {}
+    : json_(json),
+      terminal_(isatty(STDERR_FILENO) == 1),
+      colour_(terminal_ && !isSet("NO_COLOR")),
+      lineColour_(isatty(STDOUT_FILENO) == 1 && !isSet("NO_COLOR")) {}
 
 std::optional<std::size_t> CtlOutput::columns() const {
   winsize size{};
@@ -55,6 +58,12 @@ std::optional<std::size_t> CtlOutput::columns() const {
 
 void CtlOutput::line(const std::string& text) const {
   std::fprintf(stdout, "%s\n", printable(text).c_str());
+}
+
+void CtlOutput::line(const std::string& text, Colour colour) const {
+  if (!lineColour_ || colour == Colour::none) return line(text);
+  const char* code = colour == Colour::red ? "31" : colour == Colour::yellow ? "33" : "90";
+  std::fprintf(stdout, "\033[%sm%s\033[0m\n", code, printable(text).c_str());
 }
 
 void CtlOutput::text(const std::string& lines) const {

@@ -21,6 +21,9 @@ class CtlOutput {
   std::optional<std::size_t> columns() const;
 
   void line(const std::string& text) const;
+  enum class Colour { none, grey, yellow, red };
+  /// A line that is coloured where standard output is a terminal, unless NO_COLOR is set.
+  void line(const std::string& text, Colour colour) const;
   /// Lines that are written as they are.
   void text(const std::string& lines) const;
   void document(const Dictionary& answer) const;
@@ -44,6 +47,7 @@ class CtlOutput {
   bool json_;
   bool terminal_;
   bool colour_;
+  bool lineColour_;
 };
 
 /// A text as it is shown: what a terminal would obey stands as its number.

@@ -124,7 +124,10 @@ std::optional<std::string> strayOption(const CtlArguments& arguments) {
   if (arguments.timeout && verb != "check") return "--timeout belongs to \"check\".";
   if (verb == "log") return std::nullopt;
   if (arguments.lines) return "--lines belongs to \"log\".";
-  if (!arguments.filters.empty()) return "--filter belongs to \"log\".";
+  if (!arguments.texts.empty()) return "--text belongs to \"log\".";
+  if (!arguments.components.empty()) return "--component belongs to \"log\".";
+  if (arguments.level) return "--level belongs to \"log\".";
+  if (arguments.since) return "--since belongs to \"log\".";
   if (arguments.follow) return "--follow belongs to \"log\".";
   if (arguments.list && verb != "check") return "--list belongs to \"log\" and \"check\".";
   return std::nullopt;

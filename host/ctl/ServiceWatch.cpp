@@ -85,6 +85,26 @@ void ServiceWatch::explain() const {
   });
 }
 
+std::map<int, std::string> ServiceWatch::partsByProcess() const {
+  std::map<int, std::string> parts;
+  const auto found = reports();
+  if (!found) return parts;
+  forEachService(*found, [&](const std::string& /*name*/, const Dictionary& service) {
+    forEachPart(
+        service, [&](const std::string& part, const std::string& /*state*/, const Dictionary& report) {
+          const Value* process = report.find("pid");
+          if (!process) return;
+          // "sm (sm_a.example.xml)"
+          const auto bracket = part.find(" (");
+          const auto end = part.rfind(".xml)");
+          const bool hasFile = bracket != std::string::npos && end != std::string::npos && end > bracket;
+          parts[static_cast<int>(process->integerValue())] =
+              hasFile ? part.substr(bracket + 2, end - bracket - 2) : part;
+        });
+  });
+  return parts;
+}
+
 void ServiceWatch::showParts() const {
   const auto found = reports();
   if (!found) return;

@@ -23,6 +23,10 @@ class ServiceWatch {
   /// those that ended.
   void explain() const;
 
+  /// The parts that run by the numbers of their processes: "c2s", or "sm_a.example" for the session manager
+  /// of a further domain, whose file has that name.
+  std::map<int, std::string> partsByProcess() const;
+
   /// A line "SERVICE/PART: state" for every part.
   void showParts() const;
 

@@ -90,8 +90,7 @@ Result<void> JournalingFileSystem::undo(const EndedJournal& last, const Versions
   for (const auto& [directory, attributes] : last.removed()) {
     path = directory;
     unsynced_.insert(directoryOf(path));
-    const auto made =
-        createDirectory(path, {attributes.owner, attributes.group, attributes.permissions}, false);
+    auto made = createDirectory(path, {attributes.owner, attributes.group, attributes.permissions}, false);
     if (!made && made.error().code() != EEXIST) return made;
   }
   // What was made inside of a new directory goes before that itself.
@@ -174,7 +173,7 @@ Result<void> JournalingFileSystem::undoBeside(const EndedJournal& last, const En
     if (!place || place->path != file.path) continue;
     const EndedJournal::Note* note = last.find(file.path, name);
     if (!note || !note->present) {
-      const auto removed = remove(path);
+      auto removed = remove(path);
       if (!removed && removed.error().code() != ENOENT && removed.error().code() != EISDIR) return removed;
       continue;
     }

@@ -72,8 +72,9 @@ class OpenJournal {
     if (sd_journal_get_realtime_usec(get(), &moment) < 0) moment = 0;
     const std::string name = field("SYSLOG_IDENTIFIER").value_or(field("_COMM").value_or("unknown"));
     const auto process = field("SYSLOG_PID").has_value() ? field("SYSLOG_PID") : field("_PID");
-    return fill("%@ %@ %@%@: %@", {timeText(moment), field("_HOSTNAME").value_or("localhost"), name,
-                                   process ? "[" + *process + "]" : "", field("MESSAGE").value_or("")});
+    return fill("%@ %@ %@%@%@: %@",
+                {timeText(moment), field("_HOSTNAME").value_or("localhost"), levelWord(), name,
+                 process ? "[" + *process + "]" : "", field("MESSAGE").value_or("")});
   }
 
   std::string position() const {
@@ -92,6 +93,15 @@ class OpenJournal {
     if (sd_journal_get_data(get(), name.c_str(), &data, &length) < 0) return std::nullopt;
     const std::string_view text(static_cast<const char*>(data), length);
     return std::string(text.substr(std::min(name.size() + 1, text.size())));
+  }
+
+  // "err " and the like, as syslog calls the levels.
+  std::string levelWord() const {
+    constexpr std::array<const char*, 8> kWords = {"emerg",   "alert",  "crit", "err",
+                                                   "warning", "notice", "info", "debug"};
+    const auto level = field("PRIORITY");
+    if (!level || level->size() != 1 || level->front() < '0' || level->front() > '7') return "";
+    return fill("%@ ", {kWords.at(static_cast<std::size_t>(level->front() - '0'))});
   }
 
   std::unique_ptr<sd_journal, decltype(&sd_journal_close)> journal_;

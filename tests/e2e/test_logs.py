@@ -14,13 +14,13 @@ def log(service, *words):
 
 def test_the_lines_of_every_component_are_shown_and_no_others(service):
     service.tool("start")
-    shown = log(service, "--lines", "1000")
+    shown = log(service, "JABBER_LOG", "--lines", "1000")
     for component in COMPONENTS:
         assert any(f" jabberd_notification/{component}[" in line for line in shown), component
     assert all("_notification" in line for line in shown)
     everything = service.machine.system_log().splitlines()
     assert [line for line in everything if "_notification" in line][:len(shown)] == shown
-    only = log(service, "--filter", "jabberd_notification/c2s[", "--lines", "3")
+    only = log(service, "JABBER_LOG", "--text", "jabberd_notification/c2s[", "--lines", "3")
     assert only and all("jabberd_notification/c2s[" in line for line in only)
 
 
@@ -60,8 +60,20 @@ def test_errors_of_the_publish_subscribe_service_are_shown_from_its_own_log(serv
 def test_following_shows_what_is_logged_later(service):
     machine = service.machine
     service.tool("start")
-    machine.run("sh", "-c", "setsid tessardctl log --follow --lines 1 >/tmp/followed 2>&1 </dev/null &")
+    machine.run("sh", "-c", "setsid tessardctl log JABBER_LOG --follow --lines 1 >/tmp/followed 2>&1 </dev/null &")
     followed = machine.outside("/tmp/followed")
     wait_until(lambda: followed.exists() and followed.stat().st_size > 0, "the newest line")
     service.tool("stop")
     wait_until(lambda: "The instance has stopped." in machine.read("/tmp/followed"), "the launcher's last line")
+
+
+def test_all_parts_are_shown_together_with_the_domains_of_their_session_managers(service):
+    service.set("hosts=[a.example.test,b.example.test]")
+    service.tool("start")
+    service.machine.system_log()
+    records = [json.loads(line) for line in service.tool("--json", "log", "--lines", "1000").stdout.splitlines()]
+    assert {*COMPONENTS, "sm_b.example.test", "launcher", "tessardd", "pubsub"} <= {each["component"] for each in records}
+    assert [each["time"] for each in records] == sorted(each["time"] for each in records)
+    assert {each["level"] for each in records} <= {"error", "warning", "notice", "info", "debug"}
+    only = service.tool("--json", "log", "--component", "sm_b.example.test").stdout.splitlines()
+    assert only and {json.loads(line)["component"] for line in only} == {"sm_b.example.test"}

@@ -9,7 +9,7 @@ import threading
 
 import pytest
 
-from hosttools import PATIENCE, buildDirectory, needsPlugin
+from hosttools import PATIENCE, TerminalTool, buildDirectory, needsPlugin
 
 pytestmark = needsPlugin
 
@@ -137,22 +137,22 @@ def test_the_paths_are_answered_once_there_is_service_data(plugin):
 
 def test_the_newest_lines_are_shown(plugin, systemLog):
     write(systemLog, *(f"line {number}" for number in range(200)))
-    shown = plugin.tool("log").stdout.splitlines()
+    shown = plugin.tool("log", "JABBER_LOG").stdout.splitlines()
     assert shown == [f"{OURS}line {number}" for number in range(100, 200)]
     assert plugin.tool("log", "JABBER_LOG", "--lines", "2").stdout.splitlines() == shown[-2:]
-    assert plugin.tool("log", "-n", "0").stdout == ""
-    assert plugin.tool("log", "--filter", "line 1", "--filter=77").stdout == f"{OURS}line 177\n"
-    assert plugin.tool("log", "--filter", "nothing of the kind").stderr == ""
+    assert plugin.tool("log", "JABBER_LOG", "-n", "0").stdout == ""
+    assert plugin.tool("log", "JABBER_LOG", "--text", "line 1", "--text=77").stdout == f"{OURS}line 177\n"
+    assert plugin.tool("log", "JABBER_LOG", "--text", "nothing of the kind").stderr == ""
 
 
 def test_json_is_the_answer(plugin, systemLog):
     write(systemLog, "a\u009b2J")
-    assert json.loads(plugin.tool("log", "--json").stdout)["lines"] == [f"{OURS}a\ufffd2J"]
+    assert json.loads(plugin.tool("log", "JABBER_LOG", "--json").stdout)["lines"] == [f"{OURS}a\ufffd2J"]
 
 
 def test_what_is_left_out_unasked_is_told(plugin, systemLog):
     write(systemLog, *(["x" * 5000] * 300))
-    done = plugin.tool("log", "--lines", "300")
+    done = plugin.tool("log", "JABBER_LOG", "--lines", "300")
     assert done.returncode == 0
     assert done.stderr == "warning: Older lines are left out; the answer would be too large.\n"
     assert len(done.stdout.splitlines()) > 200
@@ -165,11 +165,19 @@ def test_what_is_left_out_unasked_is_told(plugin, systemLog):
         (["log", "--list", "--follow"], "--list stands alone."),
         (["log", "--list", "JABBER_LOG"], "--list stands alone."),
         (["log", "--list", "-n", "1"], "--list stands alone."),
-        (["log", "--list", "--filter", "x"], "--list stands alone."),
+        (["log", "--list", "--text", "x"], "--list stands alone."),
         (["state", "--lines", "1"], '--lines belongs to "log".'),
-        (["state", "--filter", "x"], '--filter belongs to "log".'),
+        (["state", "--text", "x"], '--text belongs to "log".'),
+        (["state", "--level", "error"], '--level belongs to "log".'),
+        (["state", "--component", "sm"], '--component belongs to "log".'),
+        (["state", "--since", "1h"], '--since belongs to "log".'),
+        (["log", "JABBER_LOG", "--level", "error"], "are for all logs together"),
+        (["log", "--level", "grave"], "--level must be error, warning"),
+        (["log", "--since", "soon"], '--since cannot be "soon".'),
+        (["log", "--lines", "many"], "--lines must be a number"),
+        (["log", "--lines", "100001"], "--lines must be a number"),
         (["state", "--follow"], '--follow belongs to "log".'),
-        (["state", "--list"], '--list belongs to "log".'),
+        (["state", "--list"], '--list belongs to "log" and "check".'),
         (["log", "--lines"], 'The option "--lines" needs a value.'),
     ],
     ids=lambda value: " ".join(value) if isinstance(value, list) else "",
@@ -181,7 +189,7 @@ def test_wrong_usage_is_told(plugin, words, problem):
     assert json.loads(plugin.tool("--json", *words).stdout)["error"] == "usage"
 
 
-@pytest.mark.parametrize("words", [["OTHER"], ["--lines", "many"], ["--lines=100001"]], ids=str)
+@pytest.mark.parametrize("words", [["OTHER"], ["JABBER_LOG", "--lines", "many"], ["JABBER_LOG", "--lines=100001"]], ids=str)
 def test_what_the_plugin_refuses_is_told(plugin, systemLog, words):
     done = plugin.tool("log", *words)
     assert done.returncode == 65
@@ -204,6 +212,9 @@ class Follower:
     def line(self):
         return self.process.stdout.readline().removeprefix(OURS).rstrip("\n")
 
+    def problem(self):
+        return self.process.stderr.readline()
+
     def end(self, number=signal.SIGINT):
         """Exit status and what else was written."""
         self.process.send_signal(number)
@@ -214,7 +225,7 @@ class Follower:
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
 def test_a_log_is_followed_until_the_person_has_enough(plugin, systemLog, number):
     write(systemLog, "old 1", "old 2", "old 3")
-    follower = Follower(plugin, "--lines", "2")
+    follower = Follower(plugin, "JABBER_LOG", "--lines", "2")
     assert [follower.line(), follower.line()] == ["old 2", "old 3"]
     write(systemLog, "new 1")
     assert follower.line() == "new 1"
@@ -227,7 +238,7 @@ def test_a_log_is_followed_until_the_person_has_enough(plugin, systemLog, number
 
 def test_more_lines_than_an_answer_holds_are_followed_without_loss(plugin, systemLog):
     write(systemLog, "first")
-    follower = Follower(plugin, "--lines", "1")
+    follower = Follower(plugin, "JABBER_LOG", "--lines", "1")
     assert follower.line() == "first"
     write(systemLog, *(f"{number} {'x' * 4000}" for number in range(1000)))
     assert [int(follower.line().split()[0]) for _ in range(1000)] == list(range(1000))
@@ -236,7 +247,7 @@ def test_more_lines_than_an_answer_holds_are_followed_without_loss(plugin, syste
 
 def test_each_answer_that_has_lines_is_a_line_of_json(plugin, systemLog):
     write(systemLog, "a", "b")
-    follower = Follower(plugin, "--json", "--filter", "sm")
+    follower = Follower(plugin, "JABBER_LOG", "--json", "--text", "sm")
     assert texts(json.loads(follower.line())) == ["a", "b"]
     write(systemLog, "c")
     assert texts(json.loads(follower.line())) == ["c"]
@@ -245,7 +256,7 @@ def test_each_answer_that_has_lines_is_a_line_of_json(plugin, systemLog):
 
 def test_lines_that_may_be_missing_are_told(plugin, systemLog):
     write(systemLog, "a")
-    follower = Follower(plugin)
+    follower = Follower(plugin, "JABBER_LOG")
     assert follower.line() == "a"
     another = systemLog.with_name("another")
     write(another, "b")
@@ -258,7 +269,7 @@ def test_lines_that_may_be_missing_are_told(plugin, systemLog):
 
 def test_following_ends_with_its_reader(plugin, systemLog):
     write(systemLog, "a")
-    follower = Follower(plugin)
+    follower = Follower(plugin, "JABBER_LOG")
     assert follower.line() == "a"
     follower.process.stdout.close()
     # Nothing needs to be logged for that.
@@ -266,10 +277,123 @@ def test_following_ends_with_its_reader(plugin, systemLog):
     assert follower.process.stderr.read() == ""
 
 
-def test_following_ends_when_the_daemon_does(plugin, systemLog):
+def test_following_outlasts_a_restart_of_the_daemon(plugin, pluginRoot, makeDaemon, systemLog):
+    write(systemLog, "a")
+    for words in (["JABBER_LOG"], ["--component", "sm"]):
+        follower = Follower(plugin, *words)
+        assert follower.line().endswith("a")
+        assert plugin.end()[0] == 0
+        assert follower.problem() == "The daemon does not answer; waiting until it does.\n"
+        write(systemLog, "b")
+        plugin = makeDaemon("--idle-seconds", "0", root=pluginRoot)
+        assert follower.line().endswith("b")
+        assert follower.end()[0] == 0
+        systemLog.write_text("")
+        write(systemLog, "a")
+
+
+def test_following_does_not_begin_without_a_daemon(plugin, systemLog):
+    plugin.end()
+    for words in (["JABBER_LOG"], []):
+        follower = Follower(plugin, *words)
+        assert follower.process.wait(PATIENCE) == 69
+        assert "The daemon is not running" in follower.process.stderr.read()
+
+
+def test_following_ends_with_its_reader_while_the_daemon_is_gone(plugin, systemLog):
     write(systemLog, "a")
     follower = Follower(plugin)
-    assert follower.line() == "a"
-    assert plugin.end()[0] == 0
-    assert follower.process.wait(PATIENCE) == 69
-    assert "The daemon is not running" in follower.process.stderr.read()
+    assert follower.line().endswith("a")
+    plugin.end()
+    follower.problem()
+    follower.process.stdout.close()
+    assert follower.process.wait(PATIENCE) == 0
+
+
+# --- all logs together -----------------------------------------------------------------------------------------------
+
+MIXED = [
+    "2026-11-21T10:00:00Z host 30 jabberd_notification/router[11]: listening",
+    "2026-11-21T10:00:01Z host 28 jabberd_notification/c2s[12]: no certificate",
+    "2026-11-21T10:00:02Z host 29 tessardd[1]: Version 0.1.0 serves.",
+    "2026-11-21T10:00:02Z host kernel: of the machine",
+    "2026-11-21T10:00:03Z host 13 tessardd[1]: tessard_notification[E]: settings refused: x",
+    "2026-11-21T10:00:04Z host err pubsub_notification/component[13]: no database",
+    "2026-11-21T10:00:05Z host jabberd_notification/sm[14]: without a level",
+    "2026-11-21T10:00:05Z host 31 pubsub_notification/launcher[15]: detail",
+]
+
+
+@pytest.fixture
+def mixed(systemLog):
+    systemLog.write_text("".join(f"{line}\n" for line in MIXED))
+    return systemLog
+
+
+def test_all_parts_are_shown_by_time_with_part_and_level(plugin, mixed):
+    assert plugin.tool("log").stdout.splitlines() == [
+        "2026-11-21T10:00:00Z router    info    listening",
+        "2026-11-21T10:00:01Z c2s       warning no certificate",
+        "2026-11-21T10:00:02Z tessardd  notice  Version 0.1.0 serves.",
+        "2026-11-21T10:00:03Z plugin    error   settings refused: x",
+        "2026-11-21T10:00:04Z pubsub    error   no database",
+        "2026-11-21T10:00:05Z sm        -       without a level",
+        "2026-11-21T10:00:05Z pubsub-launcher debug   detail",
+    ]
+
+
+def components(done):
+    assert done.returncode == 0, done.stderr
+    return [line.split()[1] for line in done.stdout.splitlines()]
+
+
+def test_lines_are_chosen_by_level_part_text_time_and_number(plugin, mixed):
+    assert components(plugin.tool("log", "--level", "error")) == ["plugin", "pubsub"]
+    assert components(plugin.tool("log", "--level", "warning")) == ["c2s", "plugin", "pubsub"]
+    assert "sm" in components(plugin.tool("log", "--level", "notice"))
+    assert components(plugin.tool("log", "--component", "c2s", "--component", "tessardd")) == ["c2s", "tessardd"]
+    assert components(plugin.tool("log", "--text", "no ", "--text", "cert")) == ["c2s"]
+    assert components(plugin.tool("log", "--since", "2026-11-21T10:00:04Z")) == ["pubsub", "sm", "pubsub-launcher"]
+    assert components(plugin.tool("log", "--lines", "1")) == ["pubsub-launcher"]
+    assert components(plugin.tool("log", "--lines", "1", "--level", "error")) == ["pubsub"]
+    assert components(plugin.tool("log", "--since", "0s")) == components(plugin.tool("log", "-n", "0")) == []
+
+
+def test_as_many_lines_as_are_wanted_are_found_however_rare_they_are(plugin, systemLog):
+    systemLog.write_text("".join(
+        f"2026-11-21T10:00:00Z host {27 if number % 500 == 0 else 30} jabberd_notification/sm[1]: {number}\n"
+        for number in range(5000)))
+    shown = plugin.tool("log", "--level", "error", "--lines", "9").stdout.splitlines()
+    assert [int(line.split()[-1]) for line in shown] == list(range(500, 5000, 500))
+
+
+def test_json_is_one_object_a_line(plugin, mixed):
+    records = [json.loads(line) for line in plugin.tool("log", "--json").stdout.splitlines()]
+    assert records[1] == {"time": "2026-11-21T10:00:01Z", "component": "c2s", "process": 12, "level": "warning",
+                          "message": "no certificate"}
+    assert records[5] == {"time": "2026-11-21T10:00:05Z", "component": "sm", "process": 14, "message": "without a level"}
+
+
+def test_what_is_in_a_line_does_nothing_to_a_terminal_and_only_a_terminal_gets_colours(plugin, systemLog):
+    systemLog.write_bytes(b"2026-11-21T10:00:00Z host 27 jabberd_notification/sm[1]: \x1b[2J\xc2\x9b2J bell\x07\n")
+    shown = plugin.tool("log").stdout
+    assert shown == "2026-11-21T10:00:00Z sm        error   \u241b[2J\ufffd2J bell\u2407\n"
+    tool = TerminalTool(plugin, "log", whole=True)
+    tool.finish()
+    assert b"\x1b[31m2026" in tool.shown and b"\x1b[2J" not in tool.shown and b"\x07" not in tool.shown
+    tool = TerminalTool(plugin, "log", whole=True, NO_COLOR="1")
+    tool.finish()
+    assert b"\x1b[31m" not in tool.shown
+
+
+def test_all_logs_are_followed_through_a_rotation(plugin, systemLog):
+    write(systemLog, "a")
+    follower = Follower(plugin, "--json", "--component", "sm")
+    assert json.loads(follower.line())["message"] == "a"
+    write(systemLog, "b")
+    assert json.loads(follower.line())["message"] == "b"
+    systemLog.rename(f"{systemLog}.1")
+    systemLog.touch()
+    write(systemLog, "c")
+    assert json.loads(follower.line())["message"] == "c"
+    assert follower.end() == (0, "", "")

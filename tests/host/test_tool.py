@@ -282,7 +282,7 @@ def test_help_has_an_example_for_each_verb_and_version_is_told(daemon):
     text = daemon.tool("--help").stdout
     for verb in ["state --details", "restart", "settings get", "settings set", "setup", "request", "health",
                  "services list", "services add", "services remove", "service-user", "certificate list",
-                 "certificate import", "certificate set", "certificate clear", "log --filter", "log --list"]:
+                 "certificate import", "certificate set", "certificate clear", "log --level", "log JABBER_LOG", "log --list"]:
         assert f"tessardctl {verb}" in text or f"tessardctl --json {verb}" in text
     assert daemon.tool("--version").stdout.startswith("tessardctl ")
     assert "version" in json.loads(daemon.tool("--version", "--json").stdout)

@@ -90,7 +90,7 @@ class LastChangeTest : public testing::Test {
   LastChange undo() {
     files.startRequest();
     files.begin();
-    const LastChange undone = files.undoLast();
+    LastChange undone = files.undoLast();
     EXPECT_EQ(files.endUndoably(), undone.state == State::undoable);
     files.finishRequest(false);
     files.tidyUp();
@@ -417,7 +417,7 @@ TEST_F(LastChangeTest, CostsARequestNoFlushMore) {
     EXPECT_TRUE(writeAtomically(files, "/etc/a", undoable ? "one" : "other", kOwnership));
     EXPECT_TRUE(undoable ? files.endUndoably() : files.end());
     files.finishRequest(false);
-    const auto calls = platform.files.changes();
+    auto calls = platform.files.changes();
     files.tidyUp();
     return calls;
   };

@@ -351,9 +351,9 @@ def test_the_log_of_a_machine_without_a_log_file_is_its_journal(service):
     assert not machine.outside("/var/log/system.log").exists()
     begin = service.post({"command": "tailFile", "identifier": "JABBER_LOG", "lines": 0})["position"]
     start(service)
-    shown = service.tool("log", "--lines", "1000").stdout.splitlines()
+    shown = service.tool("log", "JABBER_LOG", "--lines", "1000").stdout.splitlines()
     for component in ("router", "sm", "c2s", "s2s", "launcher"):
-        assert any(re.fullmatch(rf"\d{{4}}-\d\d-\d\dT\d\d:\d\d:\d\dZ \S+ jabberd_notification/{component}\[\d+\]: .+", line)
+        assert any(re.fullmatch(rf"\d{{4}}-\d\d-\d\dT\d\d:\d\d:\d\dZ \S+ [a-z]+ jabberd_notification/{component}\[\d+\]: .+", line)
                    for line in shown), component
     assert all("_notification" in line for line in shown)
     # Everything since then once, in pieces.
