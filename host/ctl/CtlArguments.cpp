@@ -5,6 +5,7 @@
 #include <map>
 
 #include "common/Format.h"
+#include "common/MostLike.h"
 
 namespace tessard {
 
@@ -95,9 +96,10 @@ constexpr const char* kHelp =
     "                              tessardctl state --details\n"
     "  start, stop, restart        the service; waits until it is done\n"
     "                              tessardctl restart\n"
-    "  settings get [KEY]...       settings, all or the named ones, one KEY=VALUE a line\n"
+    "  settings get [KEY]... [--show-secrets]\n"
+    "                              settings, all or the named ones, one KEY=VALUE a line; secrets are left\n"
+    "                              out of all, unless they are wanted\n"
     "                              tessardctl settings get jabberdDatabasePath\n"
-    "      --show-secrets          secrets too, when all settings are shown\n"
     "  settings set KEY=VALUE...   changes settings\n"
     "                              tessardctl settings set authLevel=STANDARD "
     "hosts=[a.example,b.example]\n"
@@ -145,11 +147,11 @@ constexpr const char* kHelp =
     "                              examines a certificate, makes it the one of the service, restarts that, "
     "and\n"
     "                              looks whether clients get it; goes back to the former one otherwise\n"
-    "                              tessardctl tls-certificate import --from-certbot push.example.com\n"
     "      --check                 only examines it\n"
     "      --force                 takes it without a served domain's name, too\n"
     "      --passphrase-file FILE, --passphrase-fd NUMBER\n"
     "                              where the pass phrase is, on the first line; otherwise it is asked for\n"
+    "                              tessardctl tls-certificate import --from-certbot push.example.com\n"
     "  log [--lines N] [--level LEVEL] [--component NAME]... [--text TEXT]... [--since TIME] [--follow]\n"
     "                              what all parts of the service have logged, by time: the newest lines "
     "(100)\n"
@@ -195,6 +197,57 @@ constexpr const char* kHelp =
     "connection\n"
     "or the output broke; 75 busy, try again; 76 an answer that is none; 77 no permission.\n";
 
+constexpr std::string_view kHelpText = kHelp;
+constexpr std::size_t kIndent = 2;  // of the lines that begin with a verb
+
+std::vector<std::string_view> linesOf(std::string_view text) {
+  std::vector<std::string_view> lines;
+  while (!text.empty()) {
+    lines.push_back(text.substr(0, text.find('\n')));
+    text.remove_prefix(std::min(lines.back().size() + 1, text.size()));
+  }
+  return lines;
+}
+
+bool beginsEntry(std::string_view line) {
+  return line.size() > kIndent && line.starts_with("  ") && line[kIndent] >= 'a' && line[kIndent] <= 'z';
+}
+
+// The verbs that a line of the help is about: "start, stop, restart", "settings get", "log".
+std::vector<std::string_view> verbsOf(std::string_view line) {
+  line.remove_prefix(kIndent);
+  std::vector<std::string_view> verbs;
+  constexpr std::string_view kLetters = "abcdefghijklmnopqrstuvwxyz-";
+  for (;;) {
+    std::size_t end = line.find_first_not_of(kLetters);
+    if (end == std::string_view::npos) end = line.size();
+    std::size_t second = end + 1;
+    while (second < line.size() && kLetters.find(line[second]) != std::string_view::npos) ++second;
+    const bool hasSecond = line.substr(end).starts_with(' ') && second > end + 1 && line[end + 1] != '-' &&
+                           (second == line.size() || line[second] == ' ');
+    if (hasSecond) verbs.push_back(line.substr(0, second));
+    verbs.push_back(line.substr(0, end));
+    if (!line.substr(end).starts_with(", ")) return verbs;
+    line.remove_prefix(end + 2);
+  }
+}
+
+std::vector<std::string_view> optionsInHelp() {
+  std::vector<std::string_view> options;
+  for (std::size_t at = kHelpText.find("--"); at != std::string_view::npos; at = kHelpText.find("--", at)) {
+    const std::size_t end = kHelpText.find_first_not_of("abcdefghijklmnopqrstuvwxyz-", at);
+    options.push_back(kHelpText.substr(at, end - at));
+    at = end;
+  }
+  return options;
+}
+
+std::string noOption(const std::string& argument) {
+  const auto meant = mostLike(argument.substr(0, argument.find('=')), optionsInHelp());
+  return fill("There is no option \"%@\"%@.",
+              {argument, meant ? fill("; \"%@\" may be meant", {*meant}) : ""});
+}
+
 }  // namespace
 
 Result<CtlArguments> parseCtlArguments(const std::vector<std::string>& arguments, bool& json) {
@@ -217,7 +270,7 @@ Result<CtlArguments> parseCtlArguments(const std::vector<std::string>& arguments
       continue;
     }
     if (takeFlag(result, argument)) continue;
-    if (!needsValue(argument)) return SystemError(EINVAL, fill("There is no option \"%@\".", {argument}));
+    if (!needsValue(argument)) return SystemError(EINVAL, noOption(argument));
     if (++index == arguments.size()) {
       return SystemError(EINVAL, fill("The option \"%@\" needs a value.", {argument}));
     }
@@ -226,8 +279,31 @@ Result<CtlArguments> parseCtlArguments(const std::vector<std::string>& arguments
   return result;
 }
 
-std::string ctlHelp() {
-  return kHelp;
+std::vector<std::string_view> ctlVerbs() {
+  std::vector<std::string_view> all;
+  for (const std::string_view line : linesOf(kHelpText)) {
+    if (!beginsEntry(line)) continue;
+    for (const std::string_view verb : verbsOf(line)) all.push_back(verb);
+  }
+  return all;
+}
+
+std::string ctlHelp(const std::vector<std::string>& words) {
+  if (words.empty()) return kHelp;
+  const std::string two = words.size() > 1 ? fill("%@ %@", {words[0], words[1]}) : words[0];
+  const auto verbs = ctlVerbs();
+  const std::string wanted = std::ranges::find(verbs, two) == verbs.end() ? words[0] : two;
+  std::string found;
+  bool isWanted = false;
+  for (const std::string_view line : linesOf(kHelpText)) {
+    if (beginsEntry(line)) {
+      isWanted = std::ranges::any_of(verbsOf(line), [&](std::string_view verb) { return verb == wanted; });
+    } else if (line.empty()) {
+      isWanted = false;
+    }
+    if (isWanted) found.append(line).append(1, '\n');
+  }
+  return found.empty() ? kHelp : found;
 }
 
 }  // namespace tessard

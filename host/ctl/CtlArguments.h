@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/Result.h"
@@ -45,7 +46,11 @@ struct CtlArguments {
 /// `json` says whether --json was among the arguments nevertheless.
 Result<CtlArguments> parseCtlArguments(const std::vector<std::string>& arguments, bool& json);
 
-/// The text of --help.
-std::string ctlHelp();
+/// The text of --help: all of it, or what belongs to the verb that the words begin with, and ends with an
+/// example. All of it also for words that are no verb.
+std::string ctlHelp(const std::vector<std::string>& words);
+
+/// Every verb, with its second word where it has one.
+std::vector<std::string_view> ctlVerbs();
 
 }  // namespace tessard

@@ -3,6 +3,7 @@
 #include <sysexits.h>
 
 #include "common/Format.h"
+#include "common/MostLike.h"
 #include "host/JsonCodec.h"
 
 namespace tessard {
@@ -54,6 +55,12 @@ CtlCall::CtlCall(const CtlArguments& arguments, const CtlOutput& output)
 
 int CtlCall::usage(const std::string& problem) const {
   return output_.failure("usage", problem + " See tessardctl --help.", EX_USAGE);
+}
+
+int CtlCall::unknownVerb(const std::string& verb) const {
+  const auto meant = mostLike(verb, ctlVerbs());
+  return usage(
+      fill("There is no verb \"%@\"%@.", {verb, meant ? fill("; \"%@\" may be meant", {*meant}) : ""}));
 }
 
 void CtlCall::showWaiting(int seconds) {
@@ -144,7 +151,11 @@ int CtlCall::send(Dictionary request, const Finish& finish) {
   const Dictionary* answer = wrapped->dictionaryFor("answer");
   if (!answer) return output_.failure("malformed-answer", "The daemon's answer cannot be read.", EX_PROTOCOL);
   exitCode = answer->contains("error") ? pluginFailure(*answer) : finish(*answer);
-  return exitCode == EX_OK && errorLogged_ ? EX_SOFTWARE : exitCode;
+  return exitCode == EX_OK && errorLogged_ ? tellErrorsLogged() : exitCode;
+}
+
+int CtlCall::tellErrorsLogged() const {
+  return output_.toldFailure("errors-logged", errors_, EX_SOFTWARE);
 }
 
 int CtlCall::hostFailure(int status, const Dictionary& answer) const {
@@ -155,40 +166,44 @@ int CtlCall::hostFailure(int status, const Dictionary& answer) const {
 }
 
 int CtlCall::pluginFailure(const Dictionary& answer) const {
-  const std::string id = textFor(answer, "error", "unknown");
-  if (id == "NOTHING_TO_UNDO_ERR") {
+  const std::string word = textFor(answer, "error", "unknown");
+  if (output_.json()) output_.document(answer);
+  if (word == "NOTHING_TO_UNDO_ERR") {
     return output_.failure("nothing-to-undo", "There is no settings write that could be undone.", EX_DATAERR);
   }
-  if (const Array* files = id == "CHANGED_SINCE_ERR" ? answer.arrayFor("files") : nullptr) {
+  if (const Array* files = word == "CHANGED_SINCE_ERR" ? answer.arrayFor("files") : nullptr) {
     std::string names;
     for (const Value& file : *files) names += (names.empty() ? "" : ", ") + readable(file);
     return output_.failure("changed-since",
                            fill("Nothing is undone, as these files have been changed since: %@.", {names}),
                            EX_DATAERR);
   }
-  std::string message = fill("The plug-in answered %@", {id});
+  std::string message = fill("The plug-in answered %@", {word});
   if (const Value* code = answer.find("serviceError")) {
     message += fill(" (%@: %@)", {*code, SystemError(static_cast<int>(code->integerValue())).description()});
   }
-  if (output_.json()) {
-    output_.document(answer);
-  } else {
-    output_.message("error", message + ".");
-  }
-  return id == "INVALID_ARG_ERR" ? EX_DATAERR : EX_SOFTWARE;
+  if (!output_.json()) output_.message("error", message + ".");
+  const std::string reason = message + (errors_.empty() ? "." : ": " + errors_);
+  if (word == "INVALID_ARG_ERR") return output_.toldFailure("invalid-argument", reason, EX_DATAERR);
+  return output_.toldFailure(word == "CANNOT_STAT_ERR" ? "request-failed" : "plugin-error", reason,
+                             EX_SOFTWARE);
 }
 
 // Shows the lines that the request logged; true when one of them is an error.
-bool CtlCall::showLog(const Dictionary& wrapped) const {
+bool CtlCall::showLog(const Dictionary& wrapped) {
   bool error = false;
   const Array* log = wrapped.arrayFor("log");
+  errors_.clear();
   if (!log) return false;
   for (const Value& line : *log) {
     const Dictionary* entry = line.asDictionary();
     if (!entry) continue;
     const std::string level = textFor(*entry, "level", "warning");
-    output_.message(level, textFor(*entry, "message", ""));
-    error = error || level == "error";
+    const std::string text = textFor(*entry, "message", "");
+    output_.message(level, text);
+    if (level != "error") continue;
+    error = true;
+    errors_ += (errors_.empty() ? "" : "; ") + text;
   }
   return error;
 }

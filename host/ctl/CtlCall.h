@@ -38,6 +38,10 @@ class CtlCall {
   bool errorLogged() const { return errorLogged_; }
 
   int usage(const std::string& problem) const;
+  /// "There is no verb ...", with the one that may be meant.
+  int unknownVerb(const std::string& verb) const;
+  /// Ends a call that was answered, with errors that were logged and shown.
+  int tellErrorsLogged() const;
 
   /// Sends a request to the plug-in, shows the lines that it logged, and finishes with its answer.
   int send(Dictionary request, const Finish& finish);
@@ -59,7 +63,7 @@ class CtlCall {
   std::optional<std::string> textAt(const std::string& path, int& exitCode);
 
   /// Shows the lines that a request logged; true when one of them is an error.
-  bool showLog(const Dictionary& wrapped) const;
+  bool showLog(const Dictionary& wrapped);
   /// "key: value" for each entry, or the JSON document.
   int printEntries(const Dictionary& answer) const;
   /// Ends a call that was answered with nothing because service data does not exist: `what` is a sentence's
@@ -79,6 +83,7 @@ class CtlCall {
   std::function<bool()> pause_;
   bool showsParts_ = false;
   bool errorLogged_ = false;
+  std::string errors_;  // that the request has logged
 };
 
 /// The exit code of a failure that the daemon answers with this HTTP status and id.

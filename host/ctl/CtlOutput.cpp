@@ -71,10 +71,15 @@ void CtlOutput::text(const std::string& lines) const {
 }
 
 void CtlOutput::document(const Dictionary& answer) const {
-  std::fprintf(stdout, "%s\n", serializeJson(answer, true).c_str());
+  if (json_) {
+    answer_ = answer;
+  } else {
+    std::fprintf(stdout, "%s\n", serializeJson(answer, true).c_str());
+  }
 }
 
 void CtlOutput::record(const Dictionary& answer) const {
+  goesOn_ = true;
   std::fprintf(stdout, "%s\n", serializeJson(answer).c_str());
 }
 
@@ -89,11 +94,13 @@ void CtlOutput::note(const std::string& text) const {
 }
 
 int CtlOutput::failure(const std::string& id, const std::string& text, int exitCode) const {
-  if (json_) {
-    document({{"error", id}, {"message", text}});
-  } else {
-    message("error", text);
-  }
+  if (!json_) message("error", text);
+  return toldFailure(id, text, exitCode);
+}
+
+int CtlOutput::toldFailure(const std::string& id, const std::string& text, int exitCode) const {
+  if (error_.empty()) error_ = id;
+  reason_ += (reason_.empty() ? "" : " ") + text;
   return exitCode;
 }
 
@@ -107,6 +114,13 @@ void CtlOutput::endProgress() const {
 }
 
 bool CtlOutput::finish() const {
+  if (json_ && !error_.empty()) {
+    Dictionary failed = {{"error", error_}, {"message", reason_}};
+    if (answer_) failed.set("answer", *answer_);
+    answer_ = std::move(failed);
+  }
+  if (answer_) std::fprintf(stdout, "%s\n", serializeJson(*answer_, !goesOn_).c_str());
+  answer_.reset();
   return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
 }
 

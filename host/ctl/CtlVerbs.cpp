@@ -60,10 +60,12 @@ int changeState(CtlCall& call, const std::string& state, const std::string& expe
     // The answer is the state as it then is, also when the change failed.
     const std::string reached = textFor(answer, "state", "unknown");
     if (reached == expected) return exitCode;
-    call.output().message("error", fill("The service was to be %@ and is %@; the system log may say why.",
-                                        {expected, reached}));
+    const int failed = call.output().failure(
+        "state-not-reached",
+        fill("The service was to be %@ and is %@; the system log may say why.", {expected, reached}),
+        EX_UNAVAILABLE);
     if (expected == "RUNNING") call.watch().explain();
-    return EX_UNAVAILABLE;
+    return failed;
   });
 }
 
@@ -162,7 +164,7 @@ int runVerb(const CtlArguments& arguments, const CtlOutput& output) {
   const std::string& verb = words.front();
   if (const auto found = verbsWithWords.find(verb); found != verbsWithWords.end()) return found->second(call);
   const auto found = plainVerbs.find(verb);
-  if (found == plainVerbs.end()) return call.usage(fill("There is no verb \"%@\".", {verb}));
+  if (found == plainVerbs.end()) return call.unknownVerb(verb);
   if (words.size() > 1) return call.usage(fill("\"%@\" takes no arguments.", {verb}));
   return found->second(call);
 }

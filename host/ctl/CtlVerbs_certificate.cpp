@@ -121,7 +121,7 @@ int runCertificate(CtlCall& call) {
     return words.size() == 3 ? setCertificate(call, words[2])
                              : call.usage("\"certificate set\" needs a NAME.");
   }
-  if (words[1] != "clear") return call.usage(fill("There is no verb \"certificate %@\".", {words[1]}));
+  if (words[1] != "clear") return call.unknownVerb("certificate " + words[1]);
   return words.size() == 2 ? clearCertificate(call) : call.usage("\"certificate clear\" takes no arguments.");
 }
 

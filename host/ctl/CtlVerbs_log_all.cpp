@@ -139,11 +139,14 @@ class MergedLog {
 
   // Whether there is nothing older that could be wanted.
   bool reachesBack(const Source& source) const {
-    return source.complete || (selection_.since && source.oldest && *source.oldest < *selection_.since);
+    return source.complete ||
+           (selection_.since && source.oldest &&
+            source.oldest->microsecondsSince1970 < selection_.since->microsecondsSince1970);
   }
 
   void merge() {
-    std::ranges::stable_sort(lines_, {}, [](const LogLine& line) { return line.time.value_or(Date{}); });
+    std::ranges::stable_sort(
+        lines_, {}, [](const LogLine& line) { return line.time.value_or(Date{}).microsecondsSince1970; });
     // A number that is not known yet is that of a program which was started since.
     const bool isNew = std::ranges::any_of(lines_, [this](const LogLine& line) {
       return line.component == "sm" && line.process && !parts_.contains(*line.process);

@@ -66,7 +66,7 @@ int runServices(CtlCall& call) {
     return call.usage("\"services remove\" takes a SERVICE and a HOST alone.");
   }
   if (words[1] == "remove") return changeServices(call, "removeService", words);
-  if (words[1] != "list") return call.usage(fill("There is no verb \"services %@\".", {words[1]}));
+  if (words[1] != "list") return call.unknownVerb("services " + words[1]);
   if (words.size() > 2) return call.usage("\"services list\" takes no arguments.");
   return listServices(call);
 }

@@ -38,8 +38,8 @@ int printSettings(CtlCall& call, const Dictionary& answer, const Words& keys) {
   int exitCode = EX_OK;
   for (const std::string& key : keys) {
     if (settings.contains(key)) continue;
-    call.output().message("error", fill("There is no setting \"%@\".", {key}));
-    exitCode = EX_DATAERR;
+    exitCode =
+        call.output().failure("unknown-setting", fill("There is no setting \"%@\".", {key}), EX_DATAERR);
   }
   return exitCode;
 }
@@ -58,7 +58,7 @@ int tellHowWritten(CtlCall& call, const Dictionary& sent, const Dictionary& curr
     call.output().note(
         "What the errors name may not be written; the rest takes effect with the next restart (tessardctl "
         "restart).");
-    return EX_SOFTWARE;
+    return call.tellErrorsLogged();
   }
   call.output().note(
       "The settings are written. They take effect with the next restart (tessardctl restart).");
@@ -67,8 +67,8 @@ int tellHowWritten(CtlCall& call, const Dictionary& sent, const Dictionary& curr
   for (const auto& [key, value] : sent) {
     const Value* reads = current.find(key);
     if (!reads) {
-      call.output().message("error", fill("There is no setting \"%@\"; it has no effect.", {key}));
-      exitCode = EX_DATAERR;
+      exitCode = call.output().failure(
+          "unknown-setting", fill("There is no setting \"%@\"; it has no effect.", {key}), EX_DATAERR);
     } else if (value.asString() && reads->asString() && !value.asString()->empty() && !(*reads == value)) {
       call.output().message("warning", fill("\"%@\" reads \"%@\" now.", {key, *reads}));
     }
@@ -101,17 +101,16 @@ int tellWriteStatus(CtlCall& call, const Dictionary& sent, const Dictionary& ans
   const Dictionary* current = answer.dictionaryFor("configuration");
   const Value* status = answer.find("writeStatus");
   if (!current || current->empty()) {
-    call.output().message("error", "Nothing was written; first-time setup is not done (tessardctl setup).");
-    return EX_UNAVAILABLE;
+    return call.beforeSetup("Nothing was written");
   }
   if (status && status->integerValue() == kSavedChatsDirectoryUnusable) {
-    call.output().message(
-        "error", "The settings are refused: the directory for saved chats could not be made usable.");
-    return EX_CANTCREAT;
+    return call.output().failure(
+        "unusable-directory",
+        "The settings are refused: the directory for saved chats could not be made usable.", EX_CANTCREAT);
   }
   if (!status || status->integerValue() != kWriteSucceeded) {
-    call.output().message("error", "The settings could not be written; the system log may say why.");
-    return EX_SOFTWARE;
+    return call.output().failure(
+        "not-written", "The settings could not be written; the system log may say why.", EX_SOFTWARE);
   }
   return tellHowWritten(call, sent, *current);
 }
@@ -127,7 +126,7 @@ int runSettings(CtlCall& call) {
   if (words[1] == "apply") return applySettings(call, rest);
   if (words[1] == "undo") return undoSettings(call, rest);
   if (words[1] == "export") return exportSettings(call, rest);
-  return call.usage(fill("There is no verb \"settings %@\".", {words[1]}));
+  return call.unknownVerb("settings " + words[1]);
 }
 
 }  // namespace tessard

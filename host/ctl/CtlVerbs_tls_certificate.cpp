@@ -197,7 +197,7 @@ int tellImported(CtlCall& call, const Dictionary& wrapped) {
   if (!answer) {
     return call.output().failure("malformed-answer", "The daemon's answer cannot be read.", EX_PROTOCOL);
   }
-  const int exitCode = call.showLog(wrapped) ? EX_SOFTWARE : EX_OK;
+  const int exitCode = call.showLog(wrapped) ? call.tellErrorsLogged() : EX_OK;
   if (call.output().json()) {
     call.output().document(*answer);
     return exitCode;
@@ -263,7 +263,7 @@ int runTlsCertificate(CtlCall& call) {
   if (words.size() < 2) return call.usage("\"tls-certificate\" needs \"show\" or \"import\".");
   if (words.size() > 2) return call.usage(fill("\"tls-certificate %@\" takes no arguments.", {words[1]}));
   if (words[1] == "show") return show(call);
-  if (words[1] != "import") return call.usage(fill("There is no verb \"tls-certificate %@\".", {words[1]}));
+  if (words[1] != "import") return call.unknownVerb("tls-certificate " + words[1]);
   if (const auto problem = problemWithFiles(call.arguments())) return call.usage(*problem);
   return import(call);
 }

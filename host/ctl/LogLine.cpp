@@ -14,7 +14,7 @@ namespace tessard {
 namespace {
 
 constexpr std::int64_t kSecond = 1'000'000;
-constexpr std::int64_t kDay = 24 * 60 * 60;
+constexpr std::int64_t kDay = 86'400;
 constexpr std::size_t kWordsBeforeName = 2;  // host and level
 
 // Syslog's three gravest are errors to people, too.
@@ -205,7 +205,7 @@ LogLine parseLogLine(std::string_view text, Date now) {
 std::optional<Date> parseSince(const std::string& text, Date now) {
   if (text.empty()) return std::nullopt;
   constexpr std::array<std::pair<char, std::int64_t>, 4> kUnits = {
-      {{'s', 1}, {'m', 60}, {'h', 60 * 60}, {'d', kDay}}};
+      {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', kDay}}};
   constexpr int kMost = 1'000'000;
   for (const auto& [letter, seconds] : kUnits) {
     const auto number =
@@ -226,7 +226,7 @@ std::optional<Date> parseSince(const std::string& text, Date now) {
 
 bool LogSelection::wants(const LogLine& line) const {
   if (level && line.level.value_or(LogLevel::notice) > *level) return false;
-  if (since && line.time && *line.time < *since) return false;
+  if (since && line.time && line.time->microsecondsSince1970 < since->microsecondsSince1970) return false;
   return components.empty() || std::ranges::any_of(components, [&](const std::string& wanted) {
            return line.component == wanted || line.component.starts_with(wanted + "_");
          });

@@ -18,11 +18,13 @@ int run(const std::vector<std::string>& words) {
   const auto arguments = parseCtlArguments(words, json);
   const CtlOutput output(json);
   if (!arguments) {
-    return output.failure("usage", arguments.error().description() + " See tessardctl --help.", EX_USAGE);
+    const int status =
+        output.failure("usage", arguments.error().description() + " See tessardctl --help.", EX_USAGE);
+    return output.finish() ? status : EX_IOERR;
   }
   int exitCode = EX_OK;
   if (arguments.value().help) {
-    std::fputs(ctlHelp().c_str(), stdout);
+    std::fputs(ctlHelp(arguments.value().words).c_str(), stdout);
   } else if (arguments.value().version) {
     if (json) {
       output.document({{"version", kVersion}});

@@ -194,7 +194,9 @@ def test_what_the_plugin_refuses_is_told(plugin, systemLog, words):
     done = plugin.tool("log", *words)
     assert done.returncode == 65
     assert "error: log request refused: " in done.stderr
-    assert json.loads(plugin.tool("log", *words, "--json").stdout) == {"error": "INVALID_ARG_ERR"}
+    told = json.loads(plugin.tool("log", *words, "--json").stdout)
+    assert told["error"] == "invalid-argument" and "log request refused: " in told["message"]
+    assert told["answer"] == {"error": "INVALID_ARG_ERR"}
 
 
 class Follower:

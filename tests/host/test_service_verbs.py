@@ -88,7 +88,7 @@ def test_what_the_plugin_refuses_is_told_with_its_reason(plugin, words, reason):
     done = plugin.tool(*words)
     assert (done.returncode, done.stdout) == (65, "")
     assert f"error: {reason}" in done.stderr
-    assert json.loads(plugin.tool("--json", *words).stdout) == {"error": "INVALID_ARG_ERR"}
+    assert json.loads(plugin.tool("--json", *words).stdout)["error"] == "invalid-argument"
 
 
 def test_an_account_before_the_first_time_setup_is_told(plugin):

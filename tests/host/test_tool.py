@@ -38,7 +38,8 @@ def test_a_start_that_fails_is_told_though_the_answer_is_a_mere_state(daemon):
     assert done.stdout == "state: STOPPED\n"
     assert done.stderr.splitlines()[0] == "error: it would not start"
     assert "was to be RUNNING and is STOPPED" in done.stderr
-    assert json.loads(daemon.tool("start", "--json").stdout) == {"state": "STOPPED"}
+    told = json.loads(daemon.tool("start", "--json").stdout)
+    assert (told["error"], told["answer"]) == ("state-not-reached", {"state": "STOPPED"})
 
 
 def test_settings_are_written_and_read_back(daemon):
@@ -135,7 +136,8 @@ def test_failed_writes_are_told(daemon):
     assert "directory for saved chats" in done.stderr
     assert daemon.tool("settings", "set", "status=5").returncode == 70
     assert daemon.tool("settings", "set", "status=-1").returncode == 70
-    assert json.loads(daemon.tool("settings", "set", "status=13", "--json").stdout)["writeStatus"] == 13
+    told = json.loads(daemon.tool("settings", "set", "status=13", "--json").stdout)
+    assert (told["error"], told["answer"]["writeStatus"]) == ("unusable-directory", 13)
 
 
 def test_setup_is_done(daemon):
@@ -209,7 +211,9 @@ def test_error_answers_of_a_plugin_are_told(daemon):
     assert done.returncode == 70
     assert "CANNOT_STAT_ERR (2: No such file or directory)" in done.stderr
     done = daemon.tool("request", "setState", '{"state": "SAVE"}', "--json")
-    assert (done.returncode, json.loads(done.stdout)) == (65, {"error": "INVALID_ARG_ERR"})
+    assert (done.returncode, json.loads(done.stdout)) == (65, {
+        "error": "invalid-argument", "message": "The plug-in answered INVALID_ARG_ERR.",
+        "answer": {"error": "INVALID_ARG_ERR"}})
 
 
 def test_a_daemon_that_does_not_run_is_told(daemon):
