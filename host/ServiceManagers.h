@@ -1,11 +1,15 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "common/Platform.h"
 #include "host/HostConfiguration.h"
 
 namespace tessard {
+
+/// "systemd", "s6" or "none": which of them `chooseServiceManager` takes.
+std::string serviceManagerOf(const HostConfiguration& configuration);
 
 /// The service manager that a configuration names: systemd, s6, or the one of a host that has none. Where it
 /// names none it is systemd when the system root is "/" and systemd is the machine's first process, and none

@@ -7,7 +7,9 @@ namespace tessard {
 
 namespace {
 
-constexpr std::array kAreas = {&kFilesArea, &kXmlArea, &kSecretsArea, &kPluginArea};
+constexpr std::array kAreas = {&kFilesArea,        &kXmlArea,         &kSecretsArea, &kPortsArea,
+                               &kCertificatesArea, &kDatabasesArea,   &kUnitsArea,   &kHostArea,
+                               &kAccountsArea,     &kDirectoriesArea, &kPluginArea};
 
 }  // namespace
 

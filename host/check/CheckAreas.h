@@ -21,6 +21,7 @@ extern const CheckArea kFilesArea;
 extern const CheckArea kXmlArea;
 extern const CheckArea kSecretsArea;
 extern const CheckArea kPortsArea;
+extern const CheckArea kCertificatesArea;
 extern const CheckArea kDatabasesArea;
 extern const CheckArea kUnitsArea;
 extern const CheckArea kHostArea;

@@ -6,7 +6,9 @@
 #include <algorithm>
 
 #include "host/RealPlatform.h"
+#include "platform/OfflineNetwork.h"
 #include "platform/RootDirectory.h"
+#include "platform/network/HostLookup.h"
 
 namespace tessard {
 
@@ -26,7 +28,11 @@ CheckedSystem::CheckedSystem(const HostConfiguration& wanted, const PluginFacts&
       files(wanted.root, ownersForThisUser()),
       tasks(wanted.root, wanted.programsDirectory, secondsUntil(end)),
       hostNames(files),
-      isMachine(wanted.root == "/") {}
+      isMachine(wanted.root == "/"),
+      lookUp([this](const std::string& host, double seconds) -> std::optional<std::vector<std::string>> {
+        if (!isMachine) return OfflineNetwork(files).ZtGetAddressesForHostName(host, seconds);
+        return HostLookup().addressesOf(host, seconds);
+      }) {}
 
 const Instance& CheckedSystem::instance() {
   if (!instance_) instance_ = readInstance(files);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -38,9 +39,11 @@ class CheckedSystem {
   PosixTasks tasks;  ///< each within the time that is left at the beginning
   SystemClock clock;
   LinuxHostNames hostNames;
-  /// Whether the machine's own sockets, processes and resolver belong to this root.
+  /// Whether the machine's own sockets, processes and interfaces belong to this root.
   bool isMachine;
   std::string processes = "/proc";
+  /// The addresses of a host within so many seconds; absent when they do not come.
+  std::function<std::optional<std::vector<std::string>>(const std::string& host, double seconds)> lookUp;
 
   /// The configuration of the service, read at the first call.
   const Instance& instance();

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sqlite3.h>
+
 #include <chrono>
 #include <fstream>
 #include <iterator>
@@ -27,6 +29,8 @@ class CheckTest : public testing::Test {
     writeAs("/Library/Preferences/com.velto.Beaconry.plist", settings(kSecret), 84, 0, 0660);
     writeAs("/Library/Preferences/com.velto.tessard_notification.plist",
             list("<key>initialized</key><true/>"), 0, 0, 0600);
+    writeMachine();
+    writeData();
   }
 
   static constexpr const char* kSecret = "a long secret";
@@ -96,22 +100,72 @@ class CheckTest : public testing::Test {
     return ids;
   }
 
+  void runSql(std::string_view path, const std::string& statements) {
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(root.hostPath(path).c_str(), &database), SQLITE_OK);
+    const std::string all = "PRAGMA synchronous = OFF;" + statements;
+    ASSERT_EQ(sqlite3_exec(database, all.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(database);
+    sqlite3_close(database);
+  }
+
+  void makeDirectory(std::string_view path) {
+    root.makeDirectory(path);
+    root.setMode(path, 0750);
+    own(path, 84, 84);
+  }
+
+  static constexpr const char* kDatabase = "/private/var/jabberd/sqlite/jabberd2_notification.db";
+
  private:
+  static std::string contentOf(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  void writeMachine() {
+    root.makeDirectory("/run");
+    root.write("/etc/hostname", "push.example.com\n");
+    root.write("/etc/hosts", "127.0.0.1 localhost\n127.0.1.1 push.example.com push\n");
+    root.write("/etc/passwd",
+               "root:x:0:0:root:/root:/bin/sh\njabberd:x:84:84::/var/jabberd:/usr/sbin/nologin\n");
+    root.write("/etc/group", "root:x:0:\njabberd:x:84:\ntessard-admin:x:900:\n");
+    root.write("/etc/shadow", "root:!:20000:0:99999:7:::\njabberd:!:20000::::::\n");
+  }
+
+  void writeDatabase(const std::string& path, const std::string& script, const std::string& text) {
+    root.write(script, text);
+    runSql(path, text);
+    root.setMode(path, 0640);
+    own(path, 84, 84);
+  }
+
+  void writeData() {
+    for (const char* path :
+         {"/private/var/jabberd/sqlite", "/var/db/idavoll", "/var/db/korvbridge", "/var/log/idavoll"}) {
+      makeDirectory(path);
+    }
+    writeDatabase(
+        kDatabase, "/private/var/jabberd/db-setup.sqlite",
+        "CREATE TABLE 'active' ('collection-owner' TEXT);\nCREATE TABLE `roster-items` (jid TEXT);\n");
+    for (const char* name : {"pubsub", "items"}) {
+      const std::string script = std::string(name) + ".sql";
+      writeDatabase(std::string("/var/db/idavoll/") + name + ".db", "/usr/share/Beaconry/" + script,
+                    contentOf(schemasDirectory() + "/" + script));
+    }
+  }
+
   static std::vector<std::string> idsOf(const CheckArea& area) {
     std::vector<std::string> ids;
     for (const FindingKind& kind : area.kinds) ids.emplace_back(kind.id);
     return ids;
   }
 
-  static std::string templateNamed(const std::string& name) {
-    std::ifstream file(templatesDirectory() + "/" + name);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
   void writeTemplates() {
     for (const char* name :
          {"jabberd.cfg", "router-users.xml", "router.xml", "sm.xml", "c2s.xml", "s2s.xml"}) {
-      const std::string text = replacingAll(templateNamed(name), "@HOSTNAME@", kDomain);
+      const std::string text =
+          replacingAll(contentOf(templatesDirectory() + "/" + name), "@HOSTNAME@", kDomain);
       writeAs(inConfig(name), replacingAll(text, "@ROUTERPASSWORD@", kSecret), 84, 0, 0600);
     }
   }

@@ -199,7 +199,8 @@ def test_the_page_lists_every_finding_with_its_severity_and_no_other(daemon):
 
 
 def test_every_finding_is_made_by_some_test(daemon):
-    tests = "".join(path.read_text() for path in HERE.glob("Check*_test.cpp"))
+    made = [*HERE.glob("Check*_test.cpp"), *(HERE.parent / "certificates").glob("*_test.cpp")]
+    tests = "".join(path.read_text() for path in made)
     for area in known(daemon):
         for kind in area["findings"]:
             assert f'"{kind["id"]}"' in tests, kind["id"]
