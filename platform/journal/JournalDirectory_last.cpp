@@ -94,7 +94,8 @@ void JournalDirectory::promote() {
   const auto renamed = [&](const std::string& from, const std::string& to) {
     return resultOf(::renameat(home_.get(), from.c_str(), home_.get(), to.c_str()));
   };
-  const auto versions = versionsNow(journal.value());
+  // Once they are written the older journal may have been removed, which holds some of the same files.
+  const auto versions = versionsAfter(journal.value());
   const auto differs =
       versions ? tellsOfDifference(journal.value(), versions.value()) : Result<bool>(versions.error());
   if (!removeTree({home_.get(), kKeptJournal})) return;

@@ -329,6 +329,19 @@ TEST_F(LastChangeTest, IsKeptWhenTheDaemonDiesWhileItTidiesUp) {
   EXPECT_EQ(root.read("/etc/a"), "first");
 }
 
+// An undo puts files back that the older journal holds, too: its removal changes the times of these files.
+TEST_F(LastChangeTest, IsKeptWhenTheDaemonDiesWhileItTidiesUpAfterAnUndo) {
+  write("/etc/a", "new a");
+  ASSERT_EQ(undo().state, State::undoable);
+  std::filesystem::rename(root.hostPath(kHome + "/last"), root.hostPath(kHome + "/undoable"));
+  root.makeDirectory(kHome + "/kept/present/+etc");
+  std::filesystem::create_hard_link(root.hostPath("/etc/a"), root.hostPath(kHome + "/kept/present/+etc/a"));
+  restart();
+  EXPECT_THAT(root.list(kHome), ElementsAre("last"));
+  ASSERT_EQ(undo().state, State::undoable);
+  EXPECT_EQ(root.read("/etc/a"), "new a");
+}
+
 // A loss of power can take what was not flushed.
 TEST_F(LastChangeTest, IsUndoneWithoutItsVersionsAsLongAsNobodyTouchesTheFiles) {
   for (const char* left : {"", "/etc/a"}) {

@@ -32,7 +32,7 @@ IGNORED = [
     ("unlinkat", "/journal/(kept|undone)", "what is left of a journal that is no longer needed is removed later"),
     ("unlinkat|renameat|openat|write", "/journal/(kept|undoable|last)",
      "what is kept to be undone is put into its place later, or cannot be undone"),
-    ("linkat", r"\.(tmp|bak)$", "what is not there needs no note, and what is there is noted or told"),
+    ("linkat", r"\.(tmp|bak)$|/sm_b\.[^/]*$", "what is not there needs no note, and what is there is noted or told"),
     ("fchown|fchownat", ".", "a file that cannot be given away is complete all the same"),
     ("fchmod|chmod", ".", "a file keeps the permissions that it was made with, which are narrow"),
 ]

@@ -6,7 +6,7 @@ import plistlib
 
 import pytest
 
-from history import ask, differences, isWhole, treeOf
+from history import Refused, ask, differences, isWhole, treeOf
 from hosttools import buildDirectory, needsPlugin
 from interruptions import CHANGING, READING, Laboratory, Scenario, Strace, chosenPoints, scenarios
 from sweeptools import report
@@ -55,7 +55,10 @@ def killAndLook(laboratory, call, number, old, new):
     with laboratory as daemon:
         found = treeOf(root)
         assertPutRight(laboratory, place, found, old, new)
-        laboratory.scenario.request(daemon)
+        try:
+            laboratory.scenario.request(daemon)
+        except Refused as refused:
+            raise AssertionError(f"{place}: refused afterwards") from refused
         assertReached(laboratory, place, treeOf(root), old if different(found, new) else new, old, new)
     return reached
 
