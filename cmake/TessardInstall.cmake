@@ -4,7 +4,7 @@ set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME run)
 
 install(TARGETS tessardd keywarden RUNTIME DESTINATION sbin)
 install(TARGETS tessardctl RUNTIME DESTINATION bin)
-install(TARGETS jabberd_launcher jabberd_authenticator RUNTIME DESTINATION libexec/tessardd)
+install(TARGETS change_accounts jabberd_launcher jabberd_authenticator RUNTIME DESTINATION libexec/tessardd)
 install(PROGRAMS programs/netstat programs/prepare-instance programs/pubsub_launcher DESTINATION libexec/tessardd)
 install(DIRECTORY programs/pubsub DESTINATION libexec/tessardd FILES_MATCHING PATTERN "*.py")
 

@@ -52,13 +52,13 @@ OwnerMap ownersForThisUser() {
 }
 
 RealPlatform::RealPlatform(const HostConfiguration& configuration)
-    : directory(configuration.root),
-      files(configuration.root, ownersForThisUser()),
+    : files(configuration.root, ownersForThisUser()),
       ownTasks(configuration.root, configuration.programsDirectory),
       unitTasks(configuration.root, configuration.programsDirectory, kUnitPatienceSeconds),
       ownQuestionTasks(configuration.root, configuration.programsDirectory, kQuestionPatienceSeconds),
       tasks(ownTasks, missingRights(configuration)),
       questionTasks(ownQuestionTasks, missingRights(configuration)),
+      directory(configuration.root, ownTasks),
       services(chooseServiceManager(configuration, files, tasks, unitTasks, clock, log)),
       processes(files),
       hostNames(files),

@@ -33,8 +33,6 @@ struct RealPlatform {
   RealPlatform(const RealPlatform&) = delete;
   RealPlatform& operator=(const RealPlatform&) = delete;
 
-  // Before the parts that have threads.
-  LibuserDirectory directory;
   SystemSyslog syslog;
   Log log{syslog};
   PosixFileSystem files;
@@ -44,6 +42,7 @@ struct RealPlatform {
   // The same, also for programs that need rights which the daemon's unit has not.
   SystemdTasks tasks;
   SystemdTasks questionTasks;
+  LibuserDirectory directory;
   SystemClock clock;
   std::unique_ptr<ServiceManager> services;
   LinuxProcesses processes;

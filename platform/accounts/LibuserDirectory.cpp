@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "common/Format.h"
-#include "platform/accounts/AccountChanges.h"
 #include "platform/accounts/AccountFiles.h"
 #include "platform/accounts/AccountNames.h"
 #include "platform/accounts/PasswordHash.h"
@@ -90,8 +89,7 @@ Result<void> takeAttribute(const DictionaryEntry& attribute, NewUser& user) {
 
 class LocalNode : public DirectoryNode {
  public:
-  LocalNode(const std::string& root, FileSystem& files, std::chrono::milliseconds patience)
-      : files_(files), changes_(root, files, patience) {}
+  LocalNode(FileSystem& files, const AccountProgram& changes) : files_(files), changes_(changes) {}
 
   Result<std::vector<DirectoryRecord>> recordsMatching(std::string_view recordType,
                                                        std::string_view attribute, std::string_view value,
@@ -159,20 +157,18 @@ class LocalNode : public DirectoryNode {
 
  private:
   FileSystem& files_;
-  AccountChanges changes_;
+  AccountProgram changes_;
 };
 
 }  // namespace
 
-LibuserDirectory::LibuserDirectory(std::string root, std::chrono::milliseconds patience)
-    : root_(std::move(root)), patience_(patience), files_(root_) {
-  LibuserSession::prepareProcess();
-}
+LibuserDirectory::LibuserDirectory(std::string root, Tasks& tasks, std::chrono::milliseconds patience)
+    : root_(std::move(root)), files_(root_), changes_(tasks, patience) {}
 
 Result<std::unique_ptr<DirectoryNode>> LibuserDirectory::nodeWithType(int type) {
   if (type != kODNodeTypeLocalNodes)
     return SystemError(EINVAL, fill("there are no nodes of type %d", {type}));
-  return std::unique_ptr<DirectoryNode>(std::make_unique<LocalNode>(root_, files_, patience_));
+  return std::unique_ptr<DirectoryNode>(std::make_unique<LocalNode>(files_, changes_));
 }
 
 bool LibuserDirectory::getpwnam(std::string_view name) {

@@ -9,7 +9,9 @@
 #include <memory>
 #include <string>
 
+#include "platform/PosixTasks.h"
 #include "platform/accounts/LibuserDirectory.h"
+#include "tests/support/OwnPrograms.h"
 #include "tests/support/ScratchRoot.h"
 
 namespace tessard {
@@ -30,7 +32,8 @@ std::string reasonOf(const Result<T>& result) {
 class AccountsTest : public testing::Test {
  protected:
   ScratchRoot root;
-  LibuserDirectory directory{root.path(), std::chrono::seconds(60)};
+  PosixTasks programs{root.path(), ownProgramsDirectory()};
+  LibuserDirectory directory{root.path(), programs, std::chrono::seconds(50)};
   std::unique_ptr<DirectoryNode> node = directory.nodeWithType(kODNodeTypeLocalNodes).value();
 
   AccountsTest() {

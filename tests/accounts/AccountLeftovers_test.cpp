@@ -10,7 +10,9 @@
 #include <functional>
 #include <thread>
 
+#include "programs/accounts/AccountService.h"
 #include "tests/accounts/AccountFixtures.h"
+#include "tests/support/ScriptedTasks.h"
 
 // What is in the way of a change: locks, leftovers of an interrupted one, missing files, planted links, and
 // the death of this process at every instant.
@@ -54,7 +56,7 @@ class AccountLeftovers : public AccountsTest {
  protected:
   /// With little patience, for locks that nobody gives up.
   Result<DirectoryRecord> createAtOnce(const std::string& name) {
-    LibuserDirectory impatient(root.path(), std::chrono::milliseconds(0));
+    LibuserDirectory impatient(root.path(), programs, std::chrono::milliseconds(0));
     return impatient.nodeWithType(kODNodeTypeLocalNodes)
         .value()
         ->createRecordWithRecordType_name_attributes(kODRecordTypeUsers, name, attributes("250"));
@@ -95,6 +97,36 @@ TEST_F(AccountLeftovers, DoNotCountWhenTheyAreNewContentThatNeverTookItsName) {
   EXPECT_EQ(lineOf("root", "/etc/passwd"), "root:x:0:0:root:/root:/bin/sh");
 }
 
+TEST_F(AccountLeftovers, DoNotCountWhenTheyAreLocksThatNeverTookTheirNames) {
+  Sleeper sleeper;
+  const std::string lock = lockOf(sleeper.pid());
+  sleeper.end();
+  root.write("/etc/passwd.lock.abCD12", lock);
+  root.write("/etc/shadow.lock.abCD12", "");
+  root.setModified("/etc/shadow.lock.abCD12", {1000, 0});
+  EXPECT_TRUE(create("somebody"));
+  EXPECT_FALSE(root.exists("/etc/passwd.lock.abCD12") || root.exists("/etc/shadow.lock.abCD12"));
+}
+
+TEST_F(AccountLeftovers, OfALockThatIsBeingMadeAreLeftToItsMaker) {
+  const Sleeper sleeper;
+  root.write("/etc/passwd.lock.abCD12", lockOf(sleeper.pid()));
+  root.write("/etc/group.locks.abCD12", "");
+  EXPECT_TRUE(create("somebody"));
+  EXPECT_TRUE(root.exists("/etc/passwd.lock.abCD12") && root.exists("/etc/group.locks.abCD12"));
+  root.write("/etc/shadow.lock.abCD12", "");
+  root.setModified("/etc/shadow.lock.abCD12", {4102444800, 0});
+  const auto made = createAtOnce("another");
+  EXPECT_EQ(codeOf(made), EBUSY);
+  EXPECT_THAT(reasonOf(made), HasSubstr("\"/etc/shadow.lock.abCD12\", which is being made"));
+}
+
+TEST_F(AccountLeftovers, OfALockThatHasJustBeenBegunAreWaitedForAndRemoved) {
+  root.write("/etc/shadow.lock.abCD12", "");
+  EXPECT_TRUE(create("somebody"));
+  EXPECT_FALSE(root.exists("/etc/shadow.lock.abCD12"));
+}
+
 TEST_F(AccountLeftovers, DoNotCountWhenTheyAreAShadowLineWithoutAUser) {
   root.write("/etc/shadow", root.read("/etc/shadow") + "somebody:$6$salt$hash:1:0:99999:7:::\n");
   const auto made = create("somebody");
@@ -121,7 +153,7 @@ TEST_F(AccountLeftovers, OfALockThatNamesNobodyAreRespectedWhileTheyMayBeInUse) 
 }
 
 TEST_F(AccountLeftovers, OfALockAreWaitedForWhenItsHolderIsAboutToEnd) {
-  LibuserDirectory patient(root.path(), std::chrono::seconds(60));
+  LibuserDirectory patient(root.path(), programs, std::chrono::seconds(60));
   Sleeper sleeper;
   root.write("/etc/passwd.lock", lockOf(sleeper.pid()));
   std::thread other([&] { sleeper.end(); });
@@ -291,8 +323,20 @@ bool killedAt(int count, const std::function<void()>& change) {
   return true;
 }
 
+/// The changes are made in the process that asks for them, which is killed.
 class AccountsKilled : public AccountsTest {
  protected:
+  ScriptedTasks here;
+  LibuserDirectory changedHere{root.path(), here, std::chrono::seconds(50)};
+
+  AccountsKilled() {
+    here.on("/usr/libexec/tessardd/change_accounts", [this](const ScriptedTasks::Call& call) {
+      const auto changed = changeAccounts(root.path(), call.input);
+      return TaskResult{changed ? 0 : 1, accountAnswerOf(changed), ""};
+    });
+    node = changedHere.nodeWithType(kODNodeTypeLocalNodes).value();
+  }
+
   std::string passwd = root.read("/etc/passwd");
   std::string shadow = root.read("/etc/shadow");
   std::string group_ = root.read("/etc/group");

@@ -290,7 +290,8 @@ TEST_F(LibuserNode, SaysWhichFileIsMissing) {
 }
 
 TEST(LibuserDirectoryOfThisMachine, KnowsItsUsers) {
-  LibuserDirectory directory("/");
+  PosixTasks programs("/", ownProgramsDirectory());
+  LibuserDirectory directory("/", programs);
   EXPECT_TRUE(directory.getpwnam("root"));
   EXPECT_FALSE(directory.getpwnam("tessard-nobody-of-this-name"));
   EXPECT_FALSE(directory.getpwnam(""));

@@ -65,6 +65,9 @@ def layOut(root):
     (root / "etc/shadow").write_text("root:!:20000:0:99999:7:::\n")
     (root / "etc/shadow").chmod(0o640)
     (root / "etc/group").write_text("root:x:0:\nstaff:x:20:\n")
+    programs = root / "usr/libexec/tessardd"
+    programs.mkdir(parents=True)
+    (programs / "change_accounts").symlink_to(buildDirectory() / "programs/change_accounts")
     database = root / "var/jabberd"
     (database / "db-setup.sqlite").write_text("CREATE TABLE active (owner TEXT);\n")
 

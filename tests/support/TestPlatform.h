@@ -2,6 +2,7 @@
 
 #include "common/Platform.h"
 #include "platform/PosixFileSystem.h"
+#include "platform/PosixTasks.h"
 #include "platform/UnistringUnicode.h"
 #include "platform/accounts/LibuserDirectory.h"
 #include "platform/journal/JournalingFileSystem.h"
@@ -15,6 +16,7 @@
 #include "tests/support/FaultyDirectory.h"
 #include "tests/support/FaultyFileSystem.h"
 #include "tests/support/FaultyKeychain.h"
+#include "tests/support/OwnPrograms.h"
 #include "tests/support/RecordingLog.h"
 #include "tests/support/RecordingLogReader.h"
 #include "tests/support/RecordingServiceManager.h"
@@ -46,7 +48,8 @@ class TestPlatform {
   SequenceRandom random;
   UnistringUnicode unicode;
   FakeBundles bundles;
-  LibuserDirectory accounts{root.path()};
+  PosixTasks ownPrograms{root.path(), ownProgramsDirectory()};  ///< for `accounts` alone
+  LibuserDirectory accounts{root.path(), ownPrograms};
   FaultyDirectory directory{accounts};
   SqliteKeychain sqliteKeychain;
   FaultyKeychain keychain{sqliteKeychain};

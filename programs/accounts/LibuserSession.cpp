@@ -1,4 +1,4 @@
-#include "platform/accounts/LibuserSession.h"
+#include "programs/accounts/LibuserSession.h"
 
 #include <fcntl.h>
 #include <libuser/entity.h>
@@ -141,10 +141,6 @@ void LibuserSession::End::operator()(lu_context* context) const {
 
 LibuserSession::LibuserSession(Context context, std::string directory)
     : context_(std::move(context)), directory_(std::move(directory)) {}
-
-void LibuserSession::prepareProcess() {
-  static_cast<void>(Settings::ofThisProcess());
-}
 
 Result<LibuserSession> LibuserSession::start(const Places& places, Files files) {
   // A process with borrowed rights would be given the machine's settings, and so the machine's accounts.

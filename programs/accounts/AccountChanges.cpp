@@ -1,4 +1,4 @@
-#include "platform/accounts/AccountChanges.h"
+#include "programs/accounts/AccountChanges.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <mutex>
 #include <set>
 #include <utility>
 
@@ -15,7 +14,7 @@
 #include "platform/RootDirectory.h"
 #include "platform/SystemCalls.h"
 #include "platform/accounts/AccountFiles.h"
-#include "platform/accounts/AccountLocks.h"
+#include "programs/accounts/AccountLocks.h"
 
 namespace tessard {
 
@@ -24,12 +23,6 @@ namespace {
 constexpr std::array<const char*, 4> kFiles = {"passwd", "shadow", "group", "gshadow"};
 // What libuser makes beside each of them: its new content, the former content, its lock.
 constexpr std::array<const char*, 4> kSuffixes = {"", "+", "-", ".lock"};
-
-/// One change at a time in this process: libuser's settings belong to the whole process.
-std::mutex& processLock() {
-  static std::mutex mutex;
-  return mutex;
-}
 
 SystemError about(const std::string& name, int code) {
   return SystemError(code, fill("/etc/%@: %@", {name, SystemError(code).description()}));
@@ -134,7 +127,6 @@ Result<void> AccountChanges::removeOrphan(const Workplace& place, const std::str
 }
 
 Result<void> AccountChanges::addUser(const NewUser& user) {
-  const std::lock_guard lock(processLock());
   const auto place = prepare();
   if (!place) return place.error();
   const auto taken = numbersBesides(user);
@@ -151,7 +143,6 @@ Result<void> AccountChanges::addUser(const NewUser& user) {
 }
 
 Result<void> AccountChanges::setPasswordHash(const std::string& user, const std::string& hash) {
-  const std::lock_guard lock(processLock());
   const auto place = prepare();
   if (!place) return place.error();
   const auto entry = userNamed(files_, user);
@@ -174,7 +165,6 @@ Result<void> AccountChanges::setPasswordHash(const std::string& user, const std:
 }
 
 Result<void> AccountChanges::addMember(const std::string& group, const std::string& user) {
-  const std::lock_guard lock(processLock());
   const auto place = prepare();
   if (!place) return place.error();
   if (const auto entry = userNamed(files_, user); !entry) return entry.error();

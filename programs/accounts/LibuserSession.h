@@ -3,26 +3,16 @@
 #include <sys/types.h>
 
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 
 #include "common/Result.h"
+#include "platform/accounts/AccountRequest.h"
 
 struct lu_context;
 struct lu_ent;
 
 namespace tessard {
-
-/// What is known of a user who is to be made; the rest is libuser's choice.
-struct NewUser {
-  std::string name;
-  std::optional<uid_t> uid{};
-  std::optional<std::string> fullName{};
-  std::optional<gid_t> gid{};
-  std::optional<std::string> shell{};
-  std::optional<std::string> home{};
-};
 
 /// libuser at work on the account files of one directory. It replaces each file in one step, flushed to disk,
 /// with the owner and mode that it had. Used on one thread; only one session at a time may be started.
@@ -39,10 +29,7 @@ class LibuserSession {
     std::string newUserDefaults;
   };
 
-  /// Sets the environment variable that libuser is led by. Once per process, before it has threads that use
-  /// its environment; further calls do nothing.
-  static void prepareProcess();
-
+  /// Changes the environment of the process, by which libuser is led.
   static Result<LibuserSession> start(const Places& places, Files files);
 
   /// A number that is not given is one that neither the machine nor `taken` has.

@@ -6,14 +6,14 @@
 
 #include "common/FileSystem.h"
 #include "platform/FileDescriptor.h"
-#include "platform/accounts/LibuserSession.h"
+#include "programs/accounts/LibuserSession.h"
 
 namespace tessard {
 
 /// Changes of the account files below one system root. Each is on disk when it is reported. A crash at any
 /// instant leaves every file whole, the old or the new one; a user is there, for whoever reads the files,
 /// only when its shadow line is too; and what is left over is out of the way of the next change. Names and
-/// texts must have been checked. Used on one thread.
+/// texts must have been checked. One in a process, used on one thread.
 class AccountChanges {
  public:
   AccountChanges(std::string root, FileSystem& files, std::chrono::milliseconds patience);
