@@ -85,6 +85,7 @@ class NOTIFICATION_PLUGIN_JabberServiceAtom : public NOTIFICATION_PLUGIN_ChatSer
   std::optional<std::vector<std::string>> liveValuesAt(const std::string& path, const char* preferenceKey,
                                                        const Dictionary& preferences);
   bool isDirectory(const std::string& path);
+  Result<void> ensureDatabaseDirectory(const std::string& path);
   void databaseCreationFailed(std::string_view output, std::string_view error);
 
   /// The answers that the pass phrase tool gave to the write that is going on, by key file. Null between

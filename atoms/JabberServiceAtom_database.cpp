@@ -12,17 +12,17 @@ std::string NOTIFICATION_PLUGIN_JabberServiceAtom::determineDatabasePath() {
 }
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::createServiceDatabase(const std::string& path) {
-  if (platform().files.exists(path)) return true;
-  const std::string directory = directoryOf(path);
-  if (!platform().files.exists(directory)) {
-    const auto made = platform().files.createDirectory(
-        directory, {kJabberUserID, kJabberGroupID, kDatabaseDirectoryPermissions}, true);
-    if (!made) {
-      logError_source(
-          fill("unable to create the database directory for the service: '%@'", {made.error().description()}),
-          "");
-      return false;
-    }
+  const auto there = isThere(platform().files, path);
+  if (!there) {
+    databaseCreationFailed("", fill("%@: %@", {path, there.error().description()}));
+    return false;
+  }
+  if (there.value()) return true;
+  if (const auto made = ensureDatabaseDirectory(directoryOf(path)); !made) {
+    logError_source(
+        fill("unable to create the database directory for the service: '%@'", {made.error().description()}),
+        "");
+    return false;
   }
   // An interrupted attempt may have left a journal, and a link that leads nowhere would lead the tool there.
   removeDatabase(platform().files, path);
@@ -42,6 +42,14 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::createServiceDatabase(const std::str
       fill("unable to set ownership/permissions for the database: '%@'", {owned.error().description()}), "");
   removeDatabase(platform().files, path);
   return false;
+}
+
+Result<void> NOTIFICATION_PLUGIN_JabberServiceAtom::ensureDatabaseDirectory(const std::string& path) {
+  const auto there = isThere(platform().files, path);
+  if (!there) return there.error();
+  if (there.value()) return {};
+  return platform().files.createDirectory(
+      path, {kJabberUserID, kJabberGroupID, kDatabaseDirectoryPermissions}, true);
 }
 
 void NOTIFICATION_PLUGIN_JabberServiceAtom::databaseCreationFailed(std::string_view output,

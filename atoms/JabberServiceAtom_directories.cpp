@@ -72,9 +72,12 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::userHasDirectoryWriteAccess_userID(
 }
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::createServicePidDirectory() {
-  if (platform().files.exists(kJabberRunDirectory)) return true;
-  const auto made = platform().files.createDirectory(
-      kJabberRunDirectory, {kJabberUserID, kRunDirectoryGroupID, kRunDirectoryPermissions}, false);
+  const auto there = isThere(platform().files, kJabberRunDirectory);
+  if (there && there.value()) return true;
+  const auto made =
+      there ? platform().files.createDirectory(
+                  kJabberRunDirectory, {kJabberUserID, kRunDirectoryGroupID, kRunDirectoryPermissions}, false)
+            : Result<void>(there.error());
   if (made) return true;
   logError_source(
       fill("unable to create the pid directory for the service: '%@'", {made.error().description()}), "");

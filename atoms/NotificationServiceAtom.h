@@ -113,6 +113,7 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   /// Puts the host name and the router's secret into an existing settings file. True when it was rewritten.
   bool updateConfigFile(const std::optional<std::string>& host);
   void logConfigCreationError(const std::string& reason);
+  bool configNotModified(const SystemError& reason);
   /// The router's component secret, from the configuration on disk.
   std::optional<std::string> getSecret();
 
@@ -122,6 +123,7 @@ class NOTIFICATION_PLUGIN_NotificationServiceAtom : public NOTIFICATION_PLUGIN_C
   bool refusesLink(const std::string& path);
   bool makeDataDirectory(const std::string& path, const FileOwnership& ownership);
   void makeDatabase(const NotificationDatabase& database);
+  void tellDatabaseNotMade(const std::string& path, const std::string& reason);
   void databaseNotMade(const std::string& path, const std::string& reason);
   bool isUnfinishedDatabase(const std::string& path);
   static Result<std::string> freeUniqueID(DirectoryNode& node);

@@ -85,8 +85,10 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::refusesLink(const std::string&
 bool NOTIFICATION_PLUGIN_NotificationServiceAtom::makeDataDirectory(const std::string& path,
                                                                     const FileOwnership& ownership) {
   if (refusesLink(path)) return false;
-  if (platform().files.exists(path)) return true;
-  const auto made = platform().files.createDirectory(path, ownership, false);
+  const auto there = isThere(platform().files, path);
+  if (there && there.value()) return true;
+  const auto made =
+      there ? platform().files.createDirectory(path, ownership, false) : Result<void>(there.error());
   if (made) return true;
   logError_source(fill("the directory \"%@\" of the notification service cannot be made: %@",
                        {path, made.error().description()}),
@@ -98,7 +100,9 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::makeDataDirectory(const std::s
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::makeDatabase(const NotificationDatabase& database) {
   const std::string path = database.path;
   if (refusesLink(path)) return;
-  if (platform().files.exists(path) && !isUnfinishedDatabase(path)) return;
+  const auto there = isThere(platform().files, path);
+  if (!there) return tellDatabaseNotMade(path, there.error().description());
+  if (there.value() && !isUnfinishedDatabase(path)) return;
   removeDatabase(platform().files, path);
   // It belongs to the service before there is anything in it, so that no attempt leaves one that does not.
   const auto begun = platform().files.createFile(path, "", kNotificationDataOwnership, Flush::now);
@@ -116,10 +120,15 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::makeDatabase(const Notificatio
   platform().changes.keep();
 }
 
-void NOTIFICATION_PLUGIN_NotificationServiceAtom::databaseNotMade(const std::string& path,
-                                                                  const std::string& reason) {
+void NOTIFICATION_PLUGIN_NotificationServiceAtom::tellDatabaseNotMade(const std::string& path,
+                                                                      const std::string& reason) {
   logError_source(fill("the database \"%@\" of the notification service cannot be made: %@", {path, reason}),
                   "");
+}
+
+void NOTIFICATION_PLUGIN_NotificationServiceAtom::databaseNotMade(const std::string& path,
+                                                                  const std::string& reason) {
+  tellDatabaseNotMade(path, reason);
   removeDatabase(platform().files, path);
 }
 

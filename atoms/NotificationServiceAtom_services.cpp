@@ -37,12 +37,13 @@ std::optional<Array> NOTIFICATION_PLUGIN_NotificationServiceAtom::getConfiguredS
 // The file is the preferences' file too. A new one needs their defaults: a file with client services alone
 // would be taken for complete preferences. One that cannot be read is for a person to mend.
 std::optional<Dictionary> NOTIFICATION_PLUGIN_NotificationServiceAtom::bundleConfigurationToChange() {
+  const auto there = isThere(platform().files, kBundleConfigFilePath);
   // Who is asked for them first makes them.
-  if (!platform().files.exists(kBundleConfigFilePath) && !owner().loadPreferences()) {
+  if (there && !there.value() && !owner().loadPreferences()) {
     logError_source("client services cannot be changed before the host name is known", "");
     return std::nullopt;
   }
-  auto stored = lists_.read(kBundleConfigFilePath);
+  auto stored = there ? lists_.read(kBundleConfigFilePath) : Result<Dictionary>(there.error());
   if (stored) return std::move(stored).value();
   logError_source(fill("client services cannot be changed: \"%@\" : %@",
                        {kBundleConfigFilePath, stored.error().description()}),

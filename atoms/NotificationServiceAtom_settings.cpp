@@ -147,6 +147,7 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::writeServiceConfiguration_erro
   if (!settings) return false;
   if (!stored) {
     logError_source("the notification settings are not known and were not written", "");
+    platform().changes.fail();
     return true;
   }
   for (const DictionaryEntry& entry : *settings) {
@@ -182,9 +183,10 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::writeValue_forKey_inSettings(c
 }
 
 bool NOTIFICATION_PLUGIN_NotificationServiceAtom::updateConfigFile(const std::optional<std::string>& host) {
-  FileSystem& files = platform().files;
   if (!host) return false;
-  if (!files.exists(kNotificationConfigFilePath)) {
+  const auto there = isThere(platform().files, kNotificationConfigFilePath);
+  if (!there) return configNotModified(there.error());
+  if (!there.value()) {
     logDebug_source("Unable to find config file for Beaconry, cannot udpate", "");
     return false;
   }
@@ -202,15 +204,17 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::updateConfigFile(const std::op
     settings.value().set("secret", *secret);
     written = writeConfigFile(settings.value());
   }
-  if (!written) {
-    writeFailed(kNotificationConfigFilePath, written.error());
-    logError_source(notSaved(written.error()), "");
-    logConfigCreationError("Beaconry config modification error");
-    return false;
-  }
+  if (!written) return configNotModified(written.error());
   if (lock) lock.unlock();
   if (setConfigFileAttributes()) logInfo_source("Notification config file successfully modified.", "");
   return true;
+}
+
+bool NOTIFICATION_PLUGIN_NotificationServiceAtom::configNotModified(const SystemError& reason) {
+  writeFailed(kNotificationConfigFilePath, reason);
+  logError_source(notSaved(reason), "");
+  logConfigCreationError("Beaconry config modification error");
+  return false;
 }
 
 Result<void> NOTIFICATION_PLUGIN_NotificationServiceAtom::writeConfigFile(const Dictionary& settings) {
@@ -227,6 +231,7 @@ bool NOTIFICATION_PLUGIN_NotificationServiceAtom::setConfigFileAttributes() {
   const auto owned = platform().files.setOwnership(kNotificationConfigFilePath, kUpdatedConfigOwnership);
   if (owned) return true;
   logError_source(fill("setting permissions of config failed: '%@'", {owned.error().description()}), "");
+  platform().changes.fail();
   return false;
 }
 

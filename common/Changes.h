@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -58,6 +59,9 @@ class Changes {
 
   /// Whether changes are being made that belong together, that is from `begin` to `end`.
   virtual bool underWay() const = 0;
+
+  /// How often files were put back so far. What was read before the last time can be another version now.
+  virtual std::size_t timesUndone() const = 0;
 
   /// Somebody else has changed this file meanwhile: it is left as it is when the rest is put back.
   virtual void leave(std::string_view path) = 0;

@@ -18,6 +18,12 @@ bool mayPass(const SystemError& error) {
   }
 }
 
+Result<bool> isThere(FileSystem& files, std::string_view path) {
+  const auto found = files.attributes(path);
+  if (!found && mayPass(found.error())) return found.error();
+  return found.ok();
+}
+
 std::string directoryOf(std::string_view path) {
   const std::size_t slash = path.rfind('/');
   if (slash == std::string_view::npos) return "";

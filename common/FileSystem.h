@@ -110,6 +110,10 @@ class FileSystem {
 /// file itself is or holds: what was read as nothing must then not be written back.
 bool mayPass(const SystemError& error);
 
+/// As `FileSystem::exists`, or the reason why that cannot be told for the moment: for whoever makes what is
+/// not there.
+Result<bool> isThere(FileSystem& files, std::string_view path);
+
 /// "/a/b" of "/a/b/c"; "/" of "/a"; "" of a path without a slash.
 std::string directoryOf(std::string_view path);
 

@@ -200,6 +200,7 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   KnownDocuments knownDocuments_;  // before the components, which borrow it
   std::string configPath_;
   std::optional<ComponentPaths> loadedConfigPaths_;
+  std::size_t timesUndone_ = 0;  // when that was loaded
   std::vector<std::string> loadedComments_;
   ComponentLists loadedComponents_;
   std::optional<FileTime> loadTime_;

@@ -21,6 +21,8 @@ std::optional<std::string> NOTIFICATION_PLUGIN_MasterConfiguration::readText(std
   const int error = !text ? text.error().code() : isUtf8(text.value()) ? 0 : EILSEQ;
   if (error == 0) return std::move(text).value();
   logError_source(fill("Failed to load %@ (error = %ld)", {kMasterFileName, error}), "");
+  // The number alone does not tell a person what to do.
+  logWarning_source(fill("Reason of the load failure: %@", {SystemError(error).description()}), "");
   return std::nullopt;
 }
 
@@ -118,6 +120,11 @@ void NOTIFICATION_PLUGIN_MasterConfiguration::takeConfigLine(const std::string& 
 }
 
 bool NOTIFICATION_PLUGIN_MasterConfiguration::loadAllConfigurations() {
+  // Files that were put back bear the times that they had, which are no later than the last look at them.
+  if (const std::size_t undone = platform_.changes.timesUndone(); undone != timesUndone_) {
+    loadedConfigPaths_.reset();
+    timesUndone_ = undone;
+  }
   bool reread = false;
   if (!loadMasterConfiguration(reread)) return false;
   if (reread) loadedComponents_ = ComponentLists();

@@ -54,7 +54,9 @@ Result<void> writePropertyListFile(FileSystem& files, std::string_view path, con
 Result<void> writePropertyListBytes(FileSystem& files, std::string_view path, std::string_view bytes,
                                     const FileOwnership& ownership, const std::optional<FileVersion>& read) {
   const std::string directory = directoryOf(path);
-  if (!files.exists(directory)) {
+  const auto there = isThere(files, directory);
+  if (!there) return there.error();
+  if (!there.value()) {
     if (auto made = files.createDirectory(directory, kDirectoryOwnership, true); !made) return made;
   }
   return writeAtomically(files, path, bytes, ownership, read);

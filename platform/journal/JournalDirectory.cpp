@@ -107,11 +107,11 @@ Result<void> JournalDirectory::linkInto(int mirror, const Place& place) {
     return ::linkat(place.directory, place.name.c_str(), mirror, place.name.c_str(), 0);
   };
   if (link() == 0) return {};
-  if (errno == ENOENT) return SystemError(ENOENT);
   const SystemError reason = SystemError::last();
+  if (reason.code() == ENOENT) return reason;
   const NameIn file{place.directory, place.name};
   const auto status = statusOf(file);
-  if (!status) return status.error();
+  if (!status) return reason;
   if (S_ISDIR(status.value().st_mode)) return SystemError(EISDIR);
   if (!S_ISREG(status.value().st_mode) && !S_ISLNK(status.value().st_mode)) return reason;
   switch (reason.code()) {
@@ -206,23 +206,26 @@ Result<void> JournalDirectory::forget(const std::string& path, const std::string
   return {};
 }
 
+Result<void> JournalDirectory::rename(const std::string& to) {
+  auto renamed = resultOf(::renameat(home_.get(), name_.c_str(), home_.get(), to.c_str()));
+  if (renamed) name_ = to;
+  return renamed;
+}
+
 // Gives the journal the name of one that has ended, for good, in place of an older one of that name.
 Result<void> JournalDirectory::retire(const std::string& to,
                                       const std::function<Result<void>()>& makeNamesLast) {
   if (auto removed = removeTree({home_.get(), to}); !removed) return removed;
-  const auto renamed = [&](const std::string& from, const std::string& name) {
-    return resultOf(::renameat(home_.get(), from.c_str(), home_.get(), name.c_str()));
-  };
-  // It can have that name already: of an attempt that could be neither finished nor taken back.
-  if (auto done = renamed(kOpenJournal, to); !done && done.error().code() != ENOENT) return done;
+  if (auto renamed = rename(to); !renamed) return renamed;
   auto flushed = makeNamesLast();
   if (flushed) flushed = resultOf(uninterrupted([&] { return ::fsync(home_.get()); }));
   if (!flushed) {
-    static_cast<void>(renamed(to, kOpenJournal).ok());
+    static_cast<void>(rename(kOpenJournal).ok());
     return flushed;
   }
   mirrors_.clear();
   open_ = FileDescriptor();
+  name_ = kOpenJournal;
   return {};
 }
 

@@ -121,6 +121,7 @@ class JournalDirectory {
   Result<void> openJournal();
   Result<int> mirrorOf(const char* kind, const std::string& path);
   Result<void> linkInto(int mirror, const Place& place);
+  Result<void> rename(const std::string& to);
   Result<void> retire(
       const std::string& to,
       const std::function<Result<void>()>& makeNamesLast = [] { return Result<void>(); });
@@ -147,6 +148,7 @@ class JournalDirectory {
   std::string rootPath_;
   FileDescriptor home_;
   FileDescriptor open_;
+  std::string name_ = kOpenJournal;  // of what is open
   std::map<std::pair<std::string, std::string>, FileDescriptor> mirrors_;
   int count_ = 0;  // of the notes that are numbered
 };

@@ -70,6 +70,13 @@ struct JournalDirectory::Restoring {
 JournalDirectory::Undone JournalDirectory::undo() {
   Undone undone;
   if (isEmpty()) return undone;
+  // The next start does not find a journal whose end could be neither finished nor taken back, and must not
+  // find an undo half done without it.
+  if (const auto renamed = name_ == kOpenJournal ? Result<void>() : rename(kOpenJournal); !renamed) {
+    undone.problems.push_back(
+        fill("the journal in \"%@\" cannot be used: %@", {kJournalHome, renamed.error().description()}));
+    return undone;
+  }
   restoreAll(false, undone);
   if (!undone.problems.empty()) return undone;
   if (const auto retired = retire(kKeptJournal); !retired) {
@@ -83,8 +90,10 @@ JournalDirectory::Undone JournalDirectory::undo() {
 
 JournalDirectory::Undone JournalDirectory::recover() {
   Undone undone;
-  if (rootError_ != 0 || !files_.exists(kJournalHome)) return undone;
-  auto prepared = openHome();
+  if (rootError_ != 0) return undone;
+  const auto there = isThere(files_, kJournalHome);
+  if (there && !there.value()) return undone;
+  auto prepared = there ? openHome() : there.error();
   if (prepared) prepared = removeTree({home_.get(), kKeptJournal});
   if (prepared) {
     auto journal = openDirectory({home_.get(), kOpenJournal});

@@ -111,11 +111,13 @@ Result<void> JournalingFileSystem::rememberBeside(const Place& place) {
 Result<void> JournalingFileSystem::rememberMissing(std::string_view path) {
   path = withoutSlashesAtEnd(path);
   if (!inRequest_ || path == "/" || !path.starts_with('/')) return {};
-  if (const auto is = behind_.attributes(path); is || mayPass(is.error())) {
-    return is ? Result<void>() : Result<void>(is.error());
+  if (const auto there = isThere(behind_, path); !there || there.value()) {
+    return there ? Result<void>() : Result<void>(there.error());
   }
   const std::string parent = directoryOf(path);
-  if (behind_.exists(parent)) return remember(path);
+  const auto parentThere = isThere(behind_, parent);
+  if (!parentThere) return parentThere.error();
+  if (parentThere.value()) return remember(path);
   if (auto noted = rememberMissing(parent); !noted) return noted;
   return journal_.rememberAbsent(placeOfMissing(parent), lastPathComponent(path));
 }

@@ -51,6 +51,7 @@ class JournalingFileSystem : public FileSystem, public Changes {
   LastChange undoLast() override;
   std::unique_ptr<FileSystem> filesBeforeLast() override;
   bool underWay() const override { return together_; }
+  std::size_t timesUndone() const override { return timesUndone_; }
   void leave(std::string_view path) override;
 
   bool exists(std::string_view path) override;
@@ -107,6 +108,7 @@ class JournalingFileSystem : public FileSystem, public Changes {
   bool together_ = false;
   bool failed_ = false;
   bool undoUnfinished_ = false;
+  std::size_t timesUndone_ = 0;
   bool hasKept_ = false;  // whether there is a journal that has ended
   std::map<std::string, JournalDirectory::OpenedDirectory> directories_;  // as callers name them
   // Without links; true for files whose notes tell of the names beside them, too.

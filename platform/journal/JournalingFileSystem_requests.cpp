@@ -126,6 +126,7 @@ void JournalingFileSystem::reportUndone(const JournalDirectory::Undone& undone) 
   undoUnfinished_ = !undone.problems.empty();
   for (const std::string& problem : undone.problems) log_.logError_source(problem, "");
   if (undone.files == 0) return;
+  ++timesUndone_;
   log_.logWarning_source(
       fill("the request has failed: %ld changed files are as they were before it", {undone.files}), "");
 }

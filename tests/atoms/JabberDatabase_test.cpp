@@ -168,6 +168,24 @@ TEST_F(JabberDatabase, IsNotMadeInWhatIsNoDirectory) {
   EXPECT_EQ(platform.root.read(kDatabaseDirectory), "a file");
 }
 
+TEST_F(JabberDatabase, IsNotTakenForMissingWhenItCannotBeLookedAt) {
+  platform.root.write(kDatabase, "precious");
+  platform.files.failPath("attributes", kDatabase, EIO);
+  EXPECT_FALSE(atom->createServiceDatabase(kDatabase));
+  EXPECT_THAT(platform.log.lines(), ElementsAre(whole("E", "Creating jabberd database failed: ''; '" +
+                                                               kDatabase + ": Input/output error'")));
+  EXPECT_EQ(platform.root.read(kDatabase), "precious");
+  EXPECT_THAT(platform.tasks.calls, IsEmpty());
+}
+
+TEST_F(JabberDatabase, IsNotMadeWhenItsDirectoryCannotBeLookedAt) {
+  platform.files.failPath("attributes", "/sqlite", EIO);
+  EXPECT_FALSE(atom->createServiceDatabase(kDatabase));
+  EXPECT_THAT(platform.log.lines(),
+              ElementsAre(whole(
+                  "E", "unable to create the database directory for the service: 'Input/output error'")));
+}
+
 TEST_F(JabberDatabase, IsNotMadeWhenItsDirectoryCannotBeMade) {
   platform.files.failPath("createDirectory", "/sqlite", EACCES);
   EXPECT_FALSE(atom->createServiceDatabase(kDatabase));

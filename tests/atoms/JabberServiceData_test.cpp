@@ -114,6 +114,14 @@ TEST_F(JabberServiceData, StopWithAFailingRunDirectory) {
       ElementsAre(whole("E", "unable to create the pid directory for the service: 'Permission denied'")));
 }
 
+TEST_F(JabberServiceData, StopWithARunDirectoryThatCannotBeLookedAt) {
+  platform.files.failPath("attributes", "run/jabberd_notification", EIO);
+  EXPECT_FALSE(atom->initServiceData());
+  EXPECT_THAT(
+      platform.log.lines(),
+      ElementsAre(whole("E", "unable to create the pid directory for the service: 'Input/output error'")));
+}
+
 TEST_F(JabberServiceData, StopWithAFailingTemplate) {
   platform.root.remove(inConfig("sm.xml"));
   EXPECT_FALSE(atom->initServiceData());

@@ -291,6 +291,22 @@ TEST_F(NotificationDatabases, AreNeverTouchedWhenTheyAreThere) {
   EXPECT_EQ(platform.root.mode(kNodes), 0604U);
 }
 
+TEST_F(NotificationDatabases, AreNeverTouchedWhenTheyCannotBeLookedAt) {
+  platform.root.write(kNodes, "precious");
+  platform.files.failPath("attributes", kNodes, EIO);
+  EXPECT_TRUE(atom->initServiceData());
+  EXPECT_THAT(errors(), ElementsAre("the database \"" + kNodes +
+                                    "\" of the notification service cannot be made: Input/output error"));
+  EXPECT_EQ(platform.root.read(kNodes), "precious");
+}
+
+TEST_F(NotificationData, AreNotMadeInDirectoriesThatCannotBeLookedAt) {
+  platform.files.failPath("attributes", "/korvbridge", EIO);
+  EXPECT_TRUE(atom->initServiceData());
+  EXPECT_THAT(errors(), ElementsAre("the directory \"/var/db/korvbridge\" of the notification service cannot "
+                                    "be made: Input/output error"));
+}
+
 TEST_F(NotificationDatabases, AreNotMadeWithoutTheirScript) {
   platform.root.remove("/usr/share/Beaconry/pubsub.sql");
   expectNone("/usr/share/Beaconry/pubsub.sql: No such file or directory");

@@ -128,6 +128,17 @@ TEST_F(NotificationServices, WithoutDefaultsNoFileIsMade) {
   EXPECT_THAT(platform.log.messages(kLogError), ElementsAre(error, error));
 }
 
+TEST_F(NotificationServices, AFileThatCannotBeLookedAtIsNotTakenForMissing) {
+  keep({entry("mail", "a")});
+  owner.preferences.reset();
+  platform.files.failPath("attributes", kFile, EIO);
+  EXPECT_EQ(add(entry("calendar", "b")), Array{});
+  EXPECT_THAT(platform.log.messages(kLogError),
+              ElementsAre("client services cannot be changed: \"" + kFile + "\" : Input/output error"));
+  platform.files.heal();
+  EXPECT_EQ(kept(), Array{entry("mail", "a")});
+}
+
 TEST_F(NotificationServices, AFileThatCannotBeReadStaysAsItIs) {
   platform.root.write(kFile, "rubbish");
   EXPECT_EQ(add(entry("mail", "a")), Array{});

@@ -95,6 +95,16 @@ TEST_F(NotificationWriting, WithoutADomainNothingIsWrittenAndThatIsTold) {
               ElementsAre("the notification settings are not known and were not written"));
 }
 
+TEST_F(NotificationWriting, SettingsThatCannotBeReadFailTheChangesThatTheyBelongTo) {
+  platform.files.failPath("readFile", kFile, EIO);
+  platform.journal.startRequest();
+  platform.journal.begin();
+  EXPECT_TRUE(write({{"verbose", 1}}));
+  EXPECT_FALSE(platform.journal.end());
+  EXPECT_THAT(platform.log.messages(kLogError), testing::Contains(HasSubstr("Input/output error")));
+  EXPECT_EQ(stored(), complete());
+}
+
 TEST_F(NotificationWriting, AFailedWriteIsAnErrorLineAndTheOldFileStays) {
   platform.files.fillDisk();
   EXPECT_TRUE(write({{"verbose", 1}}));
@@ -207,6 +217,25 @@ TEST_F(NotificationHost, ThatCannotBeWrittenIsToldWithItsReasonAndLeavesTheFile)
   EXPECT_THAT(platform.log.messages(kLogWarning),
               ElementsAre("Beaconry may not be reachable from chat clients due to error."));
   EXPECT_THAT(platform.log.messages(kLogInfo), IsEmpty());
+}
+
+TEST_F(NotificationHost, IsNotForgottenWhereTheSettingsFileCannotBeLookedAt) {
+  platform.files.failPath("attributes", kFile, EIO);
+  platform.journal.startRequest();
+  platform.journal.begin();
+  EXPECT_FALSE(atom->updateConfigFile("new.example.com"));
+  EXPECT_FALSE(platform.journal.end());
+  EXPECT_THAT(platform.log.messages(kLogError), testing::Contains("notification settings were not saved: \"" +
+                                                                  kFile + "\" : Input/output error"));
+}
+
+TEST_F(NotificationHost, WhoseAttributesCannotBeSetIsPutBackWithTheChangesThatItBelongsTo) {
+  platform.files.failAll("setOwnership", EIO);
+  platform.journal.startRequest();
+  platform.journal.begin();
+  EXPECT_TRUE(atom->updateConfigFile("new.example.com"));
+  EXPECT_FALSE(platform.journal.end());
+  EXPECT_EQ(stored(), complete());
 }
 
 TEST_F(NotificationHost, DoesNotReplaceAFileThatCannotBeRead) {

@@ -73,7 +73,8 @@ TEST(ReadingTheMasterFile, AFailureIsLoggedWithItsNumber) {
   OneMaster master("");
   EXPECT_EQ(master->loadConfigLinesAtPath("/none"), std::nullopt);
   EXPECT_THAT(master.platform.log.lines(),
-              ElementsAre("tessard_notification[E]: Failed to load jabberd.cfg (error = 2)"));
+              ElementsAre("tessard_notification[E]: Failed to load jabberd.cfg (error = 2)",
+                          "tessard_notification[W]: Reason of the load failure: No such file or directory"));
 }
 
 TEST(ReadingTheMasterFile, TextThatIsNotUtf8IsRefused) {
@@ -261,6 +262,25 @@ TEST(LoadingEverything, AgainReReadsOnlyComponentsThatWereChangedOutside) {
   ASSERT_THAT(master.platform.files.calls("readFile"), SizeIs(1));
   EXPECT_EQ(master.platform.files.calls("readFile")[0].path, inDirectory("s2s.xml"));
   EXPECT_FALSE(master->configDirty());
+}
+
+TEST(LoadingEverything, ReadsAgainWhatWasPutBackSince) {
+  OneMaster master("sm @sm.xml\n");
+  master.writeXml("sm.xml", "<sm><id>old</id></sm>");
+  for (const std::string& path : {kCfg, kSm}) master.platform.root.setModified(path, kLongAgo);
+  auto& journal = master.platform.journal;
+  master.platform.clock.time = kFarAhead;
+  ASSERT_TRUE(master->loadAllConfigurations());
+  journal.startRequest();
+  master->setStringValue_forPath("new", "sm.id");
+  ASSERT_TRUE(master->saveAllConfigurations());
+  EXPECT_FALSE(journal.finishRequest(true));
+  ASSERT_TRUE(master->loadAllConfigurations());
+  int state = kNodeNotFound;
+  EXPECT_EQ(master->getStringValueForPath_nodeState("sm.id", state), "old");
+  master.platform.files.clearCalls();
+  ASSERT_TRUE(master->loadAllConfigurations());
+  EXPECT_THAT(master.platform.files.calls("readFile"), IsEmpty());
 }
 
 TEST(LoadingEverything, AMasterThatListsNothingLoadsNothing) {

@@ -317,6 +317,95 @@ TEST_F(JournalTest, PutsBackWhatCannotBeMadeToLast) {
   EXPECT_TRUE(platform.log.has(kLogError, "the changes of the request cannot be kept: Input/output error"));
 }
 
+/// A request that can neither be made to last nor get its journal back.
+class JournalThatIsStuck : public JournalTest {
+ protected:
+  JournalThatIsStuck() {
+    // As the journal has its new name, something else gets the old one.
+    disk.beforeCall = [this](const FaultyFileSystem::Call& call) {
+      if (call.operation == "syncDirectory") root.write(kHome + "/open/in the way", "");
+    };
+    disk.failAll("syncDirectory", EIO);
+    files.startRequest();
+    files.begin();
+    changeEverything();
+    EXPECT_FALSE(files.end());
+    disk.beforeCall = nullptr;
+    disk.heal();
+  }
+
+  void clearTheWay() {
+    root.remove(kHome + "/open/in the way");
+    root.remove(kHome + "/open");
+  }
+};
+
+TEST_F(JournalThatIsStuck, LeavesTheWholeChangeUntilTheNextRequestPutsItBack) {
+  EXPECT_EQ(root.read("/etc/a"), "new a");
+  EXPECT_EQ(root.read("/var/moved"), "old c");
+  EXPECT_TRUE(platform.log.has(kLogError, "the changes of the request cannot be kept: Input/output error"));
+  EXPECT_TRUE(
+      platform.log.has(kLogError, "the journal in \"" + kHome + "\" cannot be used: Directory not empty"));
+  EXPECT_TRUE(files.finishRequest(false));
+}
+
+TEST_F(JournalThatIsStuck, IsUndoneByTheNextRequest) {
+  EXPECT_TRUE(files.finishRequest(false));
+  clearTheWay();
+  files.startRequest();
+  EXPECT_EQ(root.read("/etc/a"), "old a");
+  EXPECT_EQ(root.read("/var/c"), "old c");
+  EXPECT_FALSE(root.exists("/etc/made"));
+  EXPECT_TRUE(files.finishRequest(false));
+  EXPECT_THAT(root.list(kHome), IsEmpty());
+}
+
+TEST_F(JournalThatIsStuck, LeavesAllOfTheChangeWhenTheDaemonDies) {
+  clearTheWay();
+  JournalingFileSystem next(platform.files, platform.posixFiles, root.path(), platform.log);
+  EXPECT_THAT(next.recover().problems, IsEmpty());
+  EXPECT_EQ(root.read("/etc/a"), "new a");
+  EXPECT_EQ(root.read("/etc/made"), "made");
+  EXPECT_EQ(root.read("/var/moved"), "old c");
+}
+
+TEST_F(JournalTest, CountsHowOftenFilesWerePutBack) {
+  for (const std::size_t before : {0U, 1U}) {
+    files.startRequest();
+    ASSERT_TRUE(writeAtomically(files, "/etc/a", "new", kOwnership));
+    EXPECT_EQ(files.timesUndone(), before);
+    EXPECT_FALSE(files.finishRequest(true));
+    EXPECT_EQ(files.timesUndone(), before + 1);
+  }
+  files.startRequest();
+  ASSERT_TRUE(writeAtomically(files, "/etc/a", "new", kOwnership));
+  EXPECT_TRUE(files.finishRequest(false));
+  files.startRequest();
+  EXPECT_FALSE(files.finishRequest(true)) << "nothing was changed";
+  EXPECT_EQ(files.timesUndone(), 2U);
+}
+
+TEST_F(JournalTest, IsNotTakenForMissingWhereItsHomeCannotBeLookedAt) {
+  files.startRequest();
+  changeEverything();
+  disk.failPath("attributes", "/journal", EIO);
+  JournalingFileSystem next(platform.files, platform.posixFiles, root.path(), platform.log);
+  EXPECT_THAT(next.recover().problems,
+              ElementsAre("the journal in \"" + kHome + "\" cannot be read: Input/output error"));
+  disk.heal();
+  next.startRequest();
+  EXPECT_EQ(root.read("/etc/a"), "old a");
+}
+
+TEST_F(JournalTest, TellsWhyADirectoryCannotBeMadeWhoseParentCannotBeLookedAt) {
+  files.startRequest();
+  disk.failPath("attributes", "/var", EIO);
+  EXPECT_EQ(files.createDirectory("/var/x", {}, true).error().code(), EIO);
+  disk.heal();
+  EXPECT_FALSE(root.exists("/var/x"));
+  EXPECT_TRUE(files.finishRequest(false));
+}
+
 TEST_F(JournalTest, TellsWhetherChangesBelongTogether) {
   files.startRequest();
   EXPECT_FALSE(files.underWay());

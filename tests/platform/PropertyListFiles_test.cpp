@@ -49,6 +49,14 @@ class PropertyListFilesTest : public testing::Test {
   PropertyListFiles lists{files, clock};
 };
 
+TEST_F(PropertyListFilesTest, ADirectoryThatCannotBeLookedAtIsTheReasonOfAFailedWrite) {
+  files.failPath("attributes", "/there", EIO);
+  root.makeDirectory("/there");
+  EXPECT_EQ(lists.write("/there/settings.plist", {{"text", "a"}}, {}).error().code(), EIO);
+  files.heal();
+  EXPECT_TRUE(lists.write("/there/settings.plist", {{"text", "a"}}, {}));
+}
+
 TEST_F(PropertyListFilesTest, AnUnchangedFileIsReadOnce) {
   put("a");
   letTimePass();
