@@ -1,6 +1,7 @@
 // Loaded before the C library, this makes chosen calls on files fail, of the one thread of a daemon that carries its
-// requests. What is to fail is told through a page of memory that a test shares: the file that TESSARD_FAILURES names.
-// Calls on sockets, pipes and the like pass unseen, and so do those of other threads and processes.
+// requests, and of a program that works for it while it waits, which TESSARD_FAILS_WITH_DAEMON tells. What is to fail is
+// told through a page of memory that a test shares: the file that TESSARD_FAILURES names. Calls on sockets, pipes and the
+// like pass unseen, and so do those of other threads and processes.
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <dlfcn.h>
@@ -36,6 +37,7 @@ struct control {
 
 static struct control* control;
 static size_t room;
+static int worksForDaemon;
 
 __attribute__((constructor)) static void attach(void) {
   const char* path = getenv("TESSARD_FAILURES");
@@ -45,12 +47,14 @@ __attribute__((constructor)) static void attach(void) {
   void* mapped = mmap(NULL, (size_t)status.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
   room = (size_t)status.st_size - sizeof(struct control);
   if (mapped != MAP_FAILED) control = mapped;
+  worksForDaemon = getenv("TESSARD_FAILS_WITH_DAEMON") != NULL;
   close(file);
 }
 
 static int isWatched(void) {
-  return control && control->thread && control->thread == (int32_t)syscall(SYS_gettid) &&
-         control->process == (int32_t)syscall(SYS_getpid);
+  if (!control || !control->thread) return 0;
+  if (worksForDaemon) return 1;
+  return control->thread == (int32_t)syscall(SYS_gettid) && control->process == (int32_t)syscall(SYS_getpid);
 }
 
 static void writeDown(const char* call, int does, int directory, const char* path) {

@@ -16,7 +16,7 @@ import pytest
 from history import Refused, hasOpenJournal, treeOf
 from hosttools import needsPlugin
 from interruptions import Laboratory, scenarios
-from sweeptools import SANITIZED, report, seedOfThisRun, size
+from sweeptools import SANITIZED, report, size
 from test_kill import assertReached, different
 
 pytestmark = [needsPlugin, pytest.mark.skipif(SANITIZED, reason="a sanitizer's library must be the first of all")]
@@ -32,9 +32,13 @@ IGNORED = [
     ("unlinkat", "/journal/(kept|undone)", "what is left of a journal that is no longer needed is removed later"),
     ("unlinkat|renameat|openat|write", "/journal/(kept|undoable|last)",
      "what is kept to be undone is put into its place later, or cannot be undone"),
-    ("linkat", r"\.(tmp|bak)$|/sm_b\.[^/]*$", "what is not there needs no note, and what is there is noted or told"),
     ("fchown|fchownat", ".", "a file that cannot be given away is complete all the same"),
     ("fchmod|chmod", ".", "a file keeps the permissions that it was made with, which are narrow"),
+    ("open64", r"/etc/\.pwd\.lock$", "libuser locks each file of the accounts besides"),
+    ("open64", r"/keychain\.db$", "SQLite opens a file for reading alone where that is enough"),
+    ("fdatasync", "/keychain$", "SQLite goes on where it cannot flush the directory of its journal"),
+    ("renameat|mkdirat", r"/var/db/idavoll/\w+\.db$|/journal/open/present(/\+var(/\+db(/\+idavoll)?)?)?$",
+     "that the databases of the former host cannot be removed is ignored"),
 ]
 # How libraries that keep their errors' numbers to themselves say what is wrong.
 WORDS = ["unable to open database file", "disk I/O error", "database or disk is full", "The disk is too full",
@@ -57,6 +61,13 @@ class Failures:
         library = directory / "failing_calls.so"
         subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", library, FAILING_CALLS], check=True)
         self.prefix = ["env", f"LD_PRELOAD={library}", f"TESSARD_FAILURES={self._file.name}"]
+
+    def include(self, program):
+        """The calls of that program of the daemon's fail, too. Its place is given."""
+        real = program.resolve()
+        program.unlink()
+        program.write_text(f"#!/bin/sh\n{' '.join(self.prefix)} TESSARD_FAILS_WITH_DAEMON=1 {real}\n")
+        program.chmod(0o755)
 
     def _set(self, process=0, number=0, onwards=0, error=0, lists=0):
         self.LAYOUT.pack_into(self._page, 0, process, 0, number, onwards, error, lists, 0, 0, 0)
@@ -89,6 +100,7 @@ class Bench:
         self.laboratory = Laboratory(pluginRoot, self.scenario)
         self.failures = Failures(directory)
         self.laboratory.prefix = self.failures.prefix
+        self.failures.include(self.laboratory.pristine / "usr/libexec/tessardd/change_accounts")
         self.old = treeOf(self.laboratory.pristine)
         root = self.laboratory.fresh()
         with self.laboratory as daemon:
@@ -195,19 +207,21 @@ class Bench:
         return [file for file in different(found, wanted) if file not in self.scenario.apart]
 
 
-# Not kept yet: libuser, which changes the accounts, ends the process when a second call fails after a first (an assertion of
-# its own), cannot remove its lock files from a disk that became read-only, and gives no reasons.
+# libuser, which changes the accounts, keeps many reasons to itself.
 ACCOUNTS = "service user"
 
 
-def attempts(count, name):
-    """Number of a call, error, and whether it goes on. Each call meets two of the errors in turn: the same each time in the
-    short form, others each time in the full one."""
-    names = ["ENOSPC", "EDQUOT"] if name == ACCOUNTS else list(ERRORS)
-    first = seedOfThisRun() if size(short=False, full=True) else 0
-    chosen = range(1, count + 1, size(max(1, count // SHORT), 1))
-    return [(number, names[(first + index + 2 * onwards) % len(names)], onwards)
-            for index, number in enumerate(chosen) for onwards in (False, True)]
+def attempts(count):
+    """Number of a call, error, and whether it goes on. In the short form a few calls meet two of the errors each, in the full
+    one every call meets all. TESSARD_SWEEP_CALLS, such as "100-199", keeps a full one to some of the calls."""
+    names = list(ERRORS)
+    if not size(short=False, full=True):
+        chosen = range(1, count + 1, max(1, count // SHORT))
+        return [(number, names[(index + 2 * onwards) % len(names)], onwards)
+                for index, number in enumerate(chosen) for onwards in (False, True)]
+    first, last = map(int, os.environ.get("TESSARD_SWEEP_CALLS", f"1-{count}").split("-"))
+    return [(number, error, onwards) for number in range(first, min(last, count) + 1)
+            for error in names for onwards in (False, True)]
 
 
 # A change of address does much that follows no fixed order, too much for few calls to tell anything.
@@ -216,9 +230,10 @@ def attempts(count, name):
 def test_a_call_that_fails_is_told_and_changes_nothing(pluginRoot, tmp_path, name):
     bench = Bench(pluginRoot, tmp_path, name)
     wrong = []
-    for number, error, onwards in attempts(len(bench.calls), name):
+    for number, error, onwards in attempts(len(bench.calls)):
         if problem := bench.attempt(number, error, onwards):
             wrong.append(f"{error}{' from then on' if onwards else ''} at {number}, {problem}")
+            report(wrong[-1])
     report(f"{name}: {bench.told} failures told, {bench.silent} without consequence, at {len(bench.calls)} calls")
     assert not wrong, f"{len(wrong)} failures are not handled as promised:\n" + "\n".join(wrong[:SHOWN])
     assert bench.told > 0

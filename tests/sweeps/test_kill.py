@@ -82,7 +82,8 @@ def assertReached(laboratory, place, found, begun, old, new):
         assert not wrong, f"{place}: made again: {wrong}"
         return
     # Passwords are drawn anew, and so differ; what there is, and whose, must not.
-    assert sorted(set(new) ^ set(found)) == [], place
+    others = sorted(set(new) ^ set(found))
+    assert not others, f"{place}: there or missing: {others}"
     otherwise = {file: (found[file][:-1], new[file][:-1]) for file in new if found[file][:-1] != new[file][:-1]
                  and new[file][0] != "link"}
     assert not otherwise, f"{place}: other attributes: {otherwise}"
