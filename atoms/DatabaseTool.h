@@ -18,10 +18,10 @@ struct DatabaseOutcome {
 DatabaseOutcome makeDatabaseFromScript(Platform& platform, const std::string& script,
                                        const std::string& path);
 
-/// Whether the database can be read and has a table.
-bool databaseHasTables(Platform& platform, const std::string& path);
+/// Whether the database can be read and has a table; the reason where the tool could not be asked.
+Result<bool> databaseHasTables(Platform& platform, const std::string& path);
 
-/// Removes a database and the files that the tool keeps beside it while it works.
-void removeDatabase(FileSystem& files, const std::string& path);
+/// Removes a database and the files that the tool keeps beside it while it works, those that are there.
+Result<void> removeDatabase(FileSystem& files, const std::string& path);
 
 }  // namespace tessard

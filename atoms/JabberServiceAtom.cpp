@@ -1,5 +1,6 @@
 #include "atoms/JabberServiceAtom.h"
 
+#include "atoms/ServicePieces.h"
 #include "common/Format.h"
 #include "config/JabberPaths.h"
 
@@ -15,7 +16,8 @@ NOTIFICATION_PLUGIN_JabberServiceAtom::jabberServiceAtom(Platform& platform, Ser
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::serviceDataReady() {
   const std::string database = determineDatabasePath();
   logDebug_source(fill("Using %@ as the database path", {database}), "");
-  return platform().files.exists(database) && isDirectory(kJabberRunDirectory);
+  return pieceIsThere(platform(), database) && pieceIsThere(platform(), kJabberRunDirectory) &&
+         isDirectory(kJabberRunDirectory);
 }
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::initServiceData() {

@@ -25,7 +25,10 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::createServiceDatabase(const std::str
     return false;
   }
   // An interrupted attempt may have left a journal, and a link that leads nowhere would lead the tool there.
-  removeDatabase(platform().files, path);
+  if (const auto removed = removeDatabase(platform().files, path); !removed) {
+    databaseCreationFailed("", fill("%@: %@", {path, removed.error().description()}));
+    return false;
+  }
   // Made by us, so that it belongs to the changes of the request. Where this fails, the tool says why.
   const FileOwnership ownership{kJabberUserID, kJabberGroupID, kDatabasePermissions};
   static_cast<void>(platform().files.createFile(path, "", ownership, Flush::now).ok());
@@ -33,14 +36,14 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::createServiceDatabase(const std::str
   if (!outcome.made) {
     databaseCreationFailed(outcome.output, outcome.errorText);
     // A database file counts as ready, so a half-made one would never be completed.
-    removeDatabase(platform().files, path);
+    static_cast<void>(removeDatabase(platform().files, path).ok());
     return false;
   }
   const auto owned = platform().files.setOwnership(path, ownership);
   if (owned) return true;
   logError_source(
       fill("unable to set ownership/permissions for the database: '%@'", {owned.error().description()}), "");
-  removeDatabase(platform().files, path);
+  static_cast<void>(removeDatabase(platform().files, path).ok());
   return false;
 }
 

@@ -3,6 +3,7 @@
 #include "atoms/DatabaseTool.h"
 #include "atoms/NotificationPaths.h"
 #include "atoms/NotificationServiceAtom.h"
+#include "atoms/ServicePieces.h"
 #include "common/Format.h"
 
 namespace tessard {
@@ -18,22 +19,22 @@ bool isEmptyFile(FileSystem& files, const std::string& path) {
 }  // namespace
 
 bool NOTIFICATION_PLUGIN_NotificationServiceAtom::serviceDataReady() {
-  FileSystem& files = platform().files;
   const auto settings = dictionaryFromSettingsFile();
   if (!settings) return false;
   const Value* jid = settings->find("jid");
   if (!jid) return false;
-  if (!files.exists(kNotificationDataDirectory)) return false;
+  if (!pieceIsThere(platform(), kNotificationDataDirectory)) return false;
   for (const NotificationDatabase& database : kNotificationDatabases) {
-    if (!files.exists(database.path) || isEmptyFile(files, database.path)) return false;
+    if (!pieceIsThere(platform(), database.path) || isEmptyFile(platform().files, database.path))
+      return false;
   }
-  if (!files.exists(kNotificationLogDirectory)) return false;
+  if (!pieceIsThere(platform(), kNotificationLogDirectory)) return false;
   if (connectsAsClient(*settings)) {
     const auto account = jid->stringValue();
     if (!account || !platform().directory.getpwnam(*account)) return false;
   }
-  if (!files.exists(kNotificationConfigFilePath)) return false;
-  return files.exists(kKorvBridgeDirectory);
+  if (!pieceIsThere(platform(), kNotificationConfigFilePath)) return false;
+  return pieceIsThere(platform(), kKorvBridgeDirectory);
 }
 
 // What cannot be made is told and does not keep the rest from being made: the data is not ready then, and the
@@ -103,7 +104,9 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::makeDatabase(const Notificatio
   const auto there = isThere(platform().files, path);
   if (!there) return tellDatabaseNotMade(path, there.error().description());
   if (there.value() && !isUnfinishedDatabase(path)) return;
-  removeDatabase(platform().files, path);
+  if (const auto removed = removeDatabase(platform().files, path); !removed) {
+    return tellDatabaseNotMade(path, removed.error().description());
+  }
   // It belongs to the service before there is anything in it, so that no attempt leaves one that does not.
   const auto begun = platform().files.createFile(path, "", kNotificationDataOwnership, Flush::now);
   if (!begun) {
@@ -129,13 +132,15 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::tellDatabaseNotMade(const std:
 void NOTIFICATION_PLUGIN_NotificationServiceAtom::databaseNotMade(const std::string& path,
                                                                   const std::string& reason) {
   tellDatabaseNotMade(path, reason);
-  removeDatabase(platform().files, path);
+  static_cast<void>(removeDatabase(platform().files, path).ok());
 }
 
 // All tables are made in one transaction: the daemon's death meanwhile leaves none of them.
 bool NOTIFICATION_PLUGIN_NotificationServiceAtom::isUnfinishedDatabase(const std::string& path) {
   if (isEmptyFile(platform().files, path)) return true;
-  return platform().files.exists(path + "-journal") && !databaseHasTables(platform(), path);
+  if (!platform().files.exists(path + "-journal")) return false;
+  const auto hasTables = databaseHasTables(platform(), path);
+  return hasTables && !hasTables.value();
 }
 
 }  // namespace tessard

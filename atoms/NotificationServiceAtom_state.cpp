@@ -1,3 +1,5 @@
+#include <cerrno>
+
 #include "atoms/NotificationPaths.h"
 #include "atoms/NotificationServiceAtom.h"
 #include "common/Format.h"
@@ -63,9 +65,13 @@ void NOTIFICATION_PLUGIN_NotificationServiceAtom::handleChangeIPRequest(const Ne
     return;
   }
   if (context.hasHostChanged()) {
-    // A database that is not there is as good as removed.
     for (const NotificationDatabase& database : kNotificationDatabases) {
-      static_cast<void>(platform().files.remove(database.path).ok());
+      const auto removed = platform().files.remove(database.path);
+      // A database that is not there is as good as removed.
+      if (removed || removed.error().code() == ENOENT) continue;
+      logWarning_source(fill("\"%@\" of the former host name was not removed: %@",
+                             {database.path, removed.error().description()}),
+                        "");
     }
     logDebug_source("Removing notification database since hostname changed.", "");
   }

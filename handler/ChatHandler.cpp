@@ -135,6 +135,20 @@ bool NOTIFICATION_PLUGIN_ChatHandler::isNetworkReady() {
   return serviceWrangler_->currentHostDomain().has_value();
 }
 
+// Whether the host's first-time setup has finished. That none of its markers can be looked at is told.
+bool NOTIFICATION_PLUGIN_ChatHandler::isSetUp() {
+  std::string problem;
+  for (const char* marker : kSetupMarkers) {
+    const auto there = isThere(platform_.files, marker);
+    if (there && there.value()) return true;
+    if (!there) problem = fill("\"%@\" : %@", {marker, there.error().description()});
+  }
+  if (!problem.empty()) {
+    logError_source(fill("it cannot be told whether first-time setup is done: %@", {problem}), "");
+  }
+  return false;
+}
+
 bool NOTIFICATION_PLUGIN_ChatHandler::serviceDataIsInitialized() {
   const auto initialized = serviceWrangler_->getPreferenceValueForKey("initialized");
   if (initialized && initialized->boolValue()) return serviceWrangler_->serviceDataIsInitialized();
@@ -144,11 +158,7 @@ bool NOTIFICATION_PLUGIN_ChatHandler::serviceDataIsInitialized() {
 
 bool NOTIFICATION_PLUGIN_ChatHandler::initializeServiceDataWithReadinessCheck(bool check) {
   if (!isNetworkReady()) return false;
-  if (check) {
-    bool setupDone = false;
-    for (const char* marker : kSetupMarkers) setupDone = setupDone || platform_.files.exists(marker);
-    if (!setupDone) return false;
-  }
+  if (check && !isSetUp()) return false;
   const bool initialized = serviceWrangler_->initAllServiceData();
   if (initialized) {
     logDebug_source("Successfully initialized all service data", "");

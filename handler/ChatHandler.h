@@ -97,6 +97,7 @@ class NOTIFICATION_PLUGIN_ChatHandler : public PluginRequestHandler {
   /// Does the work; what it throws becomes an error line, "%@ failed: %@", and goes no further.
   void runCatching(const std::string& what, const std::function<void()>& work) const;
   bool passGate();
+  bool isSetUp();
   NOTIFICATION_PLUGIN_ChatServiceAtom* notificationAtom() const;
   std::optional<Dictionary> refusalOfServiceRequest(const Dictionary& request) const;
   Dictionary refusal(std::string_view what, std::string_view problem) const;

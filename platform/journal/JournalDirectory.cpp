@@ -72,10 +72,20 @@ Result<FileDescriptor> JournalDirectory::openOrMakeHome() {
   return openDirectory({parent.value().descriptor.get(), lastPathComponent(kJournalHome)});
 }
 
+Result<void> JournalDirectory::makeJournal() {
+  const auto make = [&] { return resultOf(::mkdirat(home_.get(), kOpenJournal.c_str(), 0700)); };
+  auto made = make();
+  if (made || made.error().code() != EEXIST) return made;
+  // It was made before and could not be opened: there are no notes in it.
+  static_cast<void>(::unlinkat(home_.get(), (kOpenJournal + '/' + kMarker).c_str(), 0));
+  auto removed = resultOf(::unlinkat(home_.get(), kOpenJournal.c_str(), AT_REMOVEDIR));
+  return removed ? make() : removed;
+}
+
 Result<void> JournalDirectory::openJournal() {
   if (open_) return {};
   if (auto opened = openHome(); !opened) return opened;
-  if (::mkdirat(home_.get(), kOpenJournal.c_str(), 0700) != 0) return SystemError::last();
+  if (auto made = makeJournal(); !made) return made;
   auto journal = openDirectory({home_.get(), kOpenJournal});
   if (!journal) return journal.error();
   const FileDescriptor marker(uninterrupted([&] {
@@ -111,7 +121,7 @@ Result<void> JournalDirectory::linkInto(int mirror, const Place& place) {
   if (reason.code() == ENOENT) return reason;
   const NameIn file{place.directory, place.name};
   const auto status = statusOf(file);
-  if (!status) return reason;
+  if (!status) return status.error().code() == ENOENT ? reason : status.error();
   if (S_ISDIR(status.value().st_mode)) return SystemError(EISDIR);
   if (!S_ISREG(status.value().st_mode) && !S_ISLNK(status.value().st_mode)) return reason;
   switch (reason.code()) {
@@ -235,7 +245,8 @@ Result<void> JournalDirectory::keep(const std::function<Result<void>()>& makeNam
 
 // What cannot be removed is tried again before the next one is kept, and at the next start.
 void JournalDirectory::tidyUp() {
-  if (!home_) return;
+  // One that could not be taken back is still needed.
+  if (!home_ || name_ != kOpenJournal) return;
   promote();
   static_cast<void>(removeTree({home_.get(), kKeptJournal}).ok());
 }

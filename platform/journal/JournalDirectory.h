@@ -118,6 +118,7 @@ class JournalDirectory {
 
   Result<void> openHome();
   Result<FileDescriptor> openOrMakeHome();
+  Result<void> makeJournal();
   Result<void> openJournal();
   Result<int> mirrorOf(const char* kind, const std::string& path);
   Result<void> linkInto(int mirror, const Place& place);

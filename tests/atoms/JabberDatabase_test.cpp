@@ -186,6 +186,24 @@ TEST_F(JabberDatabase, IsNotMadeWhenItsDirectoryCannotBeLookedAt) {
                   "E", "unable to create the database directory for the service: 'Input/output error'")));
 }
 
+TEST_F(JabberDatabase, IsNotMadeBesideLeftoversThatCannotBeRemoved) {
+  platform.files.failPath("remove", "-journal", EIO);
+  EXPECT_FALSE(atom->createServiceDatabase(kDatabase));
+  EXPECT_THAT(platform.log.lines(), ElementsAre(whole("E", "Creating jabberd database failed: ''; '" +
+                                                               kDatabase + ": Input/output error'")));
+  EXPECT_FALSE(platform.root.exists(kDatabase));
+}
+
+TEST_F(JabberDatabase, TellsWhyTheToolCouldNotBeAskedWhetherItIsMade) {
+  int runs = 0;
+  platform.tasks.on(kTool, [&](const ScriptedTasks::Call& /*call*/) {
+    return ++runs == 1 ? TaskResult{0, "", ""} : TaskResult{127, "", "too many open files"};
+  });
+  EXPECT_FALSE(atom->createServiceDatabase(kDatabase));
+  EXPECT_THAT(platform.log.lines(),
+              ElementsAre(whole("E", "Creating jabberd database failed: ''; 'too many open files'")));
+}
+
 TEST_F(JabberDatabase, IsNotMadeWhenItsDirectoryCannotBeMade) {
   platform.files.failPath("createDirectory", "/sqlite", EACCES);
   EXPECT_FALSE(atom->createServiceDatabase(kDatabase));

@@ -58,6 +58,19 @@ TEST_F(JabberServiceData, AreReadyWhenDatabaseAndRunDirectoryAreThere) {
   EXPECT_THAT(platform.log.lines(), IsEmpty());
 }
 
+TEST_F(JabberServiceData, AreNotReadyWhereTheyCannotBeLookedAtWhichIsTold) {
+  platform.root.write(kDatabase, "");
+  platform.root.makeDirectory(kRunDirectory);
+  for (const std::string path : {kDatabase, kRunDirectory}) {
+    platform.files.heal();
+    platform.log.clear();
+    platform.files.failPath("attributes", path, EIO);
+    EXPECT_FALSE(atom->serviceDataReady());
+    EXPECT_THAT(platform.log.lines(),
+                ElementsAre(whole("W", "\"" + path + "\" cannot be looked at: Input/output error")));
+  }
+}
+
 TEST_F(JabberServiceData, AreNotReadyWhenAFileIsInThePlaceOfTheRunDirectory) {
   platform.root.write(kDatabase, "");
   platform.root.write(kRunDirectory, "");

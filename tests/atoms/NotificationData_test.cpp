@@ -63,21 +63,30 @@ TEST_F(NotificationData, IsReadyOnlyWithEveryPieceInTheOrderOfTheTests) {
     platform.files.clearCalls();
     EXPECT_FALSE(atom->serviceDataReady());
     Lines paths;
-    for (const auto& call : platform.files.calls("exists")) {
-      if (call.path.starts_with("/var") || call.path == kNotificationConfigFilePath) {
-        paths.push_back(call.path);
-      }
+    for (const auto& call : platform.files.calls("attributes")) {
+      const bool isPiece = call.path.starts_with("/var") || call.path == kNotificationConfigFilePath;
+      if (isPiece && (paths.empty() || paths.back() != call.path)) paths.push_back(call.path);
     }
+    // The settings are read first.
+    paths.erase(paths.begin());
     return paths;
   };
   const Lines order = {kDataDirectory,  kNodes, kItems, kLogDirectory, kNotificationConfigFilePath,
                        kBridgeDirectory};
   for (std::size_t missing = 0; missing < order.size(); ++missing) {
-    platform.files.failPath("exists", order[missing], ENOENT);
+    platform.files.failPath("attributes", order[missing], ENOENT);
     EXPECT_EQ(asked(), Lines(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(missing) + 1));
     platform.files.heal();
   }
   EXPECT_TRUE(atom->serviceDataReady());
+}
+
+TEST_F(NotificationData, IsNotReadyWhereAPieceCannotBeLookedAtWhichIsTold) {
+  makeAll();
+  platform.files.failPath("attributes", kBridgeDirectory, EIO);
+  EXPECT_FALSE(atom->serviceDataReady());
+  EXPECT_THAT(platform.log.messages(kLogWarning), ElementsAre("\"" + std::string(kBridgeDirectory) +
+                                                              "\" cannot be looked at: Input/output error"));
 }
 
 TEST_F(NotificationData, IsNotReadyWithoutSettings) {
@@ -405,6 +414,26 @@ TEST_F(NotificationDatabases, AreKeptWhenOnlyALaterChangeOfThemWasInterrupted) {
   platform.root.remove(kItems);
   EXPECT_TRUE(atom->initServiceData());
   EXPECT_EQ(ask(kNodes, "SELECT node FROM nodes;"), "kept\n");
+}
+
+TEST_F(NotificationDatabases, AreKeptWhenTheToolCannotBeAskedAboutThem) {
+  makeAll();
+  platform.root.write(kNodes + "-journal", "");
+  platform.root.remove(kItems);
+  platform.tasks.on("/usr/bin/sqlite3", {127, "", "cannot be started"});
+  const std::string before = platform.root.read(kNodes);
+  EXPECT_TRUE(atom->initServiceData());
+  EXPECT_EQ(platform.root.read(kNodes), before);
+  EXPECT_THAT(errors(), ElementsAre("the database \"" + kItems +
+                                    "\" of the notification service cannot be made: cannot be started"));
+}
+
+TEST_F(NotificationDatabases, AreNotMadeBesideLeftoversThatCannotBeRemoved) {
+  platform.files.failPath("remove", "pubsub.db-journal", EIO);
+  EXPECT_TRUE(atom->initServiceData());
+  EXPECT_THAT(errors(), ElementsAre("the database \"" + kNodes +
+                                    "\" of the notification service cannot be made: Input/output error"));
+  EXPECT_FALSE(platform.root.exists(kNodes));
 }
 
 class NotificationPlantedLinks : public NotificationData {

@@ -236,13 +236,15 @@ TEST_F(NotificationHostChanges, ByRequestWithoutANewHostAreAnError) {
               ElementsAre("Beaconry config file modification failed! reason: missing new host argument"));
 }
 
-TEST_F(NotificationHostChanges, DatabasesThatCannotBeRemovedStopNothing) {
+TEST_F(NotificationHostChanges, DatabasesThatCannotBeRemovedAreToldAndStopNothing) {
   platform.root.remove(pubsub);
   platform.files.failPath("remove", "items.db", EROFS);
   atom->handleChangeIPRequest(change());
   EXPECT_TRUE(platform.root.exists(items));
   EXPECT_EQ(domain(), "new.example.com");
-  EXPECT_THAT(shown(), IsEmpty());
+  EXPECT_THAT(shown(), ElementsAre("\"" + items +
+                                   "\" of the former host name was not removed: Read-only file "
+                                   "system"));
 }
 
 }  // namespace

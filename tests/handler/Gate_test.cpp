@@ -1,3 +1,5 @@
+#include <cerrno>
+
 #include "tests/handler/HandlerFixtures.h"
 
 namespace tessard {
@@ -87,9 +89,21 @@ TEST_P(GateWithMarkers, AnyOneOfTheMarkersOfAFinishedSetupIsEnough) {
   EXPECT_EQ(debugged("Successfully initialized all service data"), GetParam() != 0);
 }
 
+TEST_F(Gate, MarkersThatCannotBeLookedAtAreToldUnlessAnotherIsThere) {
+  platform.files.failPath("attributes", kHostMarker, EIO);
+  EXPECT_FALSE(handler->initializeServiceDataWithReadinessCheck(true));
+  EXPECT_EQ(platform.log.messages(kLogError),
+            std::vector<std::string>{"it cannot be told whether first-time setup is done: \"" + kHostMarker +
+                                     "\" : Input/output error"});
+  platform.log.clear();
+  platform.root.write(kMigrationMarker, "");
+  EXPECT_TRUE(handler->initializeServiceDataWithReadinessCheck(true));
+  EXPECT_TRUE(platform.log.messages(kLogError).empty());
+}
+
 TEST_F(Gate, WithoutTheCheckNoMarkerIsLookedFor) {
   EXPECT_TRUE(handler->initializeServiceDataWithReadinessCheck(false));
-  EXPECT_THAT(platform.files.journal(), Not(Contains("exists " + kHostMarker)));
+  EXPECT_THAT(platform.files.journal(), Not(Contains("attributes " + kHostMarker)));
 }
 
 TEST_F(Gate, MakingServiceDataIsRemembered) {

@@ -351,6 +351,7 @@ TEST_F(JournalThatIsStuck, LeavesTheWholeChangeUntilTheNextRequestPutsItBack) {
 
 TEST_F(JournalThatIsStuck, IsUndoneByTheNextRequest) {
   EXPECT_TRUE(files.finishRequest(false));
+  files.tidyUp();
   clearTheWay();
   files.startRequest();
   EXPECT_EQ(root.read("/etc/a"), "old a");
@@ -367,6 +368,29 @@ TEST_F(JournalThatIsStuck, LeavesAllOfTheChangeWhenTheDaemonDies) {
   EXPECT_EQ(root.read("/etc/a"), "new a");
   EXPECT_EQ(root.read("/etc/made"), "made");
   EXPECT_EQ(root.read("/var/moved"), "old c");
+}
+
+TEST_F(JournalTest, BeginsAnewWhereItWasMadeBeforeAndCouldNotBeOpened) {
+  root.makeDirectory(kHome);
+  root.setMode(kHome, 0700);
+  for (const bool hasMarker : {false, true}) {
+    root.makeDirectory(kHome + "/open");
+    if (hasMarker) root.write(kHome + "/open/marker", "");
+    files.startRequest();
+    EXPECT_TRUE(files.remove("/etc/a"));
+    EXPECT_FALSE(files.finishRequest(true));
+    EXPECT_EQ(root.read("/etc/a"), "old a");
+  }
+}
+
+TEST_F(JournalTest, BeginsNoneWhereThereIsAnotherWithNotes) {
+  root.write(kHome + "/open/present/+etc/a", "somebody's");
+  root.setMode(kHome, 0700);
+  files.startRequest();
+  EXPECT_FALSE(files.remove("/etc/a"));
+  EXPECT_TRUE(files.finishRequest(false));
+  EXPECT_EQ(root.read(kHome + "/open/present/+etc/a"), "somebody's");
+  EXPECT_EQ(root.read("/etc/a"), "old a");
 }
 
 TEST_F(JournalTest, CountsHowOftenFilesWerePutBack) {

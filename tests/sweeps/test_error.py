@@ -37,7 +37,9 @@ IGNORED = [
     ("open64", r"/etc/\.pwd\.lock$", "libuser locks each file of the accounts besides"),
     ("open64", r"/keychain\.db$", "SQLite opens a file for reading alone where that is enough"),
     ("fdatasync", "/keychain$", "SQLite goes on where it cannot flush the directory of its journal"),
-    ("renameat|mkdirat", r"/var/db/idavoll/\w+\.db$|/journal/open/present(/\+var(/\+db(/\+idavoll)?)?)?$",
+    ("linkat", "/Library$", "directories are not noted, and no link of one is made"),
+    ("unlink", r"/(passwd|shadow|group|gshadow)(\+|\.lock(\.\w+)?)$", "the next change of the accounts removes it"),
+    ("renameat|mkdirat|linkat", r"/var/db/idavoll/\w+\.db(\.tmp|\.bak)?$|/journal/open/present(/\+var(/\+db(/\+idavoll)?)?)?$",
      "that the databases of the former host cannot be removed is ignored"),
 ]
 # How libraries that keep their errors' numbers to themselves say what is wrong.
@@ -213,8 +215,9 @@ ACCOUNTS = "service user"
 
 def attempts(count):
     """Number of a call, error, and whether it goes on. In the short form a few calls meet two of the errors each, in the full
-    one every call meets all. TESSARD_SWEEP_CALLS, such as "100-199", keeps a full one to some of the calls."""
-    names = list(ERRORS)
+    one every call meets all. TESSARD_SWEEP_CALLS, such as "100-199", and TESSARD_SWEEP_ERRORS, such as "EIO,EROFS", keep a
+    full one to some of them."""
+    names = os.environ.get("TESSARD_SWEEP_ERRORS", ",".join(ERRORS)).split(",")
     if not size(short=False, full=True):
         chosen = range(1, count + 1, max(1, count // SHORT))
         return [(number, names[(index + 2 * onwards) % len(names)], onwards)
