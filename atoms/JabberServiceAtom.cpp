@@ -16,8 +16,7 @@ NOTIFICATION_PLUGIN_JabberServiceAtom::jabberServiceAtom(Platform& platform, Ser
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::serviceDataReady() {
   const std::string database = determineDatabasePath();
   logDebug_source(fill("Using %@ as the database path", {database}), "");
-  return pieceIsThere(platform(), database) && pieceIsThere(platform(), kJabberRunDirectory) &&
-         isDirectory(kJabberRunDirectory);
+  return pieceIsThere(platform(), database) && directoryIsThere(platform(), kJabberRunDirectory);
 }
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::initServiceData() {
