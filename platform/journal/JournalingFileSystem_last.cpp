@@ -80,7 +80,10 @@ LastChange JournalingFileSystem::undoLast() {
   const auto after = last ? journal_.versionsAfter(last.value()) : Result<Versions>(last.error());
   std::string path;
   const auto undone = after ? undo(last.value(), after.value(), path) : Result<void>(after.error());
-  if (undone) return change;
+  if (undone) {
+    ++timesUndone_;
+    return change;
+  }
   fail();
   if (isChangedMeanwhile(undone.error())) return {LastChange::State::changedSince, {path}};
   return failedChange(undone.error());

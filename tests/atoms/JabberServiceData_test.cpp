@@ -61,7 +61,7 @@ TEST_F(JabberServiceData, AreReadyWhenDatabaseAndRunDirectoryAreThere) {
 TEST_F(JabberServiceData, AreNotReadyWhereTheyCannotBeLookedAtWhichIsTold) {
   platform.root.write(kDatabase, "");
   platform.root.makeDirectory(kRunDirectory);
-  for (const std::string path : {kDatabase, kRunDirectory}) {
+  for (const std::string& path : {kDatabase, kRunDirectory}) {
     platform.files.heal();
     platform.log.clear();
     platform.files.failPath("attributes", path, EIO);
