@@ -48,7 +48,7 @@ Result<void> removeDatabase(FileSystem& files, const std::string& path) {
   Result<void> done;
   for (const char* suffix : {"", "-journal", "-wal", "-shm"}) {
     auto removed = files.remove(path + suffix);
-    if (!removed && removed.error().code() != ENOENT && done) done = std::move(removed);
+    if (!removed && mayPass(removed.error()) && done) done = std::move(removed);
   }
   return done;
 }
