@@ -105,7 +105,7 @@ constexpr const char* kFile =
 constexpr const char* kDatabase =
     "an absolute path of at most 504 bytes without \"${\" and placeholders, which would be replaced";
 constexpr const char* kSecret = "a string that is not empty";
-constexpr const char* kTexts = "a list of strings";
+constexpr const char* kTexts = "a list of strings, such as [a, b]";
 
 constexpr std::array<SettingKind, 27> kKinds = {{
     {"hosts", isListOfTexts, kTexts},

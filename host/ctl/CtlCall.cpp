@@ -2,6 +2,9 @@
 
 #include <sysexits.h>
 
+#include <set>
+#include <utility>
+
 #include "common/Format.h"
 #include "common/MostLike.h"
 #include "host/JsonCodec.h"
@@ -195,11 +198,13 @@ bool CtlCall::showLog(const Dictionary& wrapped) {
   const Array* log = wrapped.arrayFor("log");
   errors_.clear();
   if (!log) return false;
+  std::set<std::pair<std::string, std::string>> told;  // a file that cannot be read is met with several times
   for (const Value& line : *log) {
     const Dictionary* entry = line.asDictionary();
     if (!entry) continue;
     const std::string level = textFor(*entry, "level", "warning");
     const std::string text = textFor(*entry, "message", "");
+    if (!told.emplace(level, text).second) continue;
     output_.message(level, text);
     if (level != "error") continue;
     error = true;

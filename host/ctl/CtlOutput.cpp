@@ -84,12 +84,14 @@ void CtlOutput::record(const Dictionary& answer) const {
 }
 
 void CtlOutput::message(const std::string& level, const std::string& text) const {
+  std::fflush(stdout);  // where both go to one place, what was said first stands first
   const char* colour = level == "error" ? "\033[31m" : "\033[33m";
   std::fprintf(stderr, "%s%s:%s %s\n", colour_ ? colour : "", level.c_str(), colour_ ? "\033[0m" : "",
                printable(text).c_str());
 }
 
 void CtlOutput::note(const std::string& text) const {
+  std::fflush(stdout);
   std::fprintf(stderr, "%s\n", printable(text).c_str());
 }
 

@@ -53,6 +53,16 @@ int state(CtlCall& call) {
   });
 }
 
+// Before the first-time setup the settings are empty.
+bool isSetUp(CtlCall& call) {
+  int status = 0;
+  int exitCode = EX_OK;
+  const auto answer = call.answerOf("POST", "/v1/plugins/" + call.arguments().plugin,
+                                    serializeJson(Dictionary{{"command", "readSettings"}}), status, exitCode);
+  const Dictionary* settings = answer ? answer->dictionaryFor("configuration") : nullptr;
+  return !settings || !settings->empty();
+}
+
 int changeState(CtlCall& call, const std::string& state, const std::string& expected) {
   call.showParts();
   return call.send({{"command", "setState"}, {"state", state}}, [&](const Dictionary& answer) {
@@ -64,7 +74,9 @@ int changeState(CtlCall& call, const std::string& state, const std::string& expe
         "state-not-reached",
         fill("The service was to be %@ and is %@; the system log may say why.", {expected, reached}),
         EX_UNAVAILABLE);
-    if (expected == "RUNNING") call.watch().explain();
+    if (expected != "RUNNING") return failed;
+    if (!isSetUp(call)) call.output().note("First-time setup is not done (tessardctl setup).");
+    call.watch().explain();
     return failed;
   });
 }

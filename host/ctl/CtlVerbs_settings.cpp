@@ -6,6 +6,7 @@
 #include "host/ctl/CtlSettings.h"
 #include "host/ctl/CtlVerbGroups.h"
 #include "host/ctl/SettingsArguments.h"
+#include "host/ctl/SettingsDifferences.h"
 #include "host/ctl/SettingsFile.h"
 
 namespace tessard {
@@ -51,13 +52,32 @@ int getSettings(CtlCall& call, const Words& keys) {
                    [&](const Dictionary& answer) { return printSettings(call, answer, keys); });
 }
 
+// After errors: what the settings as they now read tell of what was sent.
+void tellWhatIsMissing(const CtlCall& call, const Dictionary& sent, const Dictionary& current) {
+  std::string keys;
+  std::size_t missing = 0;
+  for (const SettingDifference& each : differencesBetween(sent, current)) {
+    keys += fill("%@\"%@\"", {keys.empty() ? "" : ", ", each.key});
+    ++missing;
+  }
+  if (missing == 0) {
+    call.output().note(
+        "The settings read as they were sent; what the errors name may be missing. The rest takes effect "
+        "with "
+        "the next restart (tessardctl restart).");
+  } else if (missing == sent.size()) {
+    call.output().note("Nothing was written.");
+  } else {
+    call.output().note(
+        fill("Not written: %@. The rest takes effect with the next restart (tessardctl restart).", {keys}));
+  }
+}
+
 // The service keeps unknown settings without using them, and takes an unknown word for one that it knows; its
 // answer does not say so, but the settings as they then read do.
 int tellHowWritten(CtlCall& call, const Dictionary& sent, const Dictionary& current) {
   if (call.errorLogged()) {
-    call.output().note(
-        "What the errors name may not be written; the rest takes effect with the next restart (tessardctl "
-        "restart).");
+    tellWhatIsMissing(call, sent, current);
     return call.tellErrorsLogged();
   }
   call.output().note(
@@ -67,8 +87,9 @@ int tellHowWritten(CtlCall& call, const Dictionary& sent, const Dictionary& curr
   for (const auto& [key, value] : sent) {
     const Value* reads = current.find(key);
     if (!reads) {
-      exitCode = call.output().failure(
-          "unknown-setting", fill("There is no setting \"%@\"; it has no effect.", {key}), EX_DATAERR);
+      const auto problem = problemWithKeys({{key, value}});
+      const std::string sentence = problem ? *problem : fill("There is no setting \"%@\".", {key});
+      exitCode = call.output().failure("unknown-setting", sentence + " It has no effect.", EX_DATAERR);
     } else if (value.asString() && reads->asString() && !value.asString()->empty() && !(*reads == value)) {
       call.output().message("warning", fill("\"%@\" reads \"%@\" now.", {key, *reads}));
     }

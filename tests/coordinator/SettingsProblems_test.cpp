@@ -143,14 +143,14 @@ TEST(SettingsProblems, AListHoldsStringsOnly) {
     EXPECT_EQ(problemWith(key, Array{"a", "b"}), "none");
     for (const Value& bad :
          {Value("a"), Value(1), Value(Array{"a", 1}), Value(Array{Array{"a"}}), Value(Dictionary{})}) {
-      EXPECT_EQ(problemWith(key, bad), mustBe(key, "a list of strings")) << bad.description();
+      EXPECT_EQ(problemWith(key, bad), mustBe(key, "a list of strings, such as [a, b]")) << bad.description();
     }
   }
 }
 
 TEST(SettingsProblems, TheFirstOneIsTold) {
   EXPECT_EQ(problemWithSettings({{"jabberdS2SPort", 1.5}, {"hosts", 1}}),
-            "\"hosts\" must be a list of strings");
+            "\"hosts\" must be a list of strings, such as [a, b]");
 }
 
 TEST(SettingsProblems, OtherKeysMayHoldAnything) {
@@ -204,7 +204,8 @@ TEST(HostProblems, AHostMustFitInAFileName) {
 struct WriteProblems : Coordinated {};
 
 TEST_F(WriteProblems, AreFoundBeforeAndAfterTheNamesAreFiltered) {
-  EXPECT_EQ(wrangler->problemWithWriteSettings({{"hosts", "a"}}), "\"hosts\" must be a list of strings");
+  EXPECT_EQ(wrangler->problemWithWriteSettings({{"hosts", "a"}}),
+            "\"hosts\" must be a list of strings, such as [a, b]");
   EXPECT_EQ(wrangler->problemWithWriteSettings({{"hosts", Array{"!!!"}}}), "\"hosts\" names no host");
   EXPECT_EQ(wrangler->problemWithWriteSettings({{"hostsCommaDelimitedString", "a, ,b"}}),
             "\"hostsCommaDelimitedString\" has an empty entry");

@@ -96,7 +96,7 @@ def test_a_value_of_the_wrong_kind_changes_nothing(service, words):
 def test_a_setting_that_does_not_exist_is_told_though_the_others_are_written(service):
     result = service.set("authLevl=KERBEROS", "authLevel=KERBEROS", check=False)
     assert result.returncode == 65
-    assert 'error: There is no setting "authLevl"; it has no effect.\n' in result.stderr
+    assert 'error: There is no setting "authLevl"; "authLevel" may be meant. It has no effect.\n' in result.stderr
     assert service.settings()["authLevel"] == "KERBEROS"
 
 

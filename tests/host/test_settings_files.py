@@ -2,10 +2,11 @@
 
 import json
 import plistlib
+import subprocess
 
 import pytest
 
-from hosttools import needsPlugin
+from hosttools import buildDirectory, needsPlugin
 
 pytestmark = needsPlugin
 
@@ -161,3 +162,33 @@ def test_before_the_first_time_setup_there_is_nothing_to_compare_with(pluginRoot
     ("state", "--show-secrets")])
 def test_wrong_words_are_refused(service, words):
     assert service.tool(*words).returncode == 64
+
+
+def test_a_key_that_is_no_setting_is_told_after_a_write_with_a_proposal(service):
+    done = service.tool("settings", "set", "authlevel=STANDARD")
+    assert done.returncode == 65
+    assert 'error: There is no setting "authlevel"; "authLevel" may be meant. It has no effect.\n' in done.stderr
+
+
+def test_a_list_that_is_written_as_a_text_is_refused_with_an_example(service):
+    done = service.tool("settings", "set", "hosts=a.example.test")
+    assert done.returncode == 65
+    assert '"hosts" must be a list of strings, such as [a, b]' in done.stderr
+
+
+def test_a_file_that_cannot_be_read_is_told_once_and_what_was_not_written_is_named(service):
+    with open(service.root / "etc/jabberd_notification/c2s.xml", "a", encoding="ascii") as file:
+        file.write("<")
+    done = service.tool("settings", "set", "jabberdClientPortSSL=5219", "authLevel=STANDARD")
+    assert done.returncode == 70
+    lines = done.stderr.splitlines()
+    assert len(lines) == len(set(lines))
+    assert lines[-1] == "Nothing was written."
+
+
+def test_what_is_said_first_stands_first_where_all_goes_to_one_place(service, file):
+    file.write_text("authLevel: STANDARD\n")
+    done = subprocess.run([buildDirectory() / "bin/tessardctl", "--socket", service.socket, "settings", "apply", file],
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=True)
+    assert done.stdout == ("authLevel: ANYMETHOD -> STANDARD\n"
+                           "The settings are written. They take effect with the next restart (tessardctl restart).\n")
