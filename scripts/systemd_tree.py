@@ -28,7 +28,8 @@ FRESH_REPOSITORY = "/srv/debian"
 _DEPENDENCIES = (
     "jabberd2 libervia-pubsub postgresql python3 sasl2-bin sqlite3 nftables openssl libbsd0 libcrypt1 libexpat1 "
     "libmicrohttpd12 libminiupnpc17 libmnl0 libnatpmp1 libplist3 libsqlite3-0 libssl3 libstdc++6 libsystemd0 libunistring2 "
-    "libuser1 libyaml-cpp0.7 zlib1g"
+    "libuser1 libyaml-cpp0.7 zlib1g "
+    "curl go-sendxmpp"
 )
 
 # Run by mmdebstrap; "$1" is the tree. A cluster of PostgreSQL's own would start with every machine.

@@ -10,6 +10,7 @@ from pathlib import Path
 import pytest
 
 import private_machine
+from documents import blocks, shown_in_order
 from private_machine import PROJECT, MachineError, PrivateMachine, wait_until
 
 BUILD = os.environ["TESSARD_BUILD_DIR"]
@@ -87,6 +88,8 @@ def test_a_machine_whose_daemon_was_not_built_says_so(tmp_path):
 def test_running_once_shows_what_settings_change_and_no_password():
     shown = subprocess.run([*RUN, BUILD, "--once"], capture_output=True, text=True, check=False, timeout=120)
     assert shown.returncode == 0, shown.stderr
+    readme = next(block for block in blocks(PROJECT / "README.md") if block.kind == "text")
+    assert shown_in_order(readme.lines, shown.stdout.splitlines()) is None
     assert "+    <id>a.example.test</id>" in shown.stdout
     assert "+++ /private/etc/jabberd_notification/sm_b.example.test.xml" in shown.stdout
     assert "hosts=[a.example.test, b.example.test]" in shown.stdout
