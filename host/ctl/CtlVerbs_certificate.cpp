@@ -3,6 +3,7 @@
 #include "common/Format.h"
 #include "host/JsonCodec.h"
 #include "host/ctl/CertificateFiles.h"
+#include "host/ctl/CtlTable.h"
 #include "host/ctl/CtlVerbGroups.h"
 #include "platform/keychain/SecretInput.h"
 
@@ -22,18 +23,17 @@ bool isTrue(const Dictionary& dictionary, std::string_view key) {
 }
 
 // "8F3A6C1D2E4B5A79  until 2027-01-01  with key  CN = push.example.com", and what it is chosen for.
-std::string lineOf(const Dictionary& certificate) {
+CtlRow rowOf(const Dictionary& certificate) {
   const Value* end = certificate.find("notAfter");
   const std::string date = end && end->asDate() ? describeDate(*end->asDate()).substr(0, 10) : "unknown";
-  std::string line = fill("%@  %@ %@  %@  %@", {textFor(certificate, "sha256", "").substr(0, kShownDigits),
-                                                isTrue(certificate, "expired") ? "expired" : "until", date,
-                                                isTrue(certificate, "hasKey") ? "with key" : "without key",
-                                                textFor(certificate, "subject", "")});
-  const Array* names = certificate.arrayFor("preferredFor");
-  if (names) {
-    for (const Value& name : *names) line += "  for " + readable(name);
+  std::string text = textFor(certificate, "subject", "");
+  if (const Array* names = certificate.arrayFor("preferredFor")) {
+    for (const Value& name : *names) text += "  for " + readable(name);
   }
-  return line;
+  return {{textFor(certificate, "sha256", "").substr(0, kShownDigits),
+           (isTrue(certificate, "expired") ? "expired " : "until ") + date,
+           isTrue(certificate, "hasKey") ? "with key" : "without key"},
+          {std::move(text)}};
 }
 
 int printCertificates(const CtlCall& call, const Dictionary& answer) {
@@ -43,9 +43,11 @@ int printCertificates(const CtlCall& call, const Dictionary& answer) {
   }
   const Array* certificates = answer.arrayFor("certificates");
   if (!certificates) return EX_OK;
+  std::vector<CtlRow> rows;
   for (const Value& certificate : *certificates) {
-    if (certificate.asDictionary()) call.output().line(lineOf(*certificate.asDictionary()));
+    if (certificate.asDictionary()) rows.push_back(rowOf(*certificate.asDictionary()));
   }
+  printTable(call.output(), rows);
   return EX_OK;
 }
 
@@ -91,8 +93,12 @@ int setCertificate(CtlCall& call, const std::string& name) {
   if (name.empty()) return call.usage("The NAME is empty; \"certificate clear\" takes the choice back.");
   return call.send({{"command", "setKorvsCertificate"}, {kNameKey, name}}, [&](const Dictionary& answer) {
     if (answer.contains(kNameKey)) return call.printEntries(answer);
-    return call.output().failure("not-chosen", "The certificate is not chosen; the system log may say why.",
-                                 EX_SOFTWARE);
+    return call.output().failure(
+        "not-chosen",
+        fill("The certificate is not chosen. A certificate with its key must have \"%@\" in its subject "
+             "(tessardctl certificate list).",
+             {name}),
+        EX_SOFTWARE);
   });
 }
 

@@ -250,6 +250,7 @@ int allLogs(CtlCall& call) {
   MergedLog log(call, std::move(selection), lines);
   if (const int exitCode = log.newest(); exitCode != EX_OK) return exitCode;
   if (call.arguments().follow) return follow(call, log);
+  if (log.isEmpty()) call.output().note("There is no such line.");
   log.print();
   return EX_OK;
 }

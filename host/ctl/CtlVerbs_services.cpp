@@ -1,6 +1,7 @@
 #include <sysexits.h>
 
 #include "common/Format.h"
+#include "host/ctl/CtlTable.h"
 #include "host/ctl/CtlVerbGroups.h"
 #include "host/ctl/SettingsArguments.h"
 
@@ -12,16 +13,17 @@ using Words = CtlCall::Words;
 
 const char* const kServicesKey = "configuredServices";
 
-// "mail mail.example.com port=993": what "services add" takes.
-std::string lineOf(const Dictionary& service) {
-  std::string line = textFor(service, "service", "-") + " " + textFor(service, "hostName", "-");
+// "port=993 note=a b": what "services add" takes behind the service and its host.
+std::string optionsOf(const Dictionary& service) {
+  std::string options;
   for (const DictionaryEntry& entry : service) {
-    if (entry.key != "service" && entry.key != "hostName")
-      line += " " + settingAsWord(entry.key, entry.value);
+    if (entry.key == "service" || entry.key == "hostName") continue;
+    options += (options.empty() ? "" : " ") + settingAsWord(entry.key, entry.value);
   }
-  return line;
+  return options;
 }
 
+// A table for a terminal; otherwise lines of what "services add" takes.
 int printServices(const CtlCall& call, const Dictionary& answer) {
   if (call.output().json()) {
     call.output().document(answer);
@@ -29,8 +31,20 @@ int printServices(const CtlCall& call, const Dictionary& answer) {
   }
   const Array* services = answer.arrayFor(kServicesKey);
   if (!services) return EX_OK;
-  for (const Value& service : *services) {
-    call.output().line(service.asDictionary() ? lineOf(*service.asDictionary()) : readable(service));
+  std::vector<CtlRow> rows;
+  for (const Value& value : *services) {
+    const Dictionary* service = value.asDictionary();
+    if (!service) continue;
+    rows.push_back(
+        {{textFor(*service, "service", "-"), textFor(*service, "hostName", "-")}, {optionsOf(*service)}});
+  }
+  if (call.output().columns()) {
+    printTable(call.output(), rows);
+    return EX_OK;
+  }
+  for (const CtlRow& row : rows) {
+    const std::string& options = row.texts.front();
+    call.output().line(row.cells[0] + " " + row.cells[1] + (options.empty() ? "" : " ") + options);
   }
   return EX_OK;
 }

@@ -224,9 +224,10 @@ Result<void> EndedJournal::setVersions(const Versions& versions) const {
   for (const auto& [path, version] : versions)
     content.append(path).append(1, '\0').append(version).append(1, '\0');
   content.append(kEnd).append(1, '\0');
+  if (::unlinkat(directory_.get(), kVersions.c_str(), 0) != 0 && errno != ENOENT) return SystemError::last();
   const FileDescriptor made(uninterrupted([&] {
-    return ::openat(directory_.get(), kVersions.c_str(),
-                    O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    return ::openat(directory_.get(), kVersions.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                    0600);
   }));
   return made ? writeAll(made.get(), content) : Result<void>(SystemError::last());
 }

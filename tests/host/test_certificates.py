@@ -118,6 +118,17 @@ def shown(daemon):
     return line
 
 
+@pytest.mark.parametrize("columns", [None, 60, 24])
+def test_the_list_is_a_table_that_fits_a_terminal(daemon, files, columns, monkeypatch):
+    daemon.tool("certificate", "import", files / "push.p12", input=PHRASE + "\n")
+    if columns:
+        monkeypatch.setenv("COLUMNS", str(columns))
+    lines = daemon.tool("certificate", "list").stdout.splitlines()
+    assert all(len(line) <= (columns or 1000) for line in lines)
+    assert "".join(certificates(daemon)[0]["subject"].split()) in "".join("".join(lines).split())
+    assert (len(lines) == 1) == (columns is None)
+
+
 def test_the_tool_imports_with_a_pass_phrase_on_standard_input(daemon, files):
     done = daemon.tool("certificate", "import", files / "push.p12", input=PHRASE + "\n")
     assert (done.returncode, done.stderr) == (0, "")

@@ -361,6 +361,11 @@ def test_lines_are_chosen_by_level_part_text_time_and_number(plugin, mixed):
     assert components(plugin.tool("log", "--since", "0s")) == components(plugin.tool("log", "-n", "0")) == []
 
 
+def test_a_choice_that_fits_no_line_is_told(plugin, mixed):
+    done = plugin.tool("log", "--component", "c2z")
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "There is no such line.\n")
+
+
 def test_as_many_lines_as_are_wanted_are_found_however_rare_they_are(plugin, systemLog):
     systemLog.write_text("".join(
         f"2026-11-21T10:00:00Z host {27 if number % 500 == 0 else 30} jabberd_notification/sm[1]: {number}\n"

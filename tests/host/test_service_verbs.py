@@ -26,6 +26,21 @@ def test_client_services_are_added_listed_and_removed(plugin):
     assert plugin.tool("services", "list").stdout == ""
 
 
+@pytest.mark.parametrize("columns", [100, 50, 20])
+def test_client_services_are_a_table_that_fits_a_terminal(plugin, columns, monkeypatch):
+    plugin.tool("setup")
+    plugin.tool("services", "add", "mail", "mail.example.com", "port=993", "note=one two three four five six seven")
+    plugin.tool("services", "add", "calendar", "cal.example.com")
+    monkeypatch.setenv("COLUMNS", str(columns))
+    lines = plugin.tool("services", "list").stdout.splitlines()
+    assert all(len(line) <= columns for line in lines)
+    shown = "".join("".join(lines).split())
+    assert "mailmail.example.comport=993" in shown and "onetwothreefourfivesixseven" in shown
+    if columns == 100:
+        assert [line.split()[1] for line in lines] == ["mail.example.com", "cal.example.com"]
+        assert lines[0].index("mail.example.com") == lines[1].index("cal.example.com")
+
+
 def assert_json_tells_of_the_setup(plugin, *words):
     done = plugin.tool("--json", *words)
     answer = json.loads(done.stdout)
