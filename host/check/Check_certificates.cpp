@@ -128,7 +128,7 @@ std::optional<std::string> contentOf(CheckedSystem& system, const std::string& p
         fill(holdsKey ? "The certificate file \"%@\" cannot be read, so that nothing is encrypted: %@."
                       : "The file \"%@\" of the authorities cannot be read: %@.",
              {path, error.description()}),
-        holdsKey ? "Put it back, or choose another: tessardctl settings set sslKeyFile=FILE"
+        holdsKey ? "Put it back, or import another: tessardctl tls-certificate import"
                  : "Put it back, or choose another: tessardctl settings set sslCAFile=FILE");
     return std::nullopt;
   }
@@ -182,9 +182,8 @@ void examineDomains(const Instance& instance, const ServedFiles& files, Findings
     findings.add(
         kNotSet, "sslKeyFile",
         "No certificate is set, so that nothing is encrypted and, unless authLevel is ANYMETHOD, nobody can "
-        "log "
-        "in with a password.",
-        "tessardctl settings set sslKeyFile=FILE, with the certificate, those that issued it, and its key");
+        "log in with a password.",
+        "tessardctl tls-certificate import");
     return;
   }
   for (const XmlNode& id : c2s->elementsAt("local.id")) {
@@ -193,7 +192,8 @@ void examineDomains(const Instance& instance, const ServedFiles& files, Findings
         kDomainWithout, id.stringValue(),
         fill("The domain \"%@\" has no certificate, and others have: connections to it are not encrypted.",
              {id.stringValue()}),
-        "tessardctl settings set sslKeyFile=FILE, which sets it for all domains");
+        "tessardctl tls-certificate import, or tessardctl settings set sslKeyFile=FILE, which set it for all "
+        "domains");
   }
 }
 
