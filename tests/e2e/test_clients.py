@@ -78,7 +78,8 @@ def test_the_details_are_told_in_their_order(running):
     assert list(details(running)) == [
         "state", "idavollState", "jabberdState", "startedTime", "hostsCommaDelimitedString", "setStateVersion",
         "readWriteSettingsVersion", "currentConnections", "servicePortsAreRestricted", "servicePortsRestrictionInfo",
-        "configuredServices", "pluginVersion"]
+        "configuredServices", "pluginVersion",
+        "tlsCertificate"]  # the tool's own, as the daemon knows it
     assert details(running)["hostsCommaDelimitedString"] == ",".join(DOMAINS)
 
 
