@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,13 +26,10 @@ JournalDirectory::JournalDirectory(FileSystem& files, const std::string& root) :
 
 Result<JournalDirectory::OpenedDirectory> JournalDirectory::open(std::string_view directory) const {
   if (rootError_ != 0) return SystemError(rootError_);
-  open_how how{};
-  how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-  how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-  const long opened = uninterrupted(
-      [&] { return ::syscall(SYS_openat2, root_.get(), std::string(directory).c_str(), &how, sizeof how); });
-  if (opened < 0) return SystemError::last();
-  FileDescriptor descriptor(static_cast<int>(opened));
+  auto opened = openResolving(root_.get(), std::string(directory), O_PATH | O_DIRECTORY,
+                              RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS);
+  if (!opened) return opened.error();
+  FileDescriptor descriptor = std::move(opened).value();
   auto path = realPathOf(descriptor);
   if (!path) return path.error();
   if (!path.value().starts_with(rootPath_ + "/") && path.value() != rootPath_) return SystemError(ENOENT);

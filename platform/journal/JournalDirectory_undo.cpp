@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +7,7 @@
 #include <vector>
 
 #include "common/Format.h"
+#include "platform/RootDirectory.h"
 #include "platform/SystemCalls.h"
 #include "platform/journal/JournalDirectory.h"
 #include "platform/journal/JournalNames.h"
@@ -25,14 +25,8 @@ const std::string kCopyBack = ".tessardd-undo";
 // Where something is put back no link is followed: whoever can write in a directory on the way could have put
 // one there meanwhile.
 Result<FileDescriptor> openWithoutLinks(int root, const std::string& path) {
-  open_how how{};
-  how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-  how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-  const std::string text = path.empty() ? "/" : path;
-  const long opened =
-      uninterrupted([&] { return ::syscall(SYS_openat2, root, text.c_str(), &how, sizeof how); });
-  if (opened < 0) return SystemError::last();
-  return FileDescriptor(static_cast<int>(opened));
+  return openResolving(root, path.empty() ? "/" : path, O_RDONLY | O_DIRECTORY,
+                       RESOLVE_IN_ROOT | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS);
 }
 
 Result<void> removeNote(NameIn note) {

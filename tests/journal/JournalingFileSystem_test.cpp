@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <set>
+#include <thread>
 
 #include "common/DurableReplace.h"
 #include "tests/support/TestPlatform.h"
@@ -119,6 +122,35 @@ TEST_F(JournalTest, KeepsTheChangesOfARequestThatSucceeds) {
   EXPECT_EQ(root.read("/var/x/y/inside"), "inside");
   EXPECT_EQ(root.read("/var/moved"), "old c");
   EXPECT_THAT(platform.log.lines(), IsEmpty());
+}
+
+TEST_F(JournalTest, WorksBehindLinksWhateverDirectoriesOthersRename) {
+  root.makeDirectory("/other");
+  std::atomic<bool> done = false;
+  std::thread renaming([&] {
+    const std::string one = root.hostPath("/other");
+    const std::string another = root.hostPath("/another");
+    while (!done) {
+      std::rename(one.c_str(), another.c_str());
+      std::rename(another.c_str(), one.c_str());
+    }
+  });
+  // The kernel gives up where ".." is on the way; the more of them, the sooner.
+  std::string path = "/private/etc";
+  for (int count = 0; count < 45; ++count) path += "/../etc";
+  path += "/a";
+  int failed = 0;
+  constexpr int kRequests = 200;
+  for (int count = 0; count < kRequests; ++count) {
+    files.startRequest();
+    if (!writeAtomically(files, path, std::to_string(count), kOwnership)) ++failed;
+    if (!files.finishRequest(count % 2 == 0) && count % 2 != 0) ++failed;
+    files.tidyUp();
+  }
+  done = true;
+  renaming.join();
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(root.read("/etc/a"), std::to_string(kRequests - 1));
 }
 
 TEST_F(JournalTest, PutsEverythingBackWhenARequestFails) {

@@ -156,7 +156,7 @@ def test_a_broken_file_makes_the_start_fail_and_leaves_the_unit_off(service):
     assert (f'error: the unit "{JABBERD}.service" could not be started: Job for {JABBERD}.service failed because the '
             "control process exited with error code.\n") in failed.stderr
     assert "warning: some jabberd processes failed to start\n" in failed.stderr
-    assert re.search(r"^  sm \(sm\.xml\): ended\n    \S+ \S+ jabberd_notification/sm\[\d+\]: ", failed.stderr, re.MULTILINE)
+    assert re.search(r"^  sm \(sm\.xml\): ended\n    \S+ \S+ \w+ jabberd_notification/sm\[\d+\]: ", failed.stderr, re.MULTILINE)
     assert_nothing_runs(machine)
     assert state_of_jabberd(service) == "STOPPED"
     assert unit(machine) == ("failed", "disabled")
