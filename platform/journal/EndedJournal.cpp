@@ -154,24 +154,14 @@ Result<void> EndedJournal::readTree(int mirror, const std::string& path, bool pr
 }
 
 Result<void> EndedJournal::readRemoved() {
-  const auto all = openDirectory({directory_.get(), kRemoved});
-  if (!all) return all.error().code() == ENOENT ? Result<void>() : all.error();
-  const auto kinds = entriesOf(all.value().get());
-  if (!kinds) return kinds.error();
-  for (const DirectoryEntry& kind : kinds.value()) {
-    const auto attributes = attributesIn(kind.name);
-    const auto mirror = openDirectory({all.value().get(), kind.name});
-    const auto notes = mirror ? entriesOf(mirror.value().get()) : mirror.error();
-    if (!notes) return notes.error();
-    if (!attributes) continue;
-    for (const DirectoryEntry& note : notes.value()) {
-      auto path = targetOf({mirror.value().get(), note.name});
-      if (!path) return path.error();
-      removed_.push_back({std::move(path).value(), *attributes});
-    }
-  }
+  auto read = forEachNoteOf(kRemoved, [this](NameIn note, const NotedAttributes& attributes) -> Result<void> {
+    auto path = targetOf(note);
+    if (!path) return path.error();
+    removed_.push_back({std::move(path).value(), attributes});
+    return {};
+  });
   std::ranges::sort(removed_, {}, &Directory::path);
-  return {};
+  return read;
 }
 
 const EndedJournal::Note* EndedJournal::find(const std::string& path, const std::string& name) const {
@@ -187,9 +177,13 @@ Result<FileDescriptor> EndedJournal::mirrorOf(const std::string& path) const {
   return openDirectory({directory_.get(), inside});
 }
 
-Result<void> EndedJournal::forEachAttributes(
-    const std::function<Result<void>(NameIn, const NotedAttributes&)>& call) const {
-  const auto all = openDirectory({directory_.get(), kAttributes});
+Result<void> EndedJournal::forEachAttributes(const NoteCall& call) const {
+  return forEachNoteOf(kAttributes, call);
+}
+
+// The notes of one group, each with the attributes that the name of its mirror tells.
+Result<void> EndedJournal::forEachNoteOf(const std::string& group, const NoteCall& call) const {
+  const auto all = openDirectory({directory_.get(), group});
   if (!all) return all.error().code() == ENOENT ? Result<void>() : all.error();
   const auto kinds = entriesOf(all.value().get());
   if (!kinds) return kinds.error();

@@ -47,8 +47,8 @@ class EndedJournal {
   Result<FileDescriptor> mirrorOf(const std::string& path) const;
 
   /// Calls with the place of every note of attributes and with what they were, until one call fails.
-  Result<void> forEachAttributes(
-      const std::function<Result<void>(NameIn noted, const NotedAttributes& before)>& call) const;
+  using NoteCall = std::function<Result<void>(NameIn noted, const NotedAttributes& before)>;
+  Result<void> forEachAttributes(const NoteCall& call) const;
 
   /// What is under names now, by their paths, to be compared with what will be later.
   using Versions = std::map<std::string, std::string>;
@@ -64,6 +64,7 @@ class EndedJournal {
   Result<void> readKind(const char* kind);
   Result<void> readTree(int mirror, const std::string& path, bool present);
   Result<void> readRemoved();
+  Result<void> forEachNoteOf(const std::string& group, const NoteCall& call) const;
 
   FileDescriptor directory_;
   std::vector<Note> files_;  // both sorted
