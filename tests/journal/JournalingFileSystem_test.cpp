@@ -2,14 +2,12 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <atomic>
-#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <set>
-#include <thread>
 
 #include "common/DurableReplace.h"
+#include "tests/support/RestlessDirectory.h"
 #include "tests/support/TestPlatform.h"
 
 namespace tessard {
@@ -125,16 +123,7 @@ TEST_F(JournalTest, KeepsTheChangesOfARequestThatSucceeds) {
 }
 
 TEST_F(JournalTest, WorksBehindLinksWhateverDirectoriesOthersRename) {
-  root.makeDirectory("/other");
-  std::atomic<bool> done = false;
-  std::thread renaming([&] {
-    const std::string one = root.hostPath("/other");
-    const std::string another = root.hostPath("/another");
-    while (!done) {
-      std::rename(one.c_str(), another.c_str());
-      std::rename(another.c_str(), one.c_str());
-    }
-  });
+  const RestlessDirectory other(root);
   // The kernel gives up where ".." is on the way; the more of them, the sooner.
   std::string path = "/private/etc";
   for (int count = 0; count < 45; ++count) path += "/../etc";
@@ -147,8 +136,6 @@ TEST_F(JournalTest, WorksBehindLinksWhateverDirectoriesOthersRename) {
     if (!files.finishRequest(count % 2 == 0) && count % 2 != 0) ++failed;
     files.tidyUp();
   }
-  done = true;
-  renaming.join();
   EXPECT_EQ(failed, 0);
   EXPECT_EQ(root.read("/etc/a"), std::to_string(kRequests - 1));
 }
