@@ -120,3 +120,9 @@ def test_values_of_other_kinds_are_refused(plugin):
     for value in [1, True, ["push"], {}]:
         answer = plugin.post({"command": "setKorvsCertificate", "certificateName": value}).json
         assert answer == {"error": "INVALID_ARG_ERR"}
+
+
+def test_a_start_before_the_first_time_setup_says_that_it_is_missing(plugin):
+    done = plugin.tool("start")
+    assert done.returncode == 69
+    assert "First-time setup is not done (tessardctl setup).\n" in done.stderr
