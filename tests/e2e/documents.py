@@ -12,10 +12,12 @@ from dataclasses import dataclass, field
 
 _FENCE = re.compile(r"^```(\S*)(.*)$")
 _PROMPT = re.compile(r"^(?:#|(\w+)\$) (?!EOF)(.+)$")
-# What differs from run to run: moments, serial numbers and fingerprints, process numbers.
+# What differs from run to run: moments, whole days up to one (one less a second later), serial numbers and fingerprints,
+# process numbers.
 _VARIABLE = (
     (re.compile(r"\b\d{4}-\d\d-\d\d([T ]\d\d:\d\d(:\d\d)?)?(\.\d+)?(Z| [+-]\d{4})?"), "MOMENT"),
     (re.compile(r"\b[A-Z][a-z]{2} [ \d]\d \d\d:\d\d(:\d\d)?"), "MOMENT"),
+    (re.compile(r"\b\d+ days left\b"), "DAYS left"),
     (re.compile(r"\b([0-9A-Fa-f]{2}:){7,}[0-9A-Fa-f]{2}\b|\b[0-9A-Fa-f]{16,}\b"), "HEX"),
     (re.compile(r"\[\d+\]"), "[PID]"),
     (re.compile(r"\bpid \d+|\"pid\": ?\d+"), "PID"),
