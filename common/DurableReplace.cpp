@@ -1,15 +1,23 @@
 #include "common/DurableReplace.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <functional>
 #include <map>
 #include <utility>
 
+#include "common/Digest.h"
 #include "common/Format.h"
 
 namespace tessard {
 
 namespace {
+
+// Contents that wait in memory to be written in one go.
+constexpr std::size_t kWrittenTogether = std::size_t{2} * 1024 * 1024;
+
+// Files that have changed names before the displaced ones are looked at: few, as an edit of the new version
+// in between is lost where the displaced one comes back.
+constexpr std::size_t kExchangedTogether = 64;
 
 // Makes what was just renamed last, as far as that is possible: an operation that has failed already must be
 // undone even on a disk that can no longer be flushed.
@@ -23,18 +31,17 @@ void removeQuietly(FileSystem& files, std::string_view path) {
   static_cast<void>(files.remove(path).ok());
 }
 
-// Fails unless the file of that name, a displaced one, is the version. The time of its last change is not
-// looked at: a new name and a link change that, too.
-Result<void> expectVersion(FileSystem& files, std::string_view path, const FileVersion& version) {
-  const auto is = files.attributes(path);
-  if (!is) return is.error();
-  const bool sameFile =
-      version.isAnyOfContent || (is.value().device == version.device && is.value().inode == version.inode &&
-                                 is.value().modified == version.modified);
-  if (!sameFile || is.value().size != version.size) return changedMeanwhile();
-  const auto content = files.readFile(path, version.size);
-  if (!content) return content.error();
-  const bool same = std::hash<std::string_view>()(content.value()) == version.digest;
+// Fails unless what was found is the version. The time of its last change is not looked at: a new name and a
+// link change that, too.
+Result<void> isVersion(const Result<FileFingerprint>& found, const FileVersion& version) {
+  if (!found) {
+    // Longer than the version, or no file at all.
+    const bool isAnother = found.error().code() == EFBIG || found.error().code() == EINVAL;
+    return isAnother ? changedMeanwhile() : found.error();
+  }
+  const FileAttributes& file = found.value().attributes;
+  const bool sameFile = version.isAnyOfContent ? file.size == version.size : isSameFile(version, file);
+  const bool same = sameFile && found.value().digest == version.digest;
   return same ? Result<void>() : Result<void>(changedMeanwhile());
 }
 
@@ -52,8 +59,13 @@ Result<void> putUnderFreeName(FileSystem& files, const std::string& temporary, s
 }  // namespace
 
 FileVersion versionOf(const FileAttributes& before, std::string_view content) {
-  const std::size_t digest = std::hash<std::string_view>()(content);
-  return {before.device, before.inode, before.size, before.modified, before.changed, digest, false};
+  return {before.device,  before.inode,      before.size, before.modified,
+          before.changed, digestOf(content), false};
+}
+
+FileVersion versionOf(const FileAttributes& file, const FileVersion& content) {
+  return {file.device,           file.inode, file.size, file.modified, file.changed, content.digest,
+          content.isAnyOfContent};
 }
 
 FileVersion versionOf(std::string_view content) {
@@ -61,6 +73,11 @@ FileVersion versionOf(std::string_view content) {
   version.size = content.size();
   version.isAnyOfContent = true;
   return version;
+}
+
+bool isSameFile(const FileVersion& version, const FileAttributes& file) {
+  return file.device == version.device && file.inode == version.inode && file.size == version.size &&
+         file.modified == version.modified;
 }
 
 SystemError changedMeanwhile() {
@@ -80,59 +97,106 @@ std::string backupPathFor(std::string_view path) {
 }
 
 ReplacementBatch::~ReplacementBatch() {
-  for (const Staged& file : staged_) removeQuietly(files_, file.temporary);
+  for (const Staged& file : staged_) {
+    if (file.isWritten) removeQuietly(files_, file.temporary);
+  }
 }
 
-Result<void> ReplacementBatch::stage(std::string_view path, std::string_view content,
-                                     const FileOwnership& ownership, const std::optional<FileVersion>& read) {
+void ReplacementBatch::stage(std::string_view path, std::string content, const FileOwnership& ownership,
+                             const std::optional<FileVersion>& read) {
+  Staged& file = staged_.emplace_back(Staged{std::string(path), temporaryPathFor(path), read});
   // The version that was read is a file. Without one this is the only look at what is there.
   if (const auto present = read ? SystemError(0) : files_.attributes(path);
       present && present.value().kind == FileAttributes::Kind::directory) {
-    return SystemError(EISDIR);
+    file.result = {ReplaceOutcome::temporaryNotWritten, SystemError(EISDIR)};
+    return;
   }
-  std::string temporary = temporaryPathFor(path);
-  if (auto made = files_.createFile(temporary, content, ownership, Flush::later); !made) return made;
-  staged_.push_back(
-      {std::string(path), std::move(temporary), read, {ReplaceOutcome::notExchanged, SystemError(0)}});
-  return {};
+  waitingBytes_ += content.size();
+  waiting_.push_back({file.temporary, std::move(content), ownership});
+  if (waitingBytes_ >= kWrittenTogether) writeWaiting();
+}
+
+void ReplacementBatch::writeWaiting() {
+  const auto made = files_.createFiles(waiting_);
+  auto result = made.begin();
+  for (Staged& file : staged_) {
+    if (file.isWritten || !file.isReady()) continue;
+    file.isWritten = result->ok();
+    file.result = result->ok() ? Replacement{ReplaceOutcome::notExchanged, SystemError(0), result->value()}
+                               : Replacement{ReplaceOutcome::temporaryNotWritten, result->error()};
+    ++result;
+  }
+  waiting_.clear();
+  waitingBytes_ = 0;
 }
 
 std::vector<Replacement> ReplacementBatch::replace() {
-  if (staged_.empty()) return {};
+  if (!waiting_.empty()) writeWaiting();
   std::vector<std::string> temporaries;
   temporaries.reserve(staged_.size());
-  for (const Staged& file : staged_) temporaries.push_back(file.temporary);
-  if (const auto flushed = files_.flush(temporaries); !flushed) return giveUp(flushed.error());
-  for (Staged& file : staged_) exchange(file);
+  for (const Staged& file : staged_) {
+    if (file.isReady()) temporaries.push_back(file.temporary);
+  }
+  if (!temporaries.empty()) {
+    if (const auto flushed = files_.flush(temporaries); !flushed) giveUp(flushed.error());
+  }
+  for (std::size_t at = 0; at < staged_.size(); at += kExchangedTogether) {
+    exchange(std::span(staged_).subspan(at, std::min(kExchangedTogether, staged_.size() - at)));
+  }
   flushDirectories();
   std::vector<Replacement> results;
   results.reserve(staged_.size());
   for (Staged& file : staged_) {
     if (file.result.outcome == ReplaceOutcome::replaced) keepDisplaced(file);
-    results.push_back(file.result);
+    results.push_back(std::move(file.result));
   }
   staged_.clear();
   return results;
 }
 
-void ReplacementBatch::exchange(Staged& file) {
-  const auto exchanged = files_.exchange(file.temporary, file.path);
-  file.result = exchanged ? Replacement{ReplaceOutcome::replaced, SystemError(0)}
-                          : Replacement{ReplaceOutcome::notExchanged, exchanged.error()};
-  if (!exchanged || !file.read) return;
-  const auto expected = expectVersion(files_, file.temporary, *file.read);
-  if (expected) return;
-  exchangeBack(file, expected.error());
-  if (!isChangedMeanwhile(expected.error()) || file.result.outcome != ReplaceOutcome::notExchanged) return;
-  file.result.outcome = ReplaceOutcome::changedMeanwhile;
-  removeQuietly(files_, file.temporary);
+void ReplacementBatch::exchange(std::span<Staged> files) {
+  for (Staged& file : files) {
+    if (!file.isReady()) continue;
+    const auto exchanged = files_.exchange(file.temporary, file.path);
+    if (exchanged) {
+      file.result.outcome = ReplaceOutcome::replaced;
+    } else {
+      file.result.error = exchanged.error();
+    }
+  }
+  checkDisplaced(files);
 }
 
-std::vector<Replacement> ReplacementBatch::giveUp(const SystemError& reason) {
-  std::vector<Replacement> results(staged_.size(), {ReplaceOutcome::temporaryNotWritten, reason});
-  for (const Staged& file : staged_) removeQuietly(files_, file.temporary);
-  staged_.clear();
-  return results;
+void ReplacementBatch::checkDisplaced(std::span<Staged> files) {
+  std::vector<Staged*> checked;
+  std::vector<std::string> displaced;
+  std::uint64_t longest = 0;
+  for (Staged& file : files) {
+    if (file.result.outcome != ReplaceOutcome::replaced || !file.read) continue;
+    checked.push_back(&file);
+    displaced.push_back(file.temporary);
+    longest = std::max(longest, file.read->size);
+  }
+  if (checked.empty()) return;
+  const auto found = files_.fingerprints(displaced, longest);
+  for (std::size_t i = 0; i < checked.size(); ++i) {
+    Staged& file = *checked[i];
+    const auto expected = isVersion(found[i], *file.read);
+    if (expected) continue;
+    exchangeBack(file, expected.error());
+    if (!isChangedMeanwhile(expected.error()) || file.result.outcome != ReplaceOutcome::notExchanged)
+      continue;
+    file.result.outcome = ReplaceOutcome::changedMeanwhile;
+    removeQuietly(files_, file.temporary);
+  }
+}
+
+void ReplacementBatch::giveUp(const SystemError& reason) {
+  for (Staged& file : staged_) {
+    if (!file.isReady()) continue;
+    file.result = {ReplaceOutcome::temporaryNotWritten, reason};
+    removeQuietly(files_, file.temporary);
+  }
 }
 
 // Files in a directory that cannot be flushed are exchanged back: their new names would not last.
@@ -164,9 +228,7 @@ void ReplacementBatch::exchangeBack(Staged& file, const SystemError& reason) {
 Replacement replaceKeepingBackup(FileSystem& files, std::string_view path, std::string_view content,
                                  const FileOwnership& ownership) {
   ReplacementBatch batch(files);
-  if (const auto staged = batch.stage(path, content, ownership); !staged) {
-    return {ReplaceOutcome::temporaryNotWritten, staged.error()};
-  }
+  batch.stage(path, std::string(content), ownership);
   return batch.replace().front();
 }
 
@@ -180,7 +242,7 @@ Result<void> writeAtomically(FileSystem& files, std::string_view path, std::stri
     if (!read || read->inode == 0) return putUnderFreeName(files, temporary, path);
     put = changedMeanwhile();
   } else if (put) {
-    if (read) put = expectVersion(files, temporary, *read);
+    if (read) put = isVersion(files.fingerprints({temporary}, read->size).front(), *read);
     if (put) put = files.syncDirectory(directory);
     // A displaced directory cannot be removed like a file, and so comes back.
     if (put) put = files.remove(temporary);

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,15 +20,22 @@ struct FileVersion {
   std::uint64_t size = 0;
   FileTime modified;
   FileTime changed;  ///< tells nothing of a file that was renamed or linked since
-  std::size_t digest = 0;
+  std::uint64_t digest = 0;
   bool isAnyOfContent = false;  ///< whatever file has that size and digest
 };
 
 /// The version with these attributes, looked at before it was read, and this content.
 FileVersion versionOf(const FileAttributes& before, std::string_view content);
 
+/// The file with these attributes, whose content is that of the version.
+FileVersion versionOf(const FileAttributes& file, const FileVersion& content);
+
 /// Any file with this content, for who has just written it: an edit may have come before any look at it.
 FileVersion versionOf(std::string_view content);
+
+/// Whether a file with these attributes is the very file of that version, and was not written to since, as
+/// far as its times tell. A change within a tick of the file system's clock may leave them as they are.
+bool isSameFile(const FileVersion& version, const FileAttributes& file);
 
 /// What a write fails with (code ESTALE) that finds another version than the one that was read, or none.
 SystemError changedMeanwhile();
@@ -44,7 +52,8 @@ enum class ReplaceOutcome {
 
 struct Replacement {
   ReplaceOutcome outcome;
-  SystemError error;  ///< the reason; code 0 when replaced
+  SystemError error;       ///< the reason; code 0 when replaced
+  FileAttributes is = {};  ///< of the new file as it was made; when replaced
 };
 
 /// "%@.tmp" and "%@.bak" of a path.
@@ -58,26 +67,27 @@ std::string backupPathFor(std::string_view path);
 /// each, before the displaced versions become the backups; what fails from the exchange on is exchanged back,
 /// with the older backup still there, and does not keep the other files from being replaced.
 ///
-/// The contents need not be in memory together: `stage` one after the other, then `replace` all.
+/// The contents need not be in memory together: `stage` one after the other, then `replace` all. What is
+/// staged is written when there is enough of it, at the latest by `replace`.
 class ReplacementBatch {
  public:
   /// The file system is borrowed.
   explicit ReplacementBatch(FileSystem& files) : files_(files) {}
   ReplacementBatch(const ReplacementBatch&) = delete;
   ReplacementBatch& operator=(const ReplacementBatch&) = delete;
-  /// What was staged and not replaced is removed.
+  /// What was written and not replaced is removed.
   ~ReplacementBatch();
 
-  /// Writes the new content of a file under its temporary name. A failure is a `temporaryNotWritten`: the
-  /// file has no part in the batch, the others do. A directory is not replaced (EISDIR).
+  /// Takes the new content of a file. A directory is not replaced: `temporaryNotWritten`, EISDIR.
   /// `read`: the version that the new content comes from; any other is `changedMeanwhile`, and one that
   /// cannot be told is `notExchanged`. Without it every version is replaced.
-  Result<void> stage(std::string_view path, std::string_view content, const FileOwnership& ownership,
-                     const std::optional<FileVersion>& read = std::nullopt);
+  void stage(std::string_view path, std::string content, const FileOwnership& ownership,
+             const std::optional<FileVersion>& read = std::nullopt);
 
-  /// Replaces the staged files; one outcome for each, in the order in which they were staged. When they
-  /// cannot be flushed, all are `temporaryNotWritten`. A file that is missing under its real name is
-  /// `notExchanged`. The batch is empty afterwards.
+  /// Replaces the staged files; one outcome for each, in the order in which they were staged. One that could
+  /// not be written is `temporaryNotWritten` and keeps none of the others from being replaced; when they
+  /// cannot be flushed, all are. A file that is missing under its real name is `notExchanged`. The batch is
+  /// empty afterwards.
   std::vector<Replacement> replace();
 
  private:
@@ -85,17 +95,24 @@ class ReplacementBatch {
     std::string path;
     std::string temporary;
     std::optional<FileVersion> read;
-    Replacement result;
+    /// Before the exchange: `notExchanged` without an error.
+    Replacement result = {ReplaceOutcome::notExchanged, SystemError(0)};
+    bool isWritten = false;
+    bool isReady() const { return result.outcome == ReplaceOutcome::notExchanged; }
   };
 
-  std::vector<Replacement> giveUp(const SystemError& reason);
-  void exchange(Staged& file);
+  void writeWaiting();
+  void giveUp(const SystemError& reason);
+  void exchange(std::span<Staged> files);
+  void checkDisplaced(std::span<Staged> files);
   void flushDirectories();
   void keepDisplaced(Staged& file);
   void exchangeBack(Staged& file, const SystemError& reason);
 
   FileSystem& files_;
   std::vector<Staged> staged_;
+  std::vector<NewFile> waiting_;  // not written yet: the last of the staged ones that are ready
+  std::size_t waitingBytes_ = 0;
 };
 
 /// The batch of one file.

@@ -1,8 +1,16 @@
 #include "common/FileSystem.h"
 
 #include <cerrno>
+#include <limits>
 
 namespace tessard {
+
+Result<void> FileSystem::copyFile(std::string_view from, std::string_view to) {
+  constexpr std::size_t kAnyLength = std::numeric_limits<std::size_t>::max() / 2;
+  const FileCopies copies = copyFiles(from, {std::string(to)}, kAnyLength);
+  const auto& made = copies.made.front();
+  return made ? Result<void>() : Result<void>(made.error());
+}
 
 bool mayPass(const SystemError& error) {
   switch (error.code()) {

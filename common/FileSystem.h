@@ -47,6 +47,25 @@ enum class Flush {
   later,  ///< with the next `flush` that names the file; until then a loss of power may take the content away
 };
 
+/// A file that is to be made, and flushed later.
+struct NewFile {
+  std::string path;
+  std::string content;
+  FileOwnership ownership;
+};
+
+/// What there is to tell a file by.
+struct FileFingerprint {
+  FileAttributes attributes;
+  std::uint64_t digest = 0;  ///< of the content, see common/Digest.h
+};
+
+/// What became of copies.
+struct FileCopies {
+  std::string content;                       ///< of the file that was copied
+  std::vector<Result<FileAttributes>> made;  ///< one for each name, in their order
+};
+
 /// The files below one system root. Paths are absolute and never carry the root's own path; links are
 /// followed within the root and cannot lead out of it. No operation follows a link in the last place of a
 /// path that it writes, renames or removes. Interrupted calls and short writes are carried on. A path with a
@@ -64,6 +83,10 @@ class FileSystem {
   /// The whole content. EFBIG when it is longer than `limit` bytes, EINVAL when it is not a regular file.
   virtual Result<std::string> readFile(std::string_view path, std::size_t limit) = 0;
 
+  /// What many files are, one result for each, in their order; fails as `readFile` does.
+  virtual std::vector<Result<FileFingerprint>> fingerprints(const std::vector<std::string>& paths,
+                                                            std::size_t limit) = 0;
+
   /// Makes a new file with the content in place of any older file of that name. Owner, group and permissions
   /// are set before the content is complete; until then, and where no permissions are given, nobody but the
   /// owner may read it. A failure to set them is no failure of the call. When the call fails, no file is left
@@ -71,9 +94,18 @@ class FileSystem {
   virtual Result<void> createFile(std::string_view path, std::string_view content,
                                   const FileOwnership& ownership, Flush flush) = 0;
 
-  /// Copies a regular file with its owner, group and permissions to a name that is free (EEXIST otherwise).
-  /// The name appears with the whole content or not at all; it is flushed later.
-  virtual Result<void> copyFile(std::string_view from, std::string_view to) = 0;
+  /// The same for many files, flushed later: what was made, one result for each, in their order. A failure
+  /// keeps none of the others from being made.
+  virtual std::vector<Result<FileAttributes>> createFiles(const std::vector<NewFile>& files) = 0;
+
+  /// Copies a regular file with its owner, group and permissions to names that are free (EEXIST otherwise). A
+  /// name appears with the whole content or not at all; it is flushed later. EFBIG when the file is longer
+  /// than `limit` bytes.
+  virtual FileCopies copyFiles(std::string_view from, const std::vector<std::string>& to,
+                               std::size_t limit) = 0;
+
+  /// The same for one copy of a file of any length.
+  Result<void> copyFile(std::string_view from, std::string_view to);
 
   /// Flushes the content of these regular files, and with them their owners and permissions: one file alone,
   /// or for several everything of the file systems that they are in, in one go each. A failure does not tell

@@ -89,7 +89,8 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
 
   /// Reads the file when no document is held or when the file is newer than the last load (unsaved changes
   /// are then discarded). Always true; a file that cannot be read or parsed leaves no document and two error
-  /// lines. A file that only this object's own last save has changed is not parsed again.
+  /// lines. A file that only this object's own last save has changed is not parsed again, and one whose
+  /// content is known is not read.
   bool loadDocument();
 
   /// Writes the changed tree through "%@.tmp", keeps the previous file as "%@.bak", and gives the new one the
@@ -103,8 +104,8 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   bool saveDocument();
 
   /// The two halves of saving changed documents together. The first puts the new content into the batch; when
-  /// it fails, the document has no part in it. The second takes what became of the replacement. Both fail as
-  /// `saveDocument` does.
+  /// it fails, as it does without a document and when the tree cannot be written as XML, the document has no
+  /// part in it. The second takes what became of the replacement, and fails as `saveDocument` does.
   bool stageDocument(ReplacementBatch& batch);
   bool documentReplaced(const Replacement& saved);
 
@@ -186,10 +187,13 @@ class NOTIFICATION_PLUGIN_ComponentConfiguration : public Object {
   Result<FileAttributes> lookAtFile() const;
   void giveUpChanges();
   void readDocument(const std::optional<FileAttributes>& file, FileTime now);
+  void takeDocument(Result<XmlDocument> document, const std::optional<FileVersion>& version);
   void addMissingNode(const std::optional<std::string>& value, std::string_view path, int nodeState);
   void switchOn(const XmlNode& comment, const std::optional<std::string>& value);
   bool refuseUnlessXmlText(const std::optional<std::string>& value, std::string_view path) const;
   bool isChanged(const std::optional<FileAttributes>& file) const;
+  bool isTreeOfFile() const;
+  bool isAsSaved(const FileAttributes& file, FileTime now) const;
   bool isAsSaved(const FileVersion& version) const;
   Result<XmlDocument> parsed(std::string bytes) const;
 

@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <utility>
 
 #include "common/DurableReplace.h"
 #include "common/Format.h"
@@ -55,6 +56,15 @@ Result<FileAttributes> NOTIFICATION_PLUGIN_ComponentConfiguration::lookAtFile() 
 void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(const std::optional<FileAttributes>& file,
                                                               FileTime now) {
   loadTime_ = momentOfLook(file, now);
+  if (file && isAsSaved(*file, now)) {
+    readVersion_->isAnyOfContent = false;
+    logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
+    return;
+  }
+  if (auto copy = file && known_ ? known_->copyOf(configName_, *file) : std::nullopt) {
+    takeDocument(std::move(copy->document), copy->version);
+    return;
+  }
   auto bytes = platform_.files.readFile(*configPath_, kMaximumFileSize);
   const auto version = file && bytes ? std::optional(versionOf(*file, bytes.value())) : std::nullopt;
   if (version && isAsSaved(*version)) {
@@ -62,7 +72,12 @@ void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(const std::optiona
     logDebug_source(fill("Document loaded: %@", {lastPathComponent(*configPath_)}), "");
     return;
   }
-  auto document = bytes ? parsed(std::move(bytes).value()) : Result<XmlDocument>(SystemError(bytes.error()));
+  takeDocument(bytes ? parsed(std::move(bytes).value()) : Result<XmlDocument>(SystemError(bytes.error())),
+               version);
+}
+
+void NOTIFICATION_PLUGIN_ComponentConfiguration::takeDocument(Result<XmlDocument> document,
+                                                              const std::optional<FileVersion>& version) {
   setConfigXMLDocument(std::nullopt);
   configDirty_ = false;
   couldNotBeRead_ = !document && mayPass(document.error());
@@ -80,10 +95,20 @@ void NOTIFICATION_PLUGIN_ComponentConfiguration::readDocument(const std::optiona
   logWarning_source(fill("Reason of the load failure: %@", {document.error().description()}), "");
 }
 
-// What was written here is read once more, as somebody may have edited it at once, but not parsed.
+// What was written here is not parsed, and not even read when it was written so long ago that an edit since
+// would have given the file another time.
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::isAsSaved(const FileAttributes& file, FileTime now) const {
+  return isTreeOfFile() && isSameFile(*readVersion_, file) && file.modified < now &&
+         !isWithinATick(file.modified, now);
+}
+
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::isAsSaved(const FileVersion& version) const {
+  return isTreeOfFile() && readVersion_->digest == version.digest;
+}
+
+bool NOTIFICATION_PLUGIN_ComponentConfiguration::isTreeOfFile() const {
   return configXMLDocument_ && treeIsAsSaved_ && !configDirty_ && readVersion_ &&
-         readVersion_->digest == version.digest && !hasGrown(*configXMLDocument_);
+         !hasGrown(*configXMLDocument_);
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentFileExists() const {
@@ -117,17 +142,16 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::saveDocument() {
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::stageDocument(ReplacementBatch& batch) {
   if (!configXMLDocument_ || !configPath_) return false;
-  const auto bytes = configXMLDocument_->serialize();
+  auto bytes = configXMLDocument_->serialize();
   if (!bytes) return false;
-  const auto staged = batch.stage(*configPath_, bytes.value(), kConfigurationFileOwnership, readVersion_);
   stagedVersion_ = versionOf(bytes.value());
-  if (staged) return true;
-  logWarning_source(fill("Reason of the save failure: %@", {staged.error().description()}), "");
-  return documentReplaced({ReplaceOutcome::temporaryNotWritten, staged.error()});
+  batch.stage(*configPath_, std::move(bytes).value(), kConfigurationFileOwnership, readVersion_);
+  return true;
 }
 
 bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentReplaced(const Replacement& saved) {
   if (saved.outcome == ReplaceOutcome::temporaryNotWritten) {
+    logWarning_source(fill("Reason of the save failure: %@", {saved.error.description()}), "");
     logError_source(fill("error saving configuration file: \"%@\"", {temporaryPathFor(*configPath_)}), "");
   }
   if (saved.outcome == ReplaceOutcome::notExchangedBack) {
@@ -140,7 +164,7 @@ bool NOTIFICATION_PLUGIN_ComponentConfiguration::documentReplaced(const Replacem
     platform_.changes.leave(*configPath_);
   }
   if (saved.outcome != ReplaceOutcome::replaced) return false;
-  readVersion_ = stagedVersion_;
+  readVersion_ = versionOf(saved.is, stagedVersion_);
   treeIsAsSaved_ = true;
   configDirty_ = false;
   logDebug_source(fill("%@ configuration saved: %@.", {configName_, configPath_}), "");

@@ -9,14 +9,14 @@ namespace {
 // Of the coarse clock, where the timer runs at 100 Hz, the slowest.
 constexpr std::int64_t kTickNanoseconds = 10'000'000;
 
+}  // namespace
+
 bool isWithinATick(FileTime from, FileTime to) {
   // Longer differences are all too long, and must not overflow.
   if (to.seconds - from.seconds > 1) return false;
   return (to.seconds - from.seconds) * 1'000'000'000 + (to.nanoseconds - from.nanoseconds) <=
          kTickNanoseconds;
 }
-
-}  // namespace
 
 FileTime momentOfLook(FileSystem& files, std::string_view path, FileTime now) {
   const auto file = files.attributes(path);

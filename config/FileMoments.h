@@ -15,4 +15,8 @@ FileTime momentOfLook(FileSystem& files, std::string_view path, FileTime now);
 /// The same for a file that was looked at since `now`; absent when that failed.
 FileTime momentOfLook(const std::optional<FileAttributes>& file, FileTime now);
 
+/// Whether the second moment is earlier than the first or at most a tick of the coarse clock later: a file
+/// can be written to twice within a tick and bear one time.
+bool isWithinATick(FileTime from, FileTime to);
+
 }  // namespace tessard

@@ -191,9 +191,13 @@ class NOTIFICATION_PLUGIN_MasterConfiguration : public Object {
   bool isAsKnown(const FileAttributes& file, const FileVersion& version) const;
   void giveUpChanges();
   std::vector<Component*> changedComponents() const;
-  bool stageMaster(ReplacementBatch& batch);
+  void stageMaster(ReplacementBatch& batch);
   bool masterReplaced(const Replacement& saved);
   std::size_t deleteFile(const std::string& path);
+  /// `addSecondarySMDomain` for each, with all files copied together.
+  void addSecondarySMDomains(const std::vector<std::string>& domains);
+  void makeSecondaryFiles(const std::string& primaryPath, const std::vector<std::string>& paths);
+  void addSecondaryComponent(const std::string& domain, const std::string& path);
   void takeConfigLine(const std::string& line);
 
   Platform& platform_;

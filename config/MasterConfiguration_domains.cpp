@@ -43,15 +43,9 @@ void NOTIFICATION_PLUGIN_MasterConfiguration::setHostDomains(const std::vector<s
   }
   removeAllSecondarySMConfigurations();
   logDebug_source(fill("Generating new sm*.xml for %ld domain(s).", {domains.size()}), "");
-  bool primary = true;
-  for (const std::string& domain : domains) {
-    if (primary) {
-      setPrimarySMDomain(domain);
-    } else {
-      addSecondarySMDomain(domain);
-    }
-    primary = false;
-  }
+  if (domains.empty()) return;
+  setPrimarySMDomain(domains.front());
+  addSecondarySMDomains({domains.begin() + 1, domains.end()});
 }
 
 bool NOTIFICATION_PLUGIN_MasterConfiguration::setPrimarySMDomain(std::string_view domain) {
@@ -67,40 +61,63 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::setPrimarySMDomain(std::string_vie
 }
 
 bool NOTIFICATION_PLUGIN_MasterConfiguration::addSecondarySMDomain(std::string_view domain) {
-  logDebug_source(fill("--generating sm.xml for SECONDARY domain: %@", {domain}), "");
+  addSecondarySMDomains({std::string(domain)});
+  return true;
+}
+
+void NOTIFICATION_PLUGIN_MasterConfiguration::addSecondarySMDomains(const std::vector<std::string>& domains) {
   const Component* primary = getPrimarySMComponent();
-  if (!primary || !primary->configPath()) {
-    logError_source(fill("no primary session manager is configured for domain \"%@\"", {domain}), "");
-    return true;
+  const std::string source = primary ? primary->configPath().value_or("") : "";
+  std::vector<std::string> added;
+  std::vector<std::string> paths;
+  for (const std::string& domain : domains) {
+    logDebug_source(fill("--generating sm.xml for SECONDARY domain: %@", {domain}), "");
+    const std::string fileName = fill("sm_%@.xml", {domain});
+    if (source.empty()) {
+      logError_source(fill("no primary session manager is configured for domain \"%@\"", {domain}), "");
+    } else if (!canNameFile(domain, fileName)) {
+      logError_source(fill("domain \"%@\" cannot name a file, left out", {domain}), "");
+    } else {
+      added.push_back(domain);
+      paths.push_back(fill("%@/%@", {directoryOf(source), fileName}));
+    }
   }
-  const std::string fileName = fill("sm_%@.xml", {domain});
-  if (!canNameFile(domain, fileName)) {
-    logError_source(fill("domain \"%@\" cannot name a file, left out", {domain}), "");
-    return true;
-  }
-  const std::string source = *primary->configPath();
-  const std::string path = fill("%@/%@", {directoryOf(source), fileName});
+  makeSecondaryFiles(source, paths);
+  for (std::size_t i = 0; i < added.size(); ++i) addSecondaryComponent(added[i], paths[i]);
+  knownDocuments_.forgetCopies();
+}
+
+void NOTIFICATION_PLUGIN_MasterConfiguration::makeSecondaryFiles(const std::string& primaryPath,
+                                                                 const std::vector<std::string>& paths) {
+  if (paths.empty()) return;
   FileSystem& files = platform_.files;
-  // A file that is there keeps its content: it is not removed, and the copy does not replace it. Where
-  // nothing can be reached only a dangling link can be in the way.
-  auto copied = files.copyFile(source, path);
-  if (!copied && copied.error().code() == EEXIST && !files.exists(path)) {
-    static_cast<void>(files.remove(path).ok());
-    copied = files.copyFile(source, path);
-  }
-  if (!copied && copied.error().code() != EEXIST) {
+  const FileCopies copies = files.copyFiles(primaryPath, paths, Component::kMaximumFileSize);
+  knownDocuments_.expectCopies(copies);
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    const std::string& path = paths[i];
+    auto copied = copies.made[i] ? Result<void>() : Result<void>(copies.made[i].error());
+    // A file that is there keeps its content: it is not removed, and the copy does not replace it. Where
+    // nothing can be reached only a dangling link can be in the way.
+    if (!copied && copied.error().code() == EEXIST && !files.exists(path)) {
+      static_cast<void>(files.remove(path).ok());
+      copied = files.copyFile(primaryPath, path);
+    }
+    if (copied || copied.error().code() == EEXIST) continue;
     logError_source(fill("session manager file not made: \"%@\" : %@", {path, copied.error().description()}),
                     "");
     platform_.changes.fail();
   }
+}
+
+void NOTIFICATION_PLUGIN_MasterConfiguration::addSecondaryComponent(const std::string& domain,
+                                                                    const std::string& path) {
   cachePathConfig({std::string(kSessionManager), path});
   Component* secondary = cacheNewComponentForName_andPath(kSessionManager, path);
   secondary->loadDocument();
   secondary->setStringValue_forPath_nodeState(fill("sm_%@", {domain}), "sm.id", kNodeLive);
-  secondary->setStringValue_forPath_nodeState(std::string(domain), "sm.local.id", kNodeLive);
+  secondary->setStringValue_forPath_nodeState(domain, "sm.local.id", kNodeLive);
   secondary->setStringValue_forPath_nodeState(fill("/var/run/jabberd_notification/sm_%@.pid", {domain}),
                                               "sm.pidfile", kNodeLive);
-  return true;
 }
 
 NOTIFICATION_PLUGIN_ComponentConfiguration* NOTIFICATION_PLUGIN_MasterConfiguration::getPrimarySMComponent()

@@ -28,16 +28,16 @@ void NOTIFICATION_PLUGIN_MasterConfiguration::copyCachedConfigurationPathsToStri
 bool NOTIFICATION_PLUGIN_MasterConfiguration::saveMasterConfiguration() {
   if (!configDirty_) return true;
   ReplacementBatch batch(platform_.files);
-  return stageMaster(batch) && masterReplaced(batch.replace().front());
+  stageMaster(batch);
+  return masterReplaced(batch.replace().front());
 }
 
-bool NOTIFICATION_PLUGIN_MasterConfiguration::stageMaster(ReplacementBatch& batch) {
+void NOTIFICATION_PLUGIN_MasterConfiguration::stageMaster(ReplacementBatch& batch) {
   std::string text;
   copyCachedConfigurationCommentsToString(text);
   copyCachedConfigurationPathsToString(text);
-  const auto staged = batch.stage(configPath_, text, kConfigurationFileOwnership, readVersion_);
   stagedVersion_ = versionOf(text);
-  return staged || masterReplaced({ReplaceOutcome::temporaryNotWritten, staged.error()});
+  batch.stage(configPath_, std::move(text), kConfigurationFileOwnership, readVersion_);
 }
 
 bool NOTIFICATION_PLUGIN_MasterConfiguration::masterReplaced(const Replacement& saved) {
@@ -101,22 +101,23 @@ bool NOTIFICATION_PLUGIN_MasterConfiguration::saveAllConfigurations() {
     }
   }
   const bool saveMaster = configDirty_;
-  const bool masterStaged = saveMaster && stageMaster(batch);
+  if (saveMaster) stageMaster(batch);
   const auto replacements = batch.replace();
   auto replaced = replacements.begin();
-  const auto tellReason = [this](const SystemError& reason) {
-    logWarning_source(fill("Reason of the save failure: %@", {reason.description()}), "");
+  // Of a temporary file that could not be written it is told already.
+  const auto tellReason = [this](const Replacement& failed) {
+    if (failed.outcome == ReplaceOutcome::temporaryNotWritten) return;
+    logWarning_source(fill("Reason of the save failure: %@", {failed.error.description()}), "");
   };
   for (Component* component : staged) {
     const Replacement& saved = *replaced++;
     if (component->documentReplaced(saved)) continue;
     notSaved(*component);
-    tellReason(saved.error);
+    tellReason(saved);
   }
-  const bool masterSaved = masterStaged ? masterReplaced(*replaced) : !saveMaster;
-  if (masterSaved) return true;
+  if (!saveMaster || masterReplaced(*replaced)) return true;
   platform_.changes.fail();
-  if (masterStaged) tellReason(replaced->error);
+  tellReason(*replaced);
   return false;
 }
 

@@ -10,6 +10,8 @@
 #include <memory>
 #include <utility>
 
+#include "common/Digest.h"
+#include "platform/InParallel.h"
 #include "platform/RootDirectory.h"
 #include "platform/SystemCalls.h"
 
@@ -102,8 +104,10 @@ Result<struct stat> PosixFileSystem::statusOf(std::string_view path) const {
 
 Result<FileAttributes> PosixFileSystem::attributes(std::string_view path) {
   const auto found = statusOf(path);
-  if (!found) return found.error();
-  const struct stat& status = found.value();
+  return found ? Result<FileAttributes>(attributesOf(found.value())) : found.error();
+}
+
+FileAttributes PosixFileSystem::attributesOf(const struct stat& status) const {
   FileAttributes attributes;
   attributes.kind = kindOf(status.st_mode);
   attributes.owner = mappedBack(map_.users, status.st_uid);
@@ -145,9 +149,24 @@ Result<PosixFileSystem::OpenedFile> PosixFileSystem::openForReading(std::string_
 
 Result<std::string> PosixFileSystem::readFile(std::string_view path, std::size_t limit) {
   const auto opened = openForReading(path);
-  if (!opened) return opened.error();
-  const int file = opened.value().descriptor.get();
-  const auto size = static_cast<std::uint64_t>(opened.value().status.st_size);
+  return opened ? contentOf(opened.value(), limit) : opened.error();
+}
+
+std::vector<Result<FileFingerprint>> PosixFileSystem::fingerprints(const std::vector<std::string>& paths,
+                                                                   std::size_t limit) {
+  std::vector<Result<FileFingerprint>> all(paths.size(), FileFingerprint());
+  inParallel(paths.size(), [&](std::size_t i) {
+    const auto opened = openForReading(paths[i]);
+    const auto content = opened ? contentOf(opened.value(), limit) : Result<std::string>(opened.error());
+    all[i] = content ? Result(FileFingerprint{attributesOf(opened.value().status), digestOf(content.value())})
+                     : content.error();
+  });
+  return all;
+}
+
+Result<std::string> PosixFileSystem::contentOf(const OpenedFile& opened, std::size_t limit) {
+  const int file = opened.descriptor.get();
+  const auto size = static_cast<std::uint64_t>(opened.status.st_size);
   if (size > limit) return SystemError(EFBIG);
   // The size that the file claims is no more than a hint: it may grow, and files of /proc claim none. One
   // byte more is asked for, so that the end is seen with the first reading.

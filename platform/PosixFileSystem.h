@@ -35,9 +35,12 @@ class PosixFileSystem : public FileSystem {
   bool exists(std::string_view path) override;
   Result<FileAttributes> attributes(std::string_view path) override;
   Result<std::string> readFile(std::string_view path, std::size_t limit) override;
+  std::vector<Result<FileFingerprint>> fingerprints(const std::vector<std::string>& paths,
+                                                    std::size_t limit) override;
   Result<void> createFile(std::string_view path, std::string_view content, const FileOwnership& ownership,
                           Flush flush) override;
-  Result<void> copyFile(std::string_view from, std::string_view to) override;
+  std::vector<Result<FileAttributes>> createFiles(const std::vector<NewFile>& files) override;
+  FileCopies copyFiles(std::string_view from, const std::vector<std::string>& to, std::size_t limit) override;
   Result<void> flush(const std::vector<std::string>& paths) override;
   Result<void> rename(std::string_view from, std::string_view to) override;
   Result<void> exchange(std::string_view first, std::string_view second) override;
@@ -69,7 +72,15 @@ class PosixFileSystem : public FileSystem {
   Result<void> inPlaceOf(std::string_view path, Operation operation) const;
   /// Of what the path leads to, links followed.
   Result<struct stat> statusOf(std::string_view path) const;
-  Result<void> copyTo(const Place& place, const OpenedFile& source) const;
+  /// The file's whole content. EFBIG when it is longer than `limit` bytes.
+  static Result<std::string> contentOf(const OpenedFile& file, std::size_t limit);
+  FileAttributes attributesOf(const struct stat& status) const;
+  /// Null for who does not ask what was made.
+  Result<void> make(std::string_view path, std::string_view content, const FileOwnership& ownership,
+                    Flush flush, FileAttributes* made);
+  Result<void> lookAt(int file, FileAttributes& attributes) const;
+  Result<void> makeCopy(std::string_view path, std::string_view content, const struct stat& source,
+                        FileAttributes& made);
   /// Makes the directory and what is missing above it, each 0755; success when it is there already.
   Result<void> ensureDirectory(std::string_view path) const;
   Result<void> renameAt(std::string_view from, std::string_view to, unsigned flags) const;

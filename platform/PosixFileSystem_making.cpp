@@ -4,6 +4,7 @@
 #include <set>
 #include <vector>
 
+#include "platform/InParallel.h"
 #include "platform/PosixFileSystem.h"
 #include "platform/SystemCalls.h"
 
@@ -35,6 +36,9 @@ Result<void> changeOwner(int descriptor, const FileOwnership& ownership) {
 // The owner comes first, because a change of owner takes permission bits away.
 Result<void> apply(int descriptor, const FileOwnership& ownership, mode_t permissions) {
   const auto owned = changeOwner(descriptor, ownership);
+  // To look costs a fraction of what a change does, where file systems keep journals.
+  struct stat status {};
+  if (::fstat(descriptor, &status) == 0 && (status.st_mode & 07777U) == permissions) return owned;
   const auto permitted = resultOf(uninterrupted([&] { return ::fchmod(descriptor, permissions); }));
   return owned ? permitted : owned;
 }
@@ -101,6 +105,21 @@ std::string_view withoutSlashesAtEnd(std::string_view path) {
 
 Result<void> PosixFileSystem::createFile(std::string_view path, std::string_view content,
                                          const FileOwnership& ownership, Flush flush) {
+  return make(path, content, ownership, flush, nullptr);
+}
+
+std::vector<Result<FileAttributes>> PosixFileSystem::createFiles(const std::vector<NewFile>& files) {
+  std::vector<Result<FileAttributes>> all(files.size(), FileAttributes());
+  inParallel(files.size(), [&](std::size_t i) {
+    const NewFile& file = files[i];
+    const auto done = make(file.path, file.content, file.ownership, Flush::later, &all[i].value());
+    if (!done) all[i] = done.error();
+  });
+  return all;
+}
+
+Result<void> PosixFileSystem::make(std::string_view path, std::string_view content,
+                                   const FileOwnership& ownership, Flush flush, FileAttributes* attributes) {
   return inPlaceOf(path, [&](const Place& place) -> Result<void> {
     FileDescriptor file = makeFile(place.directory(), place.name);
     if (!file) return SystemError::last();
@@ -110,6 +129,7 @@ Result<void> PosixFileSystem::createFile(std::string_view path, std::string_view
     auto made = writeAll(file.get(), content);
     if (made && flush == Flush::now) made = flushed(file.get());
     if (made && flush == Flush::later) early_.add(file.get());
+    if (made && attributes) made = lookAt(file.get(), *attributes);
     if (made) made = closed(file);
     if (!made) removeQuietly(place.directory(), place.name, 0);
     return made;
@@ -137,26 +157,47 @@ Result<void> PosixFileSystem::flush(const std::vector<std::string>& paths) {
   return {};
 }
 
-Result<void> PosixFileSystem::copyFile(std::string_view from, std::string_view to) {
-  return inPlaceOf(to, [&](const Place& place) {
-    const auto source = openForReading(from);
-    return source ? copyTo(place, source.value()) : Result<void>(source.error());
+FileCopies PosixFileSystem::copyFiles(std::string_view from, const std::vector<std::string>& to,
+                                      std::size_t limit) {
+  FileCopies copies{"", std::vector<Result<FileAttributes>>(to.size(), FileAttributes())};
+  const auto source = openForReading(from);
+  auto content = source ? contentOf(source.value(), limit) : Result<std::string>(source.error());
+  if (!content) {
+    copies.made.assign(to.size(), content.error());
+    return copies;
+  }
+  copies.content = std::move(content).value();
+  inParallel(to.size(), [&](std::size_t i) {
+    const auto done = makeCopy(to[i], copies.content, source.value().status, copies.made[i].value());
+    if (!done) copies.made[i] = done.error();
+  });
+  return copies;
+}
+
+Result<void> PosixFileSystem::makeCopy(std::string_view path, std::string_view content,
+                                       const struct stat& source, FileAttributes& attributes) {
+  return inPlaceOf(path, [&](const Place& place) -> Result<void> {
+    // The copy gets its name when it is complete, so nothing is left over whatever happens before.
+    FileDescriptor copy(uninterrupted(
+        [&] { return ::openat(place.directory(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kPrivateFile); }));
+    if (!copy) return SystemError::last();
+    const FileOwnership same{source.st_uid, source.st_gid, std::nullopt};
+    if (auto given = apply(copy.get(), same, source.st_mode & 07777U); !given) return given;
+    if (auto written = writeAll(copy.get(), content); !written) return written;
+    if (auto looked = lookAt(copy.get(), attributes); !looked) return looked;
+    early_.add(copy.get());
+    if (auto named = nameFile(copy.get(), place.directory(), place.name); !named) return named;
+    auto made = closed(copy);
+    if (!made) removeQuietly(place.directory(), place.name, 0);
+    return made;
   });
 }
 
-Result<void> PosixFileSystem::copyTo(const Place& place, const OpenedFile& source) const {
-  // The copy gets its name when it is complete, so nothing is left over whatever happens before.
-  FileDescriptor copy(uninterrupted(
-      [&] { return ::openat(place.directory(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kPrivateFile); }));
-  if (!copy) return SystemError::last();
-  const FileOwnership same{source.status.st_uid, source.status.st_gid, std::nullopt};
-  if (auto given = apply(copy.get(), same, source.status.st_mode & 07777U); !given) return given;
-  if (auto copied = copyContent(source.descriptor.get(), copy.get()); !copied) return copied;
-  early_.add(copy.get());
-  if (auto named = nameFile(copy.get(), place.directory(), place.name); !named) return named;
-  auto made = closed(copy);
-  if (!made) removeQuietly(place.directory(), place.name, 0);
-  return made;
+Result<void> PosixFileSystem::lookAt(int file, FileAttributes& attributes) const {
+  struct stat status {};
+  if (::fstat(file, &status) != 0) return SystemError::last();
+  attributes = attributesOf(status);
+  return {};
 }
 
 Result<void> PosixFileSystem::createDirectory(std::string_view path, const FileOwnership& ownership,

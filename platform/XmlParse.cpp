@@ -182,6 +182,7 @@ Result<ParsedXml> parseXml(std::string bytes) {
   const Result<void> parsed = Builder(parser.get(), *tree, document, source).parse();
   if (!parsed) return parsed.error();
   document.nodesRead = tree->size();
+  tree->beginFollowingChanges();
   return ParsedXml{std::move(tree), &document};
 }
 

@@ -4,10 +4,26 @@
 
 namespace tessard {
 
-XmlNodeData& XmlTree::edit(XmlNodeId id) {
+XmlTree::Block& XmlTree::ownBlock(XmlNodeId id) {
   std::shared_ptr<Block>& block = blocks_[(id - 1) / kBlockSize];
   if (block.use_count() > 1) block = std::make_shared<Block>(*block);
-  return (*block)[(id - 1) % kBlockSize];
+  return *block;
+}
+
+XmlNodeData& XmlTree::edit(XmlNodeId id) {
+  if (following_) {
+    for (XmlNodeId at = id; at && !(*this)[at].touched; at = (*this)[at].parent) {
+      ownBlock(at)[(at - 1) % kBlockSize].touched = true;
+    }
+  }
+  return ownBlock(id)[(id - 1) % kBlockSize];
+}
+
+std::string_view XmlTree::wholeAsRead(const XmlNodeData& element) const {
+  if (element.touched || hasMoved_ || !following_ || !element.raw) return {};
+  const std::string_view end = endTag(element);
+  const char* const behind = end.empty() ? element.raw + element.rawLength : end.data() + end.size();
+  return {element.raw, static_cast<std::size_t>(behind - element.raw)};
 }
 
 XmlNodeId XmlTree::make(XmlNodeData::Kind kind) {
@@ -68,6 +84,8 @@ std::shared_ptr<XmlTree> XmlTree::copy() const {
   tree->names = names;
   tree->blocks_ = blocks_;
   tree->count_ = count_;
+  tree->following_ = following_;
+  tree->hasMoved_ = hasMoved_;
   tree->own_ = own_;
   tree->sources_ = sources_;
   for (const auto& document : documents_) {
@@ -77,6 +95,8 @@ std::shared_ptr<XmlTree> XmlTree::copy() const {
 }
 
 void XmlTree::take(XmlTree& from) {
+  following_ = following_ || from.following_;
+  hasMoved_ = hasMoved_ || from.hasMoved_;
   const auto shift = static_cast<XmlNodeId>(count_);
   const auto shifted = [shift](XmlNodeId id) { return id ? id + shift : 0; };
   for (XmlNodeId id = 1; id <= from.count_; ++id) {
@@ -133,6 +153,7 @@ XmlNodeId followingWithin(const XmlTree& tree, XmlNodeId node, XmlNodeId top) {
 void linkAfter(XmlTree& tree, XmlNodeId parent, XmlNodeId sibling, XmlNodeId child) {
   const XmlNodeId next = sibling ? tree[sibling].next : tree[parent].firstChild;
   XmlNodeData& linked = tree.edit(child);
+  if (linked.firstChild && tree.following_) tree.hasMoved_ = true;
   linked.parent = parent;
   linked.previous = sibling;
   linked.next = next;

@@ -41,6 +41,7 @@ struct XmlNodeData {
   bool nameApart : 1 = false;  ///< of an element: its name stands in `XmlTree::names` (not UTF-8, or no name)
   bool unwritable : 1 = false;  ///< was given a name that is none
   bool added : 1 = false;       ///< line ends in its bytes are ours, to be made the document's
+  bool touched : 1 = false;     ///< it or something within it was changed since the document was parsed
 };
 
 /// What a document has besides the node above its root and what stands beside that.
@@ -69,6 +70,12 @@ class XmlTree {
   /// The same to be changed, no longer shared.
   XmlNodeData& edit(XmlNodeId id);
   XmlNodeId make(XmlNodeData::Kind kind);
+
+  /// From here on nodes that are changed are `touched`, and all above them.
+  void beginFollowingChanges() { following_ = true; }
+  /// What an element was read as, from the start tag to the end tag, where nothing within it was changed and
+  /// nothing that has content has got another place since; empty otherwise.
+  std::string_view wholeAsRead(const XmlNodeData& element) const;
 
   /// A node's bytes. Good until they are changed.
   std::string_view bytes(const XmlNodeData& node) const {
@@ -104,10 +111,15 @@ class XmlTree {
   static constexpr std::size_t kBlockSize = 16;
   using Block = std::array<XmlNodeData, kBlockSize>;
 
+  friend void linkAfter(XmlTree& tree, XmlNodeId parent, XmlNodeId sibling, XmlNodeId child);
+
   void take(XmlTree& from);
+  Block& ownBlock(XmlNodeId id);
 
   std::vector<std::shared_ptr<Block>> blocks_;
   std::size_t count_ = 0;
+  bool following_ = false;
+  bool hasMoved_ = false;  // something with content, which may stand deeper now
   std::vector<std::shared_ptr<std::string>> own_;
   std::vector<std::shared_ptr<const std::string>> sources_;
   std::vector<std::unique_ptr<XmlDocumentRecord>> documents_;

@@ -86,8 +86,9 @@ class Writer {
     XmlNodeId id = top;
     std::size_t depth = 0;
     while (!failure_) {
-      open(tree_[id], depth);
-      if (tree_[id].firstChild) {
+      const bool isWritten = writeWhole(tree_[id]);
+      if (!isWritten) open(tree_[id], depth);
+      if (tree_[id].firstChild && !isWritten) {
         id = tree_[id].firstChild;
         if (++depth >= kXmlDepthLimit && tree_[id].kind == Kind::element) tooDeep();
         continue;
@@ -103,6 +104,14 @@ class Writer {
         close(tree_[id], --depth);
       }
     }
+  }
+
+  // What was not changed needs no look at what is in it. The nesting is no deeper than it was then.
+  bool writeWhole(const XmlNodeData& node) {
+    if (node.kind != Kind::element || pretty_ || node.encoding != document_.encoding) return false;
+    const std::string_view whole = tree_.wholeAsRead(node);
+    if (!whole.empty()) add(whole);
+    return !whole.empty();
   }
 
   void tooDeep() {

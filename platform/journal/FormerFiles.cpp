@@ -8,7 +8,7 @@ namespace tessard {
 
 namespace {
 
-Result<void> unchangeable() {
+SystemError unchangeable() {
   return SystemError(EROFS);
 }
 
@@ -41,6 +41,16 @@ Result<std::string> FormerFiles::readFile(std::string_view path, std::size_t lim
   return place ? files_.readFile(place.value(), limit) : Result<std::string>(place.error());
 }
 
+std::vector<Result<FileFingerprint>> FormerFiles::fingerprints(const std::vector<std::string>& paths,
+                                                               std::size_t limit) {
+  std::vector<Result<FileFingerprint>> all;
+  for (const std::string& path : paths) {
+    const auto place = placeOf(path);
+    all.push_back(place ? files_.fingerprints({place.value()}, limit).front() : place.error());
+  }
+  return all;
+}
+
 Result<std::vector<std::string>> FormerFiles::listDirectory(std::string_view path) {
   return files_.listDirectory(path);
 }
@@ -50,8 +60,13 @@ Result<void> FormerFiles::createFile(std::string_view /*path*/, std::string_view
   return unchangeable();
 }
 
-Result<void> FormerFiles::copyFile(std::string_view /*from*/, std::string_view /*to*/) {
-  return unchangeable();
+std::vector<Result<FileAttributes>> FormerFiles::createFiles(const std::vector<NewFile>& files) {
+  return std::vector<Result<FileAttributes>>(files.size(), unchangeable());
+}
+
+FileCopies FormerFiles::copyFiles(std::string_view /*from*/, const std::vector<std::string>& to,
+                                  std::size_t /*limit*/) {
+  return {"", std::vector<Result<FileAttributes>>(to.size(), unchangeable())};
 }
 
 Result<void> FormerFiles::flush(const std::vector<std::string>& /*paths*/) {

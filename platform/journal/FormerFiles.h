@@ -18,9 +18,12 @@ class FormerFiles : public FileSystem {
   bool exists(std::string_view path) override;
   Result<FileAttributes> attributes(std::string_view path) override;
   Result<std::string> readFile(std::string_view path, std::size_t limit) override;
+  std::vector<Result<FileFingerprint>> fingerprints(const std::vector<std::string>& paths,
+                                                    std::size_t limit) override;
   Result<void> createFile(std::string_view path, std::string_view content, const FileOwnership& ownership,
                           Flush flush) override;
-  Result<void> copyFile(std::string_view from, std::string_view to) override;
+  std::vector<Result<FileAttributes>> createFiles(const std::vector<NewFile>& files) override;
+  FileCopies copyFiles(std::string_view from, const std::vector<std::string>& to, std::size_t limit) override;
   Result<void> flush(const std::vector<std::string>& paths) override;
   Result<void> rename(std::string_view from, std::string_view to) override;
   Result<void> exchange(std::string_view first, std::string_view second) override;

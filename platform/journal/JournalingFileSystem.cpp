@@ -1,5 +1,6 @@
 #include "platform/journal/JournalingFileSystem.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -142,6 +143,11 @@ Result<std::string> JournalingFileSystem::readFile(std::string_view path, std::s
   return behind_.readFile(path, limit);
 }
 
+std::vector<Result<FileFingerprint>> JournalingFileSystem::fingerprints(const std::vector<std::string>& paths,
+                                                                        std::size_t limit) {
+  return behind_.fingerprints(paths, limit);
+}
+
 Result<std::vector<std::string>> JournalingFileSystem::listDirectory(std::string_view path) {
   return behind_.listDirectory(path);
 }
@@ -154,11 +160,42 @@ Result<void> JournalingFileSystem::createFile(std::string_view path, std::string
   return made;
 }
 
-Result<void> JournalingFileSystem::copyFile(std::string_view from, std::string_view to) {
-  if (auto noted = remember(to); !noted) return noted;
-  auto made = behind_.copyFile(from, to);
-  if (made && inRequest_) unflushed_.emplace(to);
+std::vector<Result<FileAttributes>> JournalingFileSystem::createFiles(const std::vector<NewFile>& files) {
+  std::vector<Result<void>> noted;
+  noted.reserve(files.size());
+  for (const NewFile& file : files) noted.push_back(remember(file.path));
+  std::vector<Result<FileAttributes>> made;
+  if (std::ranges::all_of(noted, &Result<void>::ok)) {
+    made = behind_.createFiles(files);
+  } else {
+    for (std::size_t i = 0; i < files.size(); ++i) {
+      made.push_back(noted[i] ? behind_.createFiles({files[i]}).front() : noted[i].error());
+    }
+  }
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    if (made[i] && inRequest_) unflushed_.emplace(files[i].path);
+  }
   return made;
+}
+
+FileCopies JournalingFileSystem::copyFiles(std::string_view from, const std::vector<std::string>& to,
+                                           std::size_t limit) {
+  FileCopies copies;
+  std::vector<std::string> noted;
+  for (const std::string& path : to) {
+    const auto done = remember(path);
+    copies.made.emplace_back(done ? SystemError(0) : done.error());
+    if (done) noted.push_back(path);
+  }
+  FileCopies behind = behind_.copyFiles(from, noted, limit);
+  copies.content = std::move(behind.content);
+  auto made = behind.made.begin();
+  for (std::size_t i = 0; i < to.size(); ++i) {
+    if (copies.made[i].error().code() != 0) continue;
+    copies.made[i] = std::move(*made++);
+    if (copies.made[i] && inRequest_) unflushed_.emplace(to[i]);
+  }
+  return copies;
 }
 
 Result<void> JournalingFileSystem::flush(const std::vector<std::string>& paths) {

@@ -229,6 +229,9 @@ TEST_F(DurableReplaceTest, LeavesEverythingAsItWasWhenTheNewContentCannotBeFlush
   EXPECT_FALSE(root.exists(kTemporary));
 }
 
+// Enough to be written at once.
+const std::string kLarge(std::size_t{2} * 1024 * 1024, 'n');
+
 // Three files in two directories, replaced together.
 class BatchTest : public DurableReplaceTest {
  protected:
@@ -241,7 +244,7 @@ class BatchTest : public DurableReplaceTest {
   }
 
   void stageAll() {
-    for (const std::string& path : paths) ASSERT_TRUE(batch.stage(path, "new" + path, kOwnership));
+    for (const std::string& path : paths) batch.stage(path, "new" + path, kOwnership);
   }
 
   std::vector<int> replaceAll() {
@@ -260,29 +263,64 @@ class BatchTest : public DurableReplaceTest {
 
 TEST_F(BatchTest, FlushesAllContentsOnceAndThenEachDirectoryOnce) {
   stageAll();
-  EXPECT_THAT(files.changes(),
-              ElementsAre("createFile /etc/a.tmp", "createFile /var/b.tmp", "createFile /etc/c.tmp"));
-  files.clearCalls();
   EXPECT_THAT(replaceAll(), ElementsAre(0, 0, 0));
-  EXPECT_THAT(files.changes(), ElementsAre("flush /etc/a.tmp", "flush /var/b.tmp", "flush /etc/c.tmp",
-                                           "exchange /etc/a.tmp /etc/a", "exchange /var/b.tmp /var/b",
-                                           "exchange /etc/c.tmp /etc/c", "syncDirectory /etc",
-                                           "syncDirectory /var", "rename /etc/a.tmp /etc/a.bak",
-                                           "rename /var/b.tmp /var/b.bak", "rename /etc/c.tmp /etc/c.bak"));
+  EXPECT_THAT(
+      files.changes(),
+      ElementsAre("createFile /etc/a.tmp", "createFile /var/b.tmp", "createFile /etc/c.tmp",
+                  "flush /etc/a.tmp", "flush /var/b.tmp", "flush /etc/c.tmp", "exchange /etc/a.tmp /etc/a",
+                  "exchange /var/b.tmp /var/b", "exchange /etc/c.tmp /etc/c", "syncDirectory /etc",
+                  "syncDirectory /var", "rename /etc/a.tmp /etc/a.bak", "rename /var/b.tmp /var/b.bak",
+                  "rename /etc/c.tmp /etc/c.bak"));
   for (const std::string& path : paths) expectNew(path);
 }
 
 TEST_F(BatchTest, ReplacesTheOthersWhenOneCannotBeWritten) {
   files.failPath("createFile", "/var/b.tmp", EDQUOT);
-  ASSERT_TRUE(batch.stage(paths[0], "new" + paths[0], kOwnership));
-  const auto refused = batch.stage(paths[1], "new", kOwnership);
-  ASSERT_FALSE(refused);
-  EXPECT_EQ(refused.error().code(), EDQUOT);
-  ASSERT_TRUE(batch.stage(paths[2], "new" + paths[2], kOwnership));
-  EXPECT_THAT(replaceAll(), ElementsAre(0, 0));
+  stageAll();
+  const auto results = batch.replace();
+  ASSERT_EQ(results.size(), 3U);
+  EXPECT_EQ(results[0].outcome, ReplaceOutcome::replaced);
+  EXPECT_EQ(results[1].outcome, ReplaceOutcome::temporaryNotWritten);
+  EXPECT_EQ(results[1].error.code(), EDQUOT);
+  EXPECT_EQ(results[2].outcome, ReplaceOutcome::replaced);
   expectNew(paths[0]);
   expectOld(paths[1]);
   expectNew(paths[2]);
+}
+
+TEST_F(BatchTest, WritesWhatThereIsEnoughOfBeforeTheRestIsThere) {
+  batch.stage(paths[0], kLarge, kOwnership);
+  EXPECT_THAT(files.changes(), ElementsAre("createFile /etc/a.tmp"));
+  batch.stage(paths[1], "new" + paths[1], kOwnership);
+  batch.stage(paths[2], kLarge, kOwnership);
+  EXPECT_THAT(replaceAll(), ElementsAre(0, 0, 0));
+  EXPECT_EQ(root.read(paths[0]), kLarge);
+  expectNew(paths[1]);
+  EXPECT_EQ(root.read(paths[2]), kLarge);
+}
+
+TEST_F(BatchTest, ReplacesTheOthersWhenOneIsADirectory) {
+  root.remove(paths[0]);
+  root.makeDirectory(paths[0]);
+  stageAll();
+  const auto results = batch.replace();
+  ASSERT_EQ(results.size(), 3U);
+  EXPECT_EQ(results[0].outcome, ReplaceOutcome::temporaryNotWritten);
+  EXPECT_EQ(results[0].error.code(), EISDIR);
+  expectNew(paths[1]);
+  expectNew(paths[2]);
+}
+
+TEST_F(BatchTest, TellsWhatTheNewFilesAre) {
+  stageAll();
+  const auto results = batch.replace();
+  ASSERT_EQ(results.size(), 3U);
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    const FileAttributes now = files.attributes(paths[i]).value();
+    EXPECT_EQ(results[i].is.inode, now.inode);
+    EXPECT_EQ(results[i].is.modified, now.modified);
+    EXPECT_EQ(results[i].is.size, now.size);
+  }
 }
 
 TEST_F(BatchTest, ReplacesNoneWhenTheContentsCannotBeFlushed) {
@@ -333,9 +371,11 @@ TEST_F(BatchTest, ExchangesBackTheOneWhoseBackupCannotBeKept) {
 TEST_F(BatchTest, RemovesWhatWasStagedAndNeverReplaced) {
   {
     ReplacementBatch givenUp(files);
-    ASSERT_TRUE(givenUp.stage("/etc/a", "new", kOwnership));
+    givenUp.stage("/etc/a", kLarge, kOwnership);
     ASSERT_TRUE(root.exists("/etc/a.tmp"));
+    givenUp.stage("/var/b", "new", kOwnership);
   }
+  EXPECT_FALSE(root.exists("/var/b.tmp"));
   EXPECT_FALSE(root.exists("/etc/a.tmp"));
   expectOld("/etc/a");
 }

@@ -362,7 +362,7 @@ TEST(SavingAComponent, DoesNotSetTheLoadTime) {
   EXPECT_EQ(sm->loadTime(), kLongAgo);
 }
 
-TEST(ReloadingAfterASave, IsReportedAsAChangeAndReadsTheFileButParsesNothing) {
+TEST(ReloadingAfterASave, IsReportedAsAChangeButReadsAndParsesNothing) {
   ChangedComponent sm;
   ASSERT_TRUE(sm->saveDocument());
   const XmlNode root = sm->getRootNode();
@@ -371,13 +371,39 @@ TEST(ReloadingAfterASave, IsReportedAsAChangeAndReadsTheFileButParsesNothing) {
   sm.platform.clock.setToMachine();
   sm.platform.clock.time.seconds += 1;
   EXPECT_TRUE(sm->loadDocument());
-  EXPECT_THAT(sm.platform.files.calls("readFile"), SizeIs(1));
+  EXPECT_THAT(sm.platform.files.calls("readFile"), IsEmpty());
   EXPECT_EQ(sm->getRootNode(), root);
   EXPECT_EQ(sm->loadTime(), sm.platform.clock.time);
   EXPECT_THAT(sm.platform.log.messages(),
               ElementsAre(Message{kLogDebug, "loadDocument: sm at path: " + kSm},
                           Message{kLogInfo, "External configuration change detected, re-loading: sm.xml"},
                           Message{kLogDebug, "Document loaded: sm.xml"}));
+}
+
+TEST(ReloadingAfterASave, ReadsTheFileAsLongAsAnEditMightBearTheSameTime) {
+  constexpr std::int64_t kTick = 10'000'000;
+  for (const std::int64_t nanoseconds : {std::int64_t{0}, kTick, kTick + 1}) {
+    ChangedComponent sm;
+    ASSERT_TRUE(sm->saveDocument());
+    const FileTime made = sm.platform.files.attributes(kSm).value().modified;
+    sm.platform.clock.time = {made.seconds, made.nanoseconds + nanoseconds};
+    sm.platform.files.clearCalls();
+    ASSERT_TRUE(sm->loadDocument());
+    EXPECT_THAT(sm.platform.files.calls("readFile"), SizeIs(nanoseconds > kTick ? 0 : 1)) << nanoseconds;
+  }
+}
+
+TEST(ReloadingAfterASave, ReadsAFileOfTheSameLengthThatWasEditedInItsPlace) {
+  ChangedComponent sm;
+  ASSERT_TRUE(sm->saveDocument());
+  std::string edited = sm.file();
+  edited[edited.find('2')] = '7';
+  sm.platform.root.write(kSm, edited);
+  sm.platform.root.setModified(kSm, {sm.platform.root.modified(kSm).seconds + 1, 0});
+  sm.platform.clock.setToMachine();
+  sm.platform.clock.time.seconds += 60;
+  EXPECT_TRUE(sm->loadDocument());
+  EXPECT_EQ(sm->getNodeValueForPath("sm.l.a"), "7");
 }
 
 TEST(ReloadingAfterASave, ReadsAFileThatSomebodyElseHasReplacedSince) {

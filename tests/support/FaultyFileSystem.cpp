@@ -136,6 +136,16 @@ Result<std::string> FaultyFileSystem::readFile(std::string_view path, std::size_
                                        [&] { return behind_.readFile(path, limit); });
 }
 
+std::vector<Result<FileFingerprint>> FaultyFileSystem::fingerprints(const std::vector<std::string>& paths,
+                                                                    std::size_t limit) {
+  std::vector<Result<FileFingerprint>> all;
+  for (const std::string& path : paths) {
+    all.push_back(carryOut<Result<FileFingerprint>>(
+        {"readFile", path, "", {}, 0}, [&] { return behind_.fingerprints({path}, limit).front(); }));
+  }
+  return all;
+}
+
 Result<void> FaultyFileSystem::createFile(std::string_view path, std::string_view content,
                                           const FileOwnership& ownership, Flush flush) {
   return carryOut<Result<void>>({"createFile", std::string(path), "", ownership, 0},
@@ -153,9 +163,33 @@ Result<void> FaultyFileSystem::flush(const std::vector<std::string>& paths) {
   return flushed;
 }
 
-Result<void> FaultyFileSystem::copyFile(std::string_view from, std::string_view to) {
-  return carryOut<Result<void>>({"copyFile", std::string(from), std::string(to), {}, 0},
-                                [&] { return behind_.copyFile(from, to); });
+std::vector<Result<FileAttributes>> FaultyFileSystem::createFiles(const std::vector<NewFile>& files) {
+  std::vector<Result<FileAttributes>> made;
+  for (const NewFile& file : files) {
+    made.push_back(carryOut<Result<FileAttributes>>({"createFile", file.path, "", file.ownership, 0},
+                                                    [&] { return behind_.createFiles({file}).front(); }));
+  }
+  return made;
+}
+
+FileCopies FaultyFileSystem::copyFiles(std::string_view from, const std::vector<std::string>& to,
+                                       std::size_t limit) {
+  const std::size_t first = calls_.size();
+  std::vector<std::string> wanted;
+  for (const std::string& path : to) {
+    const auto done =
+        carryOut<Result<void>>({"copyFile", std::string(from), path, {}, 0}, [] { return Result<void>(); });
+    if (done) wanted.push_back(path);
+  }
+  FileCopies behind = behind_.copyFiles(from, wanted, limit);
+  FileCopies copies{std::move(behind.content), {}};
+  auto made = behind.made.begin();
+  for (std::size_t i = 0; i < to.size(); ++i) {
+    int& error = calls_[first + i].error;
+    copies.made.push_back(error == 0 ? std::move(*made++) : SystemError(error));
+    error = errorOf(copies.made.back());
+  }
+  return copies;
 }
 
 Result<void> FaultyFileSystem::rename(std::string_view from, std::string_view to) {

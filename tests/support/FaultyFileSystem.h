@@ -56,9 +56,15 @@ class FaultyFileSystem : public FileSystem {
   bool exists(std::string_view path) override;
   Result<FileAttributes> attributes(std::string_view path) override;
   Result<std::string> readFile(std::string_view path, std::size_t limit) override;
+  /// Recorded as "readFile" for each.
+  std::vector<Result<FileFingerprint>> fingerprints(const std::vector<std::string>& paths,
+                                                    std::size_t limit) override;
   Result<void> createFile(std::string_view path, std::string_view content, const FileOwnership& ownership,
                           Flush flush) override;
-  Result<void> copyFile(std::string_view from, std::string_view to) override;
+  /// Recorded as "createFile" for each.
+  std::vector<Result<FileAttributes>> createFiles(const std::vector<NewFile>& files) override;
+  /// Recorded as "copyFile" for each; all that are not made to fail are then copied.
+  FileCopies copyFiles(std::string_view from, const std::vector<std::string>& to, std::size_t limit) override;
   /// Recorded once for each path; a failure of any of them fails the call.
   Result<void> flush(const std::vector<std::string>& paths) override;
   Result<void> rename(std::string_view from, std::string_view to) override;
