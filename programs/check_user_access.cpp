@@ -5,9 +5,9 @@
 #include <grp.h>
 #include <linux/capability.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -126,20 +126,12 @@ bool become(uid_t user) {
          ::setresuid(user, user, user) == 0 && (user == 0 || dropCapabilities());
 }
 
-// In a child, because a process that has become the user belongs to that user.
+// A process that has become the user belongs to that user, who may kill it, which is no "yes". Looking into
+// it and changing its answer is kept from the user, by the kernel at a change of ids as by the first line
+// here.
 Answer askAs(uid_t user, std::string_view userText, const char* path) {
-  const pid_t child = ::fork();
-  if (child < 0) return complain(kCannotTell, "fork", errno);
-  if (child == 0) {
-    const Answer answer = become(user) ? askKernel(path) : complain(kCannotTell, userText, errno);
-    ::_exit(answer);
-  }
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) return complain(kCannotTell, "waitpid", errno);
-  }
-  if (!WIFEXITED(status)) return complain(kCannotTell, userText, EINTR);
-  return static_cast<Answer>(WEXITSTATUS(status));
+  if (::prctl(PR_SET_DUMPABLE, 0) != 0 || !become(user)) return complain(kCannotTell, userText, errno);
+  return askKernel(path);
 }
 
 Answer wrongUse(const char* reason) {

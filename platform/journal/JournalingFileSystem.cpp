@@ -8,6 +8,8 @@ namespace tessard {
 
 namespace {
 
+constexpr std::size_t kLookedForEach = 32;
+
 std::string_view withoutSlashesAtEnd(std::string_view path) {
   while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
   return path;
@@ -99,13 +101,34 @@ Result<void> JournalingFileSystem::remember(const Place& place) {
 Result<void> JournalingFileSystem::rememberBeside(const Place& place) {
   for (const std::string& name : namesBeside(place.name)) {
     const Place beside{place.directory, place.path, name};
-    if (noted_.contains(keyOf(beside))) continue;
+    if (noted_.contains(keyOf(beside)) || !mayBeThere(beside)) continue;
     const auto noted = journal_.rememberPresent(beside);
     // A directory is none of ours.
     if (!noted && noted.error().code() != EISDIR) return noted.error();
     if (noted && noted.value()) setNoted(beside, false);
   }
   return {};
+}
+
+// Where a thousand files are changed, most of them have nothing beside them, and a list tells that sooner
+// than a look for each.
+bool JournalingFileSystem::mayBeThere(const Place& place) {
+  Beside& beside = beside_[place.path];
+  if (++beside.lookedFor <= kLookedForEach) return true;
+  if (!beside.names) {
+    const auto entries = entriesOf(place.directory);
+    if (!entries) return true;
+    beside.names.emplace();
+    for (const DirectoryEntry& entry : entries.value()) {
+      if (!fileBeside(entry.name).empty()) beside.names->insert(entry.name);
+    }
+  }
+  return beside.names->contains(place.name);
+}
+
+void JournalingFileSystem::forgetNotes() {
+  noted_.clear();
+  beside_.clear();
 }
 
 // A directory that is to be made, and those above it.

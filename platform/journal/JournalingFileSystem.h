@@ -84,6 +84,8 @@ class JournalingFileSystem : public FileSystem, public Changes {
   Result<void> remember(std::string_view path);
   Result<void> remember(const Place& place);
   Result<void> rememberBeside(const Place& place);
+  bool mayBeThere(const Place& beside);
+  void forgetNotes();
   Result<void> rememberMissing(std::string_view path);
   Result<void> rememberAttributes(std::string_view path, const FileOwnership& ownership);
   Result<void> makeLast(bool undoable);
@@ -116,8 +118,14 @@ class JournalingFileSystem : public FileSystem, public Changes {
   std::map<std::string, JournalDirectory::OpenedDirectory> directories_;  // as callers name them
   // Without links; true for files whose notes tell of the names beside them, too.
   std::unordered_map<std::string, bool> noted_;
-  std::unordered_set<std::string> unflushed_;  // files, as callers name them
-  std::set<std::string> unsynced_;             // directories
+  /// What stands beside the files of a directory, once many were looked for.
+  struct Beside {
+    std::size_t lookedFor = 0;
+    std::optional<std::unordered_set<std::string>> names;
+  };
+  std::unordered_map<std::string, Beside> beside_;  // by the directory, without links
+  std::unordered_set<std::string> unflushed_;       // files, as callers name them
+  std::set<std::string> unsynced_;                  // directories
 };
 
 }  // namespace tessard

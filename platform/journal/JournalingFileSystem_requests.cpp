@@ -92,7 +92,7 @@ bool JournalingFileSystem::keepNow(bool undoable) {
                          "");
     return false;
   }
-  noted_.clear();
+  forgetNotes();
   return true;
 }
 
@@ -118,7 +118,7 @@ Result<void> JournalingFileSystem::makeLast(bool undoable) {
 void JournalingFileSystem::undoNow() {
   unflushed_.clear();
   unsynced_.clear();
-  noted_.clear();
+  forgetNotes();
   if (inRequest_) reportUndone(journal_.undo());
 }
 

@@ -150,6 +150,25 @@ TEST_F(FileVersionTest, ReplacesTheOthersOfABatch) {
   EXPECT_THAT(root.list("/etc"), ElementsAre("c2s.xml", "c2s.xml.bak", "sm.xml"));
 }
 
+TEST_F(FileVersionTest, IsLookedForInEachOfVeryManyFiles) {
+  constexpr int kFiles = 150;
+  const auto pathOf = [](int i) { return "/etc/f" + std::to_string(i); };
+  for (int i = 0; i < kFiles; ++i) root.write(pathOf(i), "old");
+  ReplacementBatch batch(files);
+  for (int i = 0; i < kFiles; ++i) batch.stage(pathOf(i), "ours", kOwnership, read(pathOf(i).c_str()));
+  const auto edited = [](int i) { return i % 50 == 49 || i == 64; };
+  for (int i = 0; i < kFiles; ++i) {
+    if (edited(i)) root.write(pathOf(i), "new");
+  }
+  const auto replaced = batch.replace();
+  ASSERT_THAT(replaced, SizeIs(kFiles));
+  for (int i = 0; i < kFiles; ++i) {
+    const auto expected = edited(i) ? ReplaceOutcome::changedMeanwhile : ReplaceOutcome::replaced;
+    EXPECT_EQ(replaced[static_cast<std::size_t>(i)].outcome, expected) << i;
+    EXPECT_EQ(root.read(pathOf(i)), edited(i) ? "new" : "ours") << i;
+  }
+}
+
 TEST_F(FileVersionTest, IsStillTheSameWhenOnlyItsOwnerOrModeWasChanged) {
   root.write(kPath, "old");
   const FileVersion version = read(kPath);

@@ -132,5 +132,75 @@ TEST(ComponentsOfOneMaster, KeepNoMoreNodesThanTheirFilesNeedHoweverOftenTheyAre
   EXPECT_EQ(matches->size(), 300U);
 }
 
+TEST(KnownCopies, AreTheDocumentAndTheVersionThatReadingThemWouldGive) {
+  TestPlatform platform;
+  platform.root.write("/source", "<sm><id>x</id></sm>");
+  const FileCopies copies = platform.files.copyFiles("/source", {"/a", "/b"}, 1000);
+  KnownDocuments known;
+  known.expectCopies(copies);
+  for (const char* path : {"/a", "/b"}) {
+    const FileAttributes file = platform.files.attributes(path).value();
+    const auto copy = known.copyOf("sm", file);
+    ASSERT_TRUE(copy) << path;
+    EXPECT_EQ(copy->document.value().serialize().value(), "<sm><id>x</id></sm>");
+    const FileVersion read = versionOf(file, copies.content);
+    EXPECT_TRUE(isSameFile(copy->version, file));
+    EXPECT_EQ(copy->version.digest, read.digest);
+    EXPECT_EQ(copy->version.changed, read.changed);
+    EXPECT_FALSE(copy->version.isAnyOfContent);
+  }
+  EXPECT_EQ(known.parses(), 1U);
+}
+
+TEST(KnownCopies, AreIndependentOfEachOther) {
+  TestPlatform platform;
+  platform.root.write("/source", "<sm><id>x</id></sm>");
+  KnownDocuments known;
+  known.expectCopies(platform.files.copyFiles("/source", {"/a", "/b"}, 1000));
+  const auto copyOf = [&](const char* path) {
+    return known.copyOf("sm", platform.files.attributes(path).value())->document.value();
+  };
+  const XmlDocument first = copyOf("/a");
+  first.root().children().front().setStringValue("changed");
+  EXPECT_EQ(copyOf("/b").serialize().value(), "<sm><id>x</id></sm>");
+  EXPECT_EQ(copyOf("/a").serialize().value(), "<sm><id>x</id></sm>");
+}
+
+TEST(KnownCopies, AreNoOtherFilesAndNotThoseThatWereWrittenToSince) {
+  TestPlatform platform;
+  platform.root.write("/source", "<sm/>");
+  KnownDocuments known;
+  known.expectCopies(platform.files.copyFiles("/source", {"/a", "/b"}, 1000));
+  const auto isKnown = [&](const char* path) {
+    return known.copyOf("sm", platform.files.attributes(path).value()).has_value();
+  };
+  EXPECT_FALSE(isKnown("/source"));
+  platform.root.write("/a", "<sm>longer</sm>");
+  EXPECT_FALSE(isKnown("/a"));
+  platform.root.setModified("/b", {1, 0});
+  EXPECT_FALSE(isKnown("/b"));
+}
+
+TEST(KnownCopies, AreForgotten) {
+  TestPlatform platform;
+  platform.root.write("/source", "<sm/>");
+  KnownDocuments known;
+  known.expectCopies(platform.files.copyFiles("/source", {"/a"}, 1000));
+  known.forgetCopies();
+  EXPECT_FALSE(known.copyOf("sm", platform.files.attributes("/a").value()));
+}
+
+TEST(KnownCopies, OfWhatIsNoDocumentAreAFailureEach) {
+  TestPlatform platform;
+  platform.root.write("/source", "no XML");
+  KnownDocuments known;
+  known.expectCopies(platform.files.copyFiles("/source", {"/a", "/b"}, 1000));
+  for (const char* path : {"/a", "/b"}) {
+    const auto copy = known.copyOf("sm", platform.files.attributes(path).value());
+    ASSERT_TRUE(copy);
+    EXPECT_FALSE(copy->document);
+  }
+}
+
 }  // namespace
 }  // namespace tessard

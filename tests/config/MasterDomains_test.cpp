@@ -108,6 +108,22 @@ TEST(SecondaryDomain, AFileThatIsThereKeepsItsContent) {
   EXPECT_THAT(domains.platform.files.calls("remove"), IsEmpty());
 }
 
+TEST(SecondaryDomain, ACopyThatIsEditedBeforeItIsLoadedIsRead) {
+  for (const bool inPlace : {true, false}) {
+    Domains domains;
+    const std::string path = inDirectory("sm_b.example.xml");
+    bool edited = false;
+    domains.platform.files.beforeCall = [&](const FaultyFileSystem::Call& call) {
+      if (edited || call.operation != "attributes" || call.path != path) return;
+      edited = true;
+      if (!inPlace) domains.platform.root.remove(path);
+      domains.writeXml("sm_b.example.xml", "<sm><id/><local/><user>theirs</user></sm>");
+    };
+    domains->addSecondarySMDomain("b.example");
+    EXPECT_EQ(domains.sm(1)->getNodeValueForPath("sm.user"), "theirs");
+  }
+}
+
 TEST(SecondaryDomain, ADanglingLinkInTheWayIsRemoved) {
   Domains domains;
   domains.platform.root.makeLink(inDirectory("sm_b.example.xml"), "/nowhere");

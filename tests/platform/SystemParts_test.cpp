@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -104,20 +105,31 @@ TEST(SystemRandom, GivesAsManyBytesOfTheDeviceAsWereAskedFor) {
   EXPECT_EQ(random.readDevRandom(0), "");
 }
 
-// What the system log's socket receives in a mount namespace of its own; runs in a child. The exit status: 0
-// when the line is as expected, 77 when this user may not make the namespace.
-int logAndReceive(std::string_view expectedStart, std::string_view expectedEnd) {
+// A system log's socket in a mount namespace of its own, for a child. Below 0 an exit status: 77 when this
+// user may not make the namespace.
+int makeNamespace() {
   if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
       ::mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0) {
-    return 77;
+    return -77;
   }
+  ::closelog();
+  ::openlog("test", 0, LOG_DAEMON);
+  return 0;
+}
+
+int listenAsSystemLog() {
   const int log = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strcpy(address.sun_path, "/dev/log");  // NOLINT(clang-analyzer-security.insecureAPI.strcpy): a literal
-  if (::bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return 2;
-  ::closelog();
-  ::openlog("test", 0, LOG_DAEMON);
+  return ::bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? log : -2;
+}
+
+// The exit status: 0 when what the system log receives is as expected.
+int logAndReceive(std::string_view expectedStart, std::string_view expectedEnd) {
+  if (const int failed = makeNamespace(); failed < 0) return -failed;
+  const int log = listenAsSystemLog();
+  if (log < 0) return -log;
   SystemSyslog syslog;
   syslog.write(13, "%s", "tessard_notification[E]: 100% of %s and %n");
   std::array<char, 512> line{};
@@ -127,15 +139,40 @@ int logAndReceive(std::string_view expectedStart, std::string_view expectedEnd) 
   return received.starts_with(expectedStart) && received.ends_with(expectedEnd) ? 0 : 4;
 }
 
-TEST(SystemSyslog, ALineArrivesAsItIsWithItsPriority) {
+// A log that comes to listen late gets the lines from then on.
+int logBeforeAndAfterSomebodyListens() {
+  if (const int failed = makeNamespace(); failed < 0) return -failed;
+  SystemSyslog syslog;
+  syslog.write(13, "%s", "lost");
+  const int log = listenAsSystemLog();
+  if (log < 0) return -log;
+  std::array<char, 512> line{};
+  ssize_t length = -1;
+  ::alarm(60);
+  while (length < 0) {
+    syslog.write(13, "%s", "heard");
+    length = ::recv(log, line.data(), line.size(), MSG_DONTWAIT);
+  }
+  return std::string_view(line.data(), static_cast<std::size_t>(length)).ends_with(" test: heard") ? 0 : 4;
+}
+
+void expectInChild(const std::function<int()>& work) {
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
-  if (child == 0) ::_exit(logAndReceive("<13>", " test: tessard_notification[E]: 100% of %s and %n"));
+  if (child == 0) ::_exit(work());
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status));
   if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "needs the right to make a mount namespace";
   EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(SystemSyslog, ALineArrivesAsItIsWithItsPriority) {
+  expectInChild([] { return logAndReceive("<13>", " test: tessard_notification[E]: 100% of %s and %n"); });
+}
+
+TEST(SystemSyslog, IsFoundWhenItComesToListenLater) {
+  expectInChild(logBeforeAndAfterSomebodyListens);
 }
 
 }  // namespace
