@@ -16,6 +16,8 @@ SETTINGS_A = {"hosts": ["a.example.com", "b.example.com", "c.example.com"], "aut
               "jabberdClientPortTLS": 5300, "enableXMPP": False, "savedChatsArchiveInterval": 1, "verbose": True}
 SETTINGS_B = {"hosts": ["push.example.com", "c.example.com", "d.example.com"], "authLevel": "ANYMETHOD",
               "jabberdClientPortTLS": 5301, "enableXMPP": True, "savedChatsArchiveInterval": 2, "verbose": False}
+# So many that their files are made by two threads.
+SETTINGS_MANY = {**SETTINGS_A, "hosts": [f"host{number}.example.com" for number in range(40)]}
 # What is on no disk of a machine, or comes with the installation.
 _ELSEWHERE = ("usr", "run", "lost+found")
 # The journal, and what the last undo has replaced.
@@ -65,6 +67,8 @@ def story(certificate, rounds):
     for number in range(rounds):
         service = {"service": "calendar", "hostName": f"host{number}.example.com"}
         write({**SETTINGS_A, "savedChatsArchiveInterval": 10 + number})
+        if number == 0:
+            write(SETTINGS_MANY)
         command("addService", **service)
         write({**SETTINGS_B, "savedChatsArchiveInterval": 20 + number})
         if number == 0:

@@ -12,7 +12,7 @@ from collections import Counter
 
 import pytest
 
-from history import SETTINGS_A, SETTINGS_B, History, ask, differences, hasOpenJournal, treeOf
+from history import SETTINGS_A, SETTINGS_B, SETTINGS_MANY, History, ask, differences, hasOpenJournal, treeOf
 from hosttools import Daemon, needsPlugin
 from sweeptools import report, seedOfThisRun, size
 
@@ -34,6 +34,7 @@ CYCLE = [
     writing(**{**SETTINGS_B, "savedChatsArchiveInterval": 11}),
     writing(jabberdClientPortTLS=5302, authLevel="KERBEROS", savedChatsArchiveInterval=12),
     {"command": "removeService", **SERVICE},
+    writing(**{**SETTINGS_MANY, "savedChatsArchiveInterval": 14}),
     writing(**{**SETTINGS_A, "hosts": ["one.example.com"], "savedChatsArchiveInterval": 13}),
 ]
 
