@@ -30,7 +30,8 @@ std::optional<std::string> digestDigits(std::string_view text) {
   return digits;
 }
 
-// What is told to the service is one line, and part of an XML file in which jabberd replaces "${name}".
+// What is told to the service is one line, and part of an XML file in which jabberd replaces "${name}", and
+// in which the templates' placeholders are filled in whenever service data is made again.
 KeychainResult<void> checkTellable(const Secret& phrase) {
   if (phrase.size() == 0) {
     return KeychainError{KeychainProblem::invalidRequest, "The pass phrase is empty"};
@@ -39,9 +40,11 @@ KeychainResult<void> checkTellable(const Secret& phrase) {
     return KeychainError{KeychainProblem::invalidRequest,
                          "A pass phrase is one line of UTF-8 text without control characters"};
   }
-  if (phrase.view().find("${") != std::string_view::npos) {
-    return KeychainError{KeychainProblem::invalidRequest,
-                         "The pass phrase holds \"${\", which jabberd would replace: change it"};
+  for (const std::string_view replaced : {"${", "@HOSTNAME@", "@ROUTERPASSWORD@"}) {
+    if (phrase.view().find(replaced) == std::string_view::npos) continue;
+    return KeychainError{
+        KeychainProblem::invalidRequest,
+        fill("The pass phrase holds \"%@\", which would be replaced: change it", {replaced})};
   }
   return {};
 }

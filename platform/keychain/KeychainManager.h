@@ -91,7 +91,8 @@ class KeychainManager {
   /// Keeps the pass phrase of a key file with this PEM content, in place of an older one, when it opens the
   /// key. Fails with `tooLarge`, `malformed` (also for several keys), `noKey`, `wrongPassPhrase`, and with
   /// `invalidRequest` when the key is not encrypted, when the pass phrase is empty, holds a line end, a NUL
-  /// or "${", or is no UTF-8: such a one cannot be told to the service.
+  /// or what would be replaced in the service's files ("${" and the placeholders of the templates), or is no
+  /// UTF-8: such a one cannot be told to the service.
   KeychainResult<void> setPassPhrase(std::string_view file, std::string_view pem, const Secret& phrase);
   /// False when there was none.
   KeychainResult<bool> removePassPhrase(std::string_view file);

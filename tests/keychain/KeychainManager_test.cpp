@@ -254,8 +254,9 @@ TEST_F(KeychainManagement, APassPhraseIsKeptOnlyWhenItOpensTheKey) {
   EXPECT_EQ(manager.setPassPhrase("/k.pem", made.pem(), Secret("x")).error().problem, KeychainProblem::noKey);
   EXPECT_EQ(manager.setPassPhrase("/k.pem", made.keyPem(), Secret("x")).error().problem,
             KeychainProblem::invalidRequest);
-  for (const std::string& phrase : {std::string(), std::string("a\nb"), std::string("a\0b", 3),
-                                    std::string("\xff"), std::string("a${b")}) {
+  for (const std::string& phrase :
+       {std::string(), std::string("a\nb"), std::string("a\0b", 3), std::string("\xff"), std::string("a${b"),
+        std::string("a@HOSTNAME@b"), std::string("@ROUTERPASSWORD@")}) {
     EXPECT_EQ(manager.setPassPhrase("/k.pem", made.keyPem(phrase), Secret(phrase)).error().problem,
               KeychainProblem::invalidRequest);
   }
