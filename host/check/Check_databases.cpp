@@ -1,10 +1,11 @@
+#include <regex.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <map>
-#include <regex>
+#include <memory>
 
 #include "common/Format.h"
 #include "common/Text.h"
@@ -45,14 +46,18 @@ std::map<std::string, std::string> databasesOf(const Instance& instance) {
 
 // The names of the tables that a script makes, in small letters.
 std::vector<std::string> tablesOf(CheckedSystem& system, const std::string& script) {
-  static const std::regex kTable(R"(create\s+table\s+(?:if\s+not\s+exists\s+)?["`'\[]?([\w-]+))",
-                                 std::regex::icase);
+  constexpr const char* kTable =
+      "create[[:space:]]+table[[:space:]]+(if[[:space:]]+not[[:space:]]+exists[[:space:]]+)?[\"`'[]?"
+      "([[:alnum:]_-]+)";
   std::vector<std::string> tables;
   const auto text = system.files.readFile(script, kScriptLimit);
-  if (!text) return tables;
-  const std::string& content = text.value();
-  for (std::sregex_iterator at(content.begin(), content.end(), kTable), end; at != end; ++at) {
-    tables.push_back(asciiLowercase(at->str(1)));
+  regex_t compiled{};
+  if (!text || ::regcomp(&compiled, kTable, REG_EXTENDED | REG_ICASE) != 0) return tables;
+  const std::unique_ptr<regex_t, void (*)(regex_t*)> table(&compiled, ::regfree);
+  std::array<regmatch_t, 3> found{};
+  for (const char* at = text.value().c_str(); ::regexec(table.get(), at, found.size(), found.data(), 0) == 0;
+       at += found[0].rm_eo) {
+    tables.push_back(asciiLowercase({at + found[2].rm_so, at + found[2].rm_eo}));
   }
   return tables;
 }
