@@ -186,8 +186,10 @@ std::string TestCertificate::pkcs12(const std::string& passPhrase,
 
 std::string TestCertificate::oldPkcs12(const std::string& passPhrase) const {
   const std::shared_ptr<OSSL_LIB_CTX> context(OSSL_LIB_CTX_new(), OSSL_LIB_CTX_free);
+  std::vector<std::shared_ptr<OSSL_PROVIDER>> providers;
   for (const char* provider : {"default", "legacy"}) {
-    require(OSSL_PROVIDER_load(context.get(), provider), provider);
+    providers.emplace_back(require(OSSL_PROVIDER_load(context.get(), provider), provider),
+                           OSSL_PROVIDER_unload);
   }
   const std::shared_ptr<PKCS12> file(
       require(PKCS12_create_ex(passPhrase.c_str(), "name", key_.get(), parsed(der_).get(), nullptr,
