@@ -30,6 +30,7 @@ int main(int count, char** arguments) {
   const long long begin = nanoseconds();
   pid_t child = 0;
   const int problem = posix_spawn(&child, arguments[2], &actions, nullptr, arguments + 2, environ);
+  posix_spawn_file_actions_destroy(&actions);
   if (problem != 0) {
     std::fprintf(stderr, "%s: %s\n", arguments[2], std::strerror(problem));
     return 70;

@@ -14,6 +14,7 @@ from hosttools import (
     Answer,
     RunningRequest,
     actingAs,
+    buildDirectory,
     openConnections,
     parseRaw,
     readAll,
@@ -426,6 +427,8 @@ def test_a_body_of_too_many_values_is_refused(daemon):
 
 
 def test_a_daemon_with_few_descriptors_takes_fewer_connections_and_goes_on(makeDaemon):
+    if buildDirectory().name == "asan":
+        pytest.skip("the sanitizer needs a descriptor for each look at memory, and takes its lack for a fault")
     daemon = makeDaemon("--connections", "64", "--idle-seconds", "0", prefix=["prlimit", "--nofile=40:40"])
     held = [daemon.raw() for _ in range(60)]
     waitUntil(lambda: tryEcho(daemon) == 200, "somebody makes room")
