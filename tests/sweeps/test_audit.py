@@ -11,7 +11,7 @@ from pathlib import Path
 import pytest
 
 from hosttools import needsPlugin
-from sweeptools import report, size
+from sweeptools import SANITIZED, report, size
 
 pytestmark = needsPlugin
 
@@ -127,6 +127,7 @@ def faultsOf(flags):
     return faults
 
 
+@pytest.mark.skipif(SANITIZED, reason="no program can look for its leaks while strace watches it")
 def test_every_file_is_made_exclusively_and_privately(pluginRoot, makeDaemon, tmp_path):
     certificate = makeCertificate(tmp_path)
     file = tmp_path / "trace"
