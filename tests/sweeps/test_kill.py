@@ -16,6 +16,11 @@ pytestmark = needsPlugin
 SHORT = 6  # points of each request in the short form
 
 
+def expectMost(killed, points):
+    """A few calls are not made each time, such as those of who looks whether something has ended."""
+    assert points and killed >= len(points) - max(1, len(points) // 10), "calls were not reached"
+
+
 @pytest.mark.parametrize("name", ["setup", "settings", "undo", "change of address", "add service", "choose certificate",
                                   "service user", "stop"])
 def test_a_daemon_killed_before_any_call_leaves_all_or_nothing_and_carries_on(pluginRoot, tmp_path, name):
@@ -30,7 +35,7 @@ def test_a_daemon_killed_before_any_call_leaves_all_or_nothing_and_carries_on(pl
         killed += killAndLook(laboratory, call, number, old, new)
     report(f"{name}: {killed} kills at {len(points)} points")
     laboratory.end()
-    assert points and killed >= len(points) * 0.9, "calls were not reached"
+    expectMost(killed, points)
 
 
 def killAndLook(laboratory, call, number, old, new):
@@ -147,4 +152,4 @@ def test_the_certificate_of_the_service_is_the_old_or_the_new_one_whole(pluginRo
             assert treeOf(root)[CERTIFICATE] == new, place
     report(f"certificate: {killed} kills at {len(points)} points")
     laboratory.end()
-    assert points and killed >= len(points) * 0.9, "calls were not reached"
+    expectMost(killed, points)
