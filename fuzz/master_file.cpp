@@ -23,9 +23,10 @@ Content contentOf(const Master& master) {
   Content content{master.loadedComments(), {}};
   for (const auto& [name, components] : master.loadedComponents()) {
     for (const auto& component : components) {
-      // A line of a name alone is none: such a component is gone with the next save.
+      // A line of a name alone is none, and nothing but tabs is no more than that: such a component is gone
+      // with the next save.
       const std::string path = component->configPath().value_or("");
-      if (!path.empty()) content.components.emplace_back(name, path);
+      if (path.find_first_not_of('\t') != std::string::npos) content.components.emplace_back(name, path);
     }
   }
   return content;
