@@ -21,6 +21,7 @@ WRONG_USE, START_FAILED, NO_ROOT, BAD_SETTINGS = 64, 69, 77, 78
 STATUS = "/run/tessard-services/com.velto.Beaconry.plist"
 MARKER = "/var/db/idavoll/pubsub.db"
 KILLS = 5
+AUTHENTICATION_TIMEOUT = 60  # seconds, PostgreSQL's own default
 
 
 def pubsub_beside_jabberd(service):
@@ -288,7 +289,8 @@ def test_a_first_start_that_is_killed_at_any_moment_is_done_again(new):
             time.sleep(moments.uniform(0, 4))
             new.machine.run("pkill", "-KILL", "-f", f"^/usr/bin/python3 -IB {LAUNCHER}", check=False)
             launcher.wait(30)
-        wait_until(lambda: not new.parts(), "the end of all parts")
+        # A server process that has not been told yet who connects waits for that, a minute at most, whatever has ended.
+        wait_until(lambda: not new.parts(), "the end of all parts", AUTHENTICATION_TIMEOUT + 60)
     new.start()
     assert new.ask(new.add_account("ann"), "create", "news") == [["created", "result"]]
     assert not new.machine.outside(f"{DATA}/cluster.new").exists()
