@@ -166,37 +166,37 @@ TEST(KnownCopies, AreIndependentOfEachOther) {
   EXPECT_EQ(copyOf("/a").serialize().value(), "<sm><id>x</id></sm>");
 }
 
-TEST(KnownCopies, AreNoOtherFilesAndNotThoseThatWereWrittenToSince) {
+/// Two copies that were just made, and are expected.
+struct TwoCopies {
   TestPlatform platform;
-  platform.root.write("/source", "<sm/>");
   KnownDocuments known;
-  known.expectCopies(platform.files.copyFiles("/source", {"/a", "/b"}, 1000));
-  const auto isKnown = [&](const char* path) {
-    return known.copyOf("sm", platform.files.attributes(path).value()).has_value();
-  };
-  EXPECT_FALSE(isKnown("/source"));
-  platform.root.write("/a", "<sm>longer</sm>");
-  EXPECT_FALSE(isKnown("/a"));
-  platform.root.setModified("/b", {1, 0});
-  EXPECT_FALSE(isKnown("/b"));
+
+  explicit TwoCopies(std::string_view content) {
+    platform.root.write("/source", content);
+    known.expectCopies(platform.files.copyFiles("/source", {"/a", "/b"}, 1000));
+  }
+  auto copyOf(const char* path) { return known.copyOf("sm", platform.files.attributes(path).value()); }
+};
+
+TEST(KnownCopies, AreNoOtherFilesAndNotThoseThatWereWrittenToSince) {
+  TwoCopies copies("<sm/>");
+  EXPECT_FALSE(copies.copyOf("/source"));
+  copies.platform.root.write("/a", "<sm>longer</sm>");
+  EXPECT_FALSE(copies.copyOf("/a"));
+  copies.platform.root.setModified("/b", {1, 0});
+  EXPECT_FALSE(copies.copyOf("/b"));
 }
 
 TEST(KnownCopies, AreForgotten) {
-  TestPlatform platform;
-  platform.root.write("/source", "<sm/>");
-  KnownDocuments known;
-  known.expectCopies(platform.files.copyFiles("/source", {"/a"}, 1000));
-  known.forgetCopies();
-  EXPECT_FALSE(known.copyOf("sm", platform.files.attributes("/a").value()));
+  TwoCopies copies("<sm/>");
+  copies.known.forgetCopies();
+  EXPECT_FALSE(copies.copyOf("/a"));
 }
 
 TEST(KnownCopies, OfWhatIsNoDocumentAreAFailureEach) {
-  TestPlatform platform;
-  platform.root.write("/source", "no XML");
-  KnownDocuments known;
-  known.expectCopies(platform.files.copyFiles("/source", {"/a", "/b"}, 1000));
+  TwoCopies copies("no XML");
   for (const char* path : {"/a", "/b"}) {
-    const auto copy = known.copyOf("sm", platform.files.attributes(path).value());
+    const auto copy = copies.copyOf(path);
     ASSERT_TRUE(copy);
     EXPECT_FALSE(copy->document);
   }

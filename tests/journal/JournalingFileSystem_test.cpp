@@ -7,8 +7,8 @@
 #include <set>
 
 #include "common/DurableReplace.h"
+#include "tests/journal/JournalFixtures.h"
 #include "tests/support/RestlessDirectory.h"
-#include "tests/support/TestPlatform.h"
 
 namespace tessard {
 
@@ -19,155 +19,11 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 const std::string kHome = kJournalHome;
-const FileOwnership kOwnership{84, 0, 0600};
-
-/// The process can open nothing as long as this is there.
-class NoMoreFiles {
- public:
-  NoMoreFiles() {
-    ::getrlimit(RLIMIT_NOFILE, &before_);
-    rlimit none = before_;
-    none.rlim_cur = 0;
-    ::setrlimit(RLIMIT_NOFILE, &none);
-  }
-  NoMoreFiles(const NoMoreFiles&) = delete;
-  NoMoreFiles& operator=(const NoMoreFiles&) = delete;
-  ~NoMoreFiles() { ::setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_{};
-};
-
-// A request on files that are there, and what they and all others were before it.
-class JournalTest : public testing::Test {
- protected:
-  TestPlatform platform;
-  ScratchRoot& root = platform.root;
-  FaultyFileSystem& disk = platform.files;
-  JournalingFileSystem& files = platform.journal;
-
-  JournalTest() {
-    root.write("/etc/a", "old a");
-    root.setMode("/etc/a", 0640);
-    root.write("/etc/a.bak", "older a");
-    root.write("/etc/b", "old b");
-    root.makeLink("/etc/link", "a");
-    root.write("/var/c", "old c");
-  }
-
-  /// Name, kind, mode and content of everything but the journal.
-  std::map<std::string, std::string> everything() const {
-    std::map<std::string, std::string> found;
-    namespace fs = std::filesystem;
-    for (const auto& entry : fs::recursive_directory_iterator(root.path())) {
-      const std::string path = entry.path().string().substr(root.path().size());
-      if (path.starts_with("/Library")) continue;
-      std::string is = std::to_string(static_cast<unsigned>(root.mode(path))) + " ";
-      if (entry.is_symlink()) {
-        is = "link to " + fs::read_symlink(entry.path()).string();
-      } else if (entry.is_regular_file()) {
-        is += root.read(path);
-      }
-      found[path] = is;
-    }
-    return found;
-  }
-
-  /// Every kind of change once.
-  void changeEverything() {
-    ASSERT_EQ(replaceKeepingBackup(files, "/private/etc/a", "new a", kOwnership).outcome,
-              ReplaceOutcome::replaced);
-    ASSERT_TRUE(writeAtomically(files, "/etc/made", "made", kOwnership));
-    ASSERT_TRUE(files.remove("/etc/b"));
-    ASSERT_TRUE(files.copyFile("/etc/a", "/etc/b"));
-    ASSERT_TRUE(files.remove("/etc/link"));
-    ASSERT_TRUE(files.createDirectory("/var/x/y", {std::nullopt, std::nullopt, 0750}, true));
-    ASSERT_TRUE(files.createFile("/var/x/y/inside", "inside", {}, Flush::later));
-    ASSERT_TRUE(files.setOwnership("/var/c", {std::nullopt, std::nullopt, 0604}));
-    ASSERT_TRUE(files.rename("/var/c", "/var/moved"));
-  }
-};
 
 TEST_F(JournalTest, NotesNothingOutsideOfARequest) {
   changeEverything();
   EXPECT_FALSE(root.exists("/Library"));
   EXPECT_TRUE(files.end()) << "nothing has failed";
-}
-
-TEST_F(JournalTest, MakesAndCopiesManyFilesAndTakesThemBack) {
-  const auto before = everything();
-  files.startRequest();
-  const auto made = files.createFiles({{"/etc/a", "new a", kOwnership}, {"/etc/x", "new x", kOwnership}});
-  ASSERT_TRUE(made[0] && made[1]);
-  EXPECT_EQ(files.attributes("/etc/x").value().inode, made[1].value().inode);
-  const FileCopies copies = files.copyFiles("/var/c", {"/etc/y", "/etc/a", "/etc/z"}, 100);
-  EXPECT_EQ(copies.content, "old c");
-  EXPECT_TRUE(copies.made[0] && copies.made[2]);
-  EXPECT_EQ(copies.made[1].error().code(), EEXIST);
-  EXPECT_EQ(root.read("/etc/z"), "old c");
-  EXPECT_FALSE(files.finishRequest(true));
-  EXPECT_EQ(everything(), before);
-}
-
-TEST_F(JournalTest, FlushesManyNewFilesWhenTheyAreKept) {
-  files.startRequest();
-  ASSERT_TRUE(files.createFiles({{"/etc/x", "x", kOwnership}, {"/etc/z", "z", kOwnership}})[1]);
-  ASSERT_TRUE(files.copyFiles("/var/c", {"/etc/y"}, 100).made[0]);
-  disk.clearCalls();
-  EXPECT_TRUE(files.finishRequest(false));
-  EXPECT_THAT(disk.calls("flush"), SizeIs(3));
-}
-
-TEST_F(JournalTest, MakesAndCopiesNoneOfManyFilesThatCannotBeNoted) {
-  const auto before = everything();
-  files.startRequest();
-  // Of two directories the journal knows one.
-  ASSERT_TRUE(files.remove("/etc/link"));
-  std::vector<int> codes;
-  FileCopies copies;
-  {
-    const NoMoreFiles full;
-    for (const auto& made : files.createFiles({{"/var/new", "x", kOwnership}})) {
-      codes.push_back(made ? 0 : made.error().code());
-    }
-    copies = files.copyFiles("/etc/a", {"/var/copy"}, 100);
-  }
-  EXPECT_THAT(codes, ElementsAre(EMFILE));
-  EXPECT_EQ(copies.made[0].error().code(), EMFILE);
-  EXPECT_THAT(disk.calls("createFile"), IsEmpty());
-  EXPECT_THAT(disk.calls("copyFile"), IsEmpty());
-  EXPECT_FALSE(files.finishRequest(true));
-  EXPECT_EQ(everything(), before);
-}
-
-TEST_F(JournalTest, NotesWhatStandsBesideTheLastOfManyFilesToo) {
-  constexpr int kFiles = 60;
-  const auto pathOf = [](int i) { return "/etc/many" + std::to_string(i); };
-  for (int i = 0; i < kFiles; ++i) {
-    root.write(pathOf(i), "old");
-    if (i % 7 == 0) root.write(backupPathFor(pathOf(i)), "older");
-    if (i % 5 == 0) root.write(temporaryPathFor(pathOf(i)), "left over");
-  }
-  const auto before = everything();
-  files.startRequest();
-  for (int i = 0; i < kFiles; ++i) {
-    ASSERT_EQ(replaceKeepingBackup(files, pathOf(i), "new", kOwnership).outcome, ReplaceOutcome::replaced);
-  }
-  EXPECT_FALSE(files.finishRequest(true));
-  EXPECT_EQ(everything(), before);
-
-  files.startRequest();
-  for (int i = 0; i < kFiles; ++i) {
-    ASSERT_EQ(replaceKeepingBackup(files, pathOf(i), "new", kOwnership).outcome, ReplaceOutcome::replaced);
-  }
-  ASSERT_TRUE(files.finishRequest(false));
-  const auto between = everything();
-  files.startRequest();
-  for (int i = 0; i < kFiles; ++i) {
-    ASSERT_EQ(replaceKeepingBackup(files, pathOf(i), "newer", kOwnership).outcome, ReplaceOutcome::replaced);
-  }
-  EXPECT_FALSE(files.finishRequest(true));
-  EXPECT_EQ(everything(), between) << "the backups of the request before are noted as well";
 }
 
 TEST_F(JournalTest, CostsNothingWhereNothingIsChanged) {
