@@ -66,6 +66,9 @@ void catchSignals(int stopEvent) {
 // What the work on one request may have open, with the programs that it runs, and the daemon itself.
 constexpr std::size_t kFilesForWork = 128;
 
+// What a connection table needs at least.
+constexpr std::size_t kFewestConnections = 2;
+
 constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
 
 // The allocator raises these limits with every large block that is freed, and keeps as much for itself,
@@ -205,7 +208,7 @@ class Daemon {
     connections.userBytes = configuration_.userMebibytes * kMebibyte;
     const std::size_t files = raiseFileLimit(connections.all + kFilesForWork);
     if (files < connections.all + kFilesForWork) {
-      connections.all = files - std::min(kFilesForWork, files / 2);
+      connections.all = std::max(files - std::min(kFilesForWork, files / 4 * 3), kFewestConnections);
       hostLog_.notice(fill("Only %lu files may be open: at most %lu connections are taken at a time.",
                            {files, connections.all}));
     }
