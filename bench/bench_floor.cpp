@@ -4,13 +4,15 @@
 //                                 makes the old files backups and renames the new ones
 //   bench_floor write-flushed LIST
 //                                 and flushes the file system once, when all temporary files are written
-// Says "NANOSECONDS BYTES": how long that took without the start and the end of the program, and how many
-// bytes were read. No memory is taken for a file's content but one buffer.
+// A line with a tab has a second path behind it: before it is replaced, the file is taken away and made anew
+// with the bytes of that one. Says "NANOSECONDS BYTES": how long that took without the start and the end of
+// the program, and how many bytes were read. No memory is taken for a file's content but one buffer.
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -35,18 +37,26 @@ long long nanoseconds() {
   _exit(74);
 }
 
-std::vector<std::string> linesOf(const char* path) {
-  std::vector<std::string> lines;
+struct Listed {
+  std::string path;
+  std::string copied;  // the file that it is first made a copy of; empty for none
+};
+
+std::vector<Listed> filesIn(const char* path) {
+  std::vector<Listed> files;
   std::FILE* file = std::fopen(path, "re");
   if (!file) fail(path);
   char* line = nullptr;
   std::size_t room = 0;
   for (ssize_t length = 0; (length = getline(&line, &room, file)) > 0;) {
-    lines.emplace_back(line, static_cast<std::size_t>(length - (line[length - 1] == '\n' ? 1 : 0)));
+    const std::string_view whole(line, static_cast<std::size_t>(length - (line[length - 1] == '\n' ? 1 : 0)));
+    const auto tab = std::min(whole.find('\t'), whole.size());
+    files.push_back(
+        {std::string(whole.substr(0, tab)), std::string(whole.substr(std::min(tab + 1, whole.size())))});
   }
   std::free(line);
   std::fclose(file);
-  return lines;
+  return files;
 }
 
 class Buffer {
@@ -72,7 +82,7 @@ class Buffer {
   std::string bytes_;
 };
 
-void writeTemporary(const std::string& path, std::string_view content) {
+void makeFile(const std::string& path, std::string_view content) {
   const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (file < 0) fail(path);
   if (::write(file, content.data(), content.size()) != static_cast<ssize_t>(content.size())) fail(path);
@@ -80,6 +90,11 @@ void writeTemporary(const std::string& path, std::string_view content) {
   if (geteuid() == 0 && fchown(file, kOwner, kGroup) != 0) fail(path);
   if (fchmod(file, kMode) != 0) fail(path);
   if (close(file) != 0) fail(path);
+}
+
+void makeCopy(const std::string& path, std::string_view content) {
+  if (unlink(path.c_str()) != 0) fail(path);
+  makeFile(path, content);
 }
 
 void flushFileSystemOf(const std::string& path) {
@@ -99,17 +114,19 @@ int main(int count, char** arguments) {
   const std::string_view work = count == 3 ? arguments[1] : "";
   if (work != "read" && work != "write" && work != "write-flushed") return 64;
   const long long begin = nanoseconds();
-  const std::vector<std::string> paths = linesOf(arguments[2]);
+  const std::vector<Listed> files = filesIn(arguments[2]);
   Buffer buffer;
   std::size_t bytes = 0;
-  for (const std::string& path : paths) {
-    const std::string_view content = buffer.read(path);
+  for (const Listed& file : files) {
+    const std::string_view content = buffer.read(file.copied.empty() ? file.path : file.copied);
     bytes += content.size();
-    if (work != "read") writeTemporary(path + ".tmp", content);
+    if (work == "read") continue;
+    if (!file.copied.empty()) makeCopy(file.path, content);
+    makeFile(file.path + ".tmp", content);
   }
-  if (work == "write-flushed" && !paths.empty()) flushFileSystemOf(paths.front());
+  if (work == "write-flushed" && !files.empty()) flushFileSystemOf(files.front().path);
   if (work != "read") {
-    for (const std::string& path : paths) replace(path);
+    for (const Listed& file : files) replace(file.path);
   }
   std::printf("%lld %zu\n", nanoseconds() - begin, bytes);
   return 0;

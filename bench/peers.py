@@ -14,6 +14,10 @@ PEERS = ("xmlstarlet", "lxml", "augtool", "libxml2", "pugixml")
 # Above so many domains one run takes minutes.
 _MOST = {"xmlstarlet": 1000, "lxml": 1000, "augtool": 10, "libxml2": 10000, "pugixml": 10000}
 _SLOW = ("xmlstarlet", "lxml")
+# Behind the names of the fastest, for a write that makes each further domain's file a copy of the first one's before it
+# edits it, as the daemon does.
+_COPIES = ", with copies"
+_COPYING = ("libxml2", "pugixml")
 _LIBRARIES = "usr/lib/x86_64-linux-gnu"
 _SOURCES = Path(__file__).resolve().parent / "peers"
 
@@ -53,14 +57,16 @@ class Peers:
     # --- orders ---------------------------------------------------------------------------------------------
 
     @staticmethod
-    def _order(tree, work):
+    def _order(tree, work, copies):
         lines = []
         if work == "read":
             for kind, paths in READ_PATHS.items():
                 lines += [f"F\t{tree.configuration}/{kind}.xml", *(f"R\t{path}\t{kind}/{path}" for path in paths)]
         else:
             for name, edits in edits_of(tree).items():
-                lines.append(f"F\t{tree.configuration}/{name}")
+                file = f"{tree.configuration}/{name}"
+                copied = copies and name in tree.further
+                lines.append(f"C\t{file}\t{tree.configuration}/sm.xml" if copied else f"F\t{file}")
                 for kind, path, *words in edits:
                     if kind == "list":
                         words = ["|".join(words[0]), "|".join(f"{key}={value}" for key, value in words[1].items())]
@@ -114,16 +120,17 @@ class Peers:
             return self._xmlstarlet_read(tree) if work == "read" else self._xmlstarlet_write(tree, texts)
         if name == "augtool":
             return self._augtool(tree, work)
-        order = self._order(tree, work)
+        order = self._order(tree, work, name.endswith(_COPIES))
         if name == "lxml":
             return ["/usr/bin/python3", str(_SOURCES / "lxml_edit.py"), order]
-        return [str(self._programs[name]), order]
+        return [str(self._programs[name.removesuffix(_COPIES)]), order]
 
     # --- runs -----------------------------------------------------------------------------------------------
 
     def variants(self, work, count, texts):
+        copying = [name + _COPIES for name in _COPYING] if work == "write" and count > 1 else []
         return [self._variant(name, work, texts, 2 if name in _SLOW and count > 10 else None)
-                for name in PEERS if count <= _MOST[name]]
+                for name in (*PEERS, *copying) if count <= _MOST[name.removesuffix(_COPIES)]]
 
     def _variant(self, name, work, texts, at_most):
         def command(tree):

@@ -47,9 +47,9 @@ class Tools:
     def said(self):
         return Path(self.output).read_text(encoding="utf-8")
 
-    def floor(self, work, tree):
+    def floor(self, work, files):
         """The floor as a whole, and without its start and end."""
-        whole = self.whole(self.program("bench_floor"), work, tree.files("read" if work == "read" else "write"))
+        whole = self.whole(self.program("bench_floor"), work, files)
         return whole, Sample(int(self.said.split()[0]), whole.peak)
 
     def requests(self, server, path, body="-", *options, method="POST", inside=()):

@@ -135,6 +135,8 @@ class Tree:
         changed = [str(self.configuration / name) for name in self.edited]
         self.list("read", component + others)
         self.list("write", changed + others)
+        first = self.configuration / "sm.xml"
+        self.list("copy", [f"{path}\t{first}" if Path(path).name in self.further else path for path in changed] + others)
         for name, request in (("read", READ), ("state", STATE), ("write", write_request(self.count))):
             (self.beside / f"{name}.json").write_text(json.dumps(request))
         (self.beside / "settings.json").write_text(json.dumps(write_request(self.count)["configuration"]))

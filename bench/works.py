@@ -107,13 +107,12 @@ class Floor:
     def __init__(self, tools):
         self.tools = tools
 
-    def variant(self, work, rows):
+    def variant(self, work, files, rows):
         def run(tree):
-            return list(self.tools.floor(work, tree))
+            return list(self.tools.floor(work, tree.files(files)))
 
         def calls(tree):
-            listed = tree.files("read" if work == "read" else "write")
-            return [self.tools.calls_of(self.tools.program("bench_floor"), work, listed), None]
+            return [self.tools.calls_of(self.tools.program("bench_floor"), work, tree.files(files)), None]
 
         return Variant(rows, run, calls)
 
@@ -122,11 +121,15 @@ def variants(tools, work, count, rounds):
     """The variants of the product and of the floor."""
     floor, product = Floor(tools), Product(tools)
     if work == "write":
-        return [floor.variant("write", [("floor, no flush", FLUSHED), ("floor, no flush, in process", FLUSHED_INSIDE)]),
-                floor.variant("write-flushed", [(FLUSHED, FLUSHED), (FLUSHED_INSIDE, FLUSHED_INSIDE)]),
+        return [floor.variant("write", "write",
+                              [("floor, no flush", FLUSHED), ("floor, no flush, in process", FLUSHED_INSIDE)]),
+                floor.variant("write-flushed", "write", [(FLUSHED, FLUSHED), (FLUSHED_INSIDE, FLUSHED_INSIDE)]),
+                floor.variant("write-flushed", "copy",
+                              [("floor, one flush, with copies", FLUSHED),
+                               ("floor, one flush, with copies, in process", FLUSHED_INSIDE)]),
                 product.write_over_socket(), product.tool(work, FLUSHED), product.started(work, FLUSHED),
                 product.inside(work, FLUSHED_INSIDE)]
-    reading = [floor.variant("read", [(READING, READING), (READING_INSIDE, READING_INSIDE)])] if work == "read" else []
+    reading = [floor.variant("read", "read", [(READING, READING), (READING_INSIDE, READING_INSIDE)])] if work == "read" else []
     inside = READING_INSIDE if work == "read" else READING
     return [*reading, product.socket(work, rounds), product.tool(work, READING), product.started(work, READING),
             product.inside(work, inside, rounds)]

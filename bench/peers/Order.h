@@ -6,9 +6,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -35,6 +37,14 @@ inline std::vector<std::string> split(std::string_view text, char separator) {
 inline void own(const std::string& path) {
   if (geteuid() == 0 && chown(path.c_str(), 84, 0) != 0) fail(path);
   if (chmod(path.c_str(), 0600) != 0) fail(path);
+}
+
+// In place of the file there is.
+inline void copy(const std::string& from, const std::string& path) {
+  std::error_code problem;
+  std::filesystem::remove(path, problem);
+  if (!std::filesystem::copy_file(from, path, problem)) fail(path);
+  own(path);
 }
 
 inline void flushFileSystemOf(const std::string& path) {
@@ -67,9 +77,10 @@ int carryOut(const char* orderFile) {
   for (std::string line; std::getline(lines, line);) {
     const auto words = split(line, '\t');
     const char kind = words[0][0];
-    if (kind == 'F') {
+    if (kind == 'F' || kind == 'C') {
       finish();
       path = words[1];
+      if (kind == 'C') copy(words[2], path);
       if (!document.load(path)) fail(path);
       continue;
     }

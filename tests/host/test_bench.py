@@ -72,9 +72,20 @@ def notice_other_work(base, tree, scratch):
     wanted = edits.expected(tree, base.texts)
     assert edits.difference(tree, wanted) == "c2s.xml has no backup"
     # The floor writes what it read.
-    Tools(buildDirectory(), scratch).floor("write-flushed", tree)
+    Tools(buildDirectory(), scratch).floor("write-flushed", tree.files("write"))
     for name, content in before.items():
         assert (tree.configuration / name).read_bytes() == content
         assert (tree.configuration / f"{name}.bak").read_bytes() == content
         assert not (tree.configuration / f"{name}.tmp").exists()
     assert edits.difference(tree, wanted).startswith("c2s.xml differs at ")
+
+
+def test_the_floor_makes_a_further_domains_file_a_copy_first_where_it_is_told_to():
+    with reachable() as scratch, reachable() as place:
+        tree = Base(scratch, buildDirectory()).tree(place, 2)
+        first, further = (tree.configuration / name for name in ("sm.xml", tree.further[0]))
+        further.write_text("<sm/>")
+        Tools(buildDirectory(), scratch).floor("write-flushed", tree.files("copy"))
+        for name in (first, further, further.with_name(f"{further.name}.bak")):
+            assert name.read_bytes() == first.read_bytes()
+        assert not list(tree.configuration.glob("*.tmp"))
