@@ -60,6 +60,9 @@ class RequestExecutor : public Object {
   /// back when it fails.
   Result<void> change(const std::function<Result<void>()>& work);
 
+  /// The last settings write can be undone no longer.
+  Result<void> forgetLastChange() { return journal_.forgetLast(); }
+
   ExecutionOutcome idle(PluginRequestHandler& handler, int count);
   ExecutionOutcome networkChanged(PluginRequestHandler& handler, const NetworkChangeContext& context);
 

@@ -143,6 +143,9 @@ void TlsCertificateChange::goBack(const char* id, const std::string& reason) {
   std::string sentence = reason + " The former certificate and settings are back";
   const auto file = takeFileBack();
   const auto settings = set_ ? set(service_.keyFile) : std::nullopt;
+  // To undo the last write would name the new file again, which may be gone.
+  const bool namedAnother = set_ && service_.keyFile != kTlsCertificateFile;
+  const auto forgotten = namedAnother && !settings ? executor_.forgetLastChange() : Result<void>();
   const bool runs = !outcome_.restarted || restart();
   if (!file) {
     sentence = fill("%@ The former file could not be put back: %@; it is %@",
@@ -151,6 +154,9 @@ void TlsCertificateChange::goBack(const char* id, const std::string& reason) {
     sentence = fill("%@ The former settings could not be put back: %@", {reason, *settings});
   } else if (!runs) {
     sentence += ", but the service does not start with them either";
+  } else if (!forgotten) {
+    sentence += fill(", but to undo the last settings write would take them away: %@",
+                     {forgotten.error().description()});
   }
   outcome_.changed = !file || settings;
   outcome_.running = outcome_.running && runs;

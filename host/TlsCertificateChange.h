@@ -32,8 +32,9 @@ struct TlsCertificateOutcome {
 
 /// One change of the certificate that a service shows. The file is replaced in one step, and its former
 /// version becomes "%@.bak"; then the settings name it, the service is restarted if it runs, and has to show
-/// the certificate wherever it listens. When any of that fails, file and settings are put back and the
-/// service is started with them. On the thread of the work slot.
+/// the certificate wherever it listens. When any of that fails, file and settings are put back, so that
+/// there is no settings write to undo any more, and the service is started with them. On the thread of the
+/// work slot.
 class TlsCertificateChange {
  public:
   /// All is borrowed.

@@ -95,6 +95,8 @@ class JournalDirectory {
 
   /// The last undoable change that was kept and tidied up after. ENOENT when there is none.
   Result<EndedJournal> last();
+  /// That change can be undone no longer. Success where there is none.
+  Result<void> forgetLast();
   /// What the files of that change were after it. A file is `kUnknownVersion` where that can no longer be
   /// known.
   Result<EndedJournal::Versions> versionsAfter(const EndedJournal& last) const;

@@ -31,6 +31,16 @@ Result<EndedJournal> JournalDirectory::last() {
   return EndedJournal::open(home_.get(), kLastJournal);
 }
 
+Result<void> JournalDirectory::forgetLast() {
+  if (const auto journal = last(); !journal) {
+    return journal.error().code() == ENOENT ? Result<void>() : Result<void>(journal.error());
+  }
+  if (auto removed = removeTree({home_.get(), kKeptJournal}); !removed) return removed;
+  // In one step, as half a journal would tell of another change.
+  auto renamed = resultOf(::renameat(home_.get(), kLastJournal.c_str(), home_.get(), kKeptJournal.c_str()));
+  return renamed ? removeTree({home_.get(), kKeptJournal}) : renamed;
+}
+
 Result<std::string> JournalDirectory::versionNow(const EndedJournal::Note& note,
                                                  std::optional<FileTime> since) const {
   const auto directory = open(note.path.empty() ? "/" : note.path);

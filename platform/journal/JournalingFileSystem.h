@@ -41,6 +41,8 @@ class JournalingFileSystem : public FileSystem, public Changes {
   bool finishRequest(bool failed);
   /// Removes what the last request has left in the journal, which nobody needs to wait for.
   void tidyUp();
+  /// Outside of a request: nothing can be undone until the next undoable change.
+  Result<void> forgetLast();
 
   void keep() override;
   void begin() override;
@@ -114,7 +116,8 @@ class JournalingFileSystem : public FileSystem, public Changes {
   bool failed_ = false;
   bool undoUnfinished_ = false;
   std::size_t timesUndone_ = 0;
-  bool hasKept_ = false;  // whether there is a journal that has ended
+  bool hasKept_ = false;        // whether there is a journal that has ended
+  bool undoableWaits_ = false;  // whether there may be an undoable one among them
   std::map<std::string, JournalDirectory::OpenedDirectory> directories_;  // as callers name them
   // Without links; true for files whose notes tell of the names beside them, too.
   std::unordered_map<std::string, bool> noted_;

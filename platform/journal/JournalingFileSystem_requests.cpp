@@ -39,6 +39,12 @@ void JournalingFileSystem::tidyUp() {
   if (!hasKept_) return;
   journal_.tidyUp();
   hasKept_ = false;
+  undoableWaits_ = false;
+}
+
+Result<void> JournalingFileSystem::forgetLast() {
+  tidyUp();
+  return journal_.forgetLast();
 }
 
 void JournalingFileSystem::keep() {
@@ -47,6 +53,8 @@ void JournalingFileSystem::keep() {
 
 void JournalingFileSystem::begin() {
   keep();
+  // An undoable change of the same request would lose its journal to the next one, which may change nothing.
+  if (undoableWaits_) tidyUp();
   together_ = true;
   failed_ = false;
 }
@@ -92,6 +100,7 @@ bool JournalingFileSystem::keepNow(bool undoable) {
                          "");
     return false;
   }
+  undoableWaits_ = undoableWaits_ || undoable;
   forgetNotes();
   return true;
 }

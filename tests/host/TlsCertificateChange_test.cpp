@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "common/DurableReplace.h"
 #include "tests/support/TestPlatform.h"
 
 namespace tessard {
@@ -13,12 +14,13 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
+constexpr const char* kSettings = "/private/etc/jabberd_notification/settings";
 constexpr const char* kBackup = "/private/etc/jabberd_notification/tls-certificate.pem.bak";
 
 // A plug-in whose service starts as long as it may.
 class ScriptedService : public PluginRequestHandler {
  public:
-  explicit ScriptedService(Platform& platform) : PluginRequestHandler(platform) {}
+  explicit ScriptedService(Platform& platform) : PluginRequestHandler(platform), platform_(platform) {}
 
   std::string keyFile = "/private/etc/former.pem";
   bool takesSettings = true;
@@ -47,11 +49,16 @@ class ScriptedService : public PluginRequestHandler {
     did.push_back("set " + *wanted);
     if (takesSettings) {
       keyFile = *wanted;
+      ChangeSet changes(platform_.changes);
+      EXPECT_TRUE(writeAtomically(platform_.files, kSettings, keyFile, {}));
+      EXPECT_TRUE(changes.endUndoably());
     } else {
       logError_source("the settings are written in stone", "");
     }
     return {{"configuration", Dictionary{{"sslKeyFile", keyFile}}}};
   }
+
+  Platform& platform_;
 };
 
 struct TlsCertificateChanges : testing::Test {
@@ -149,6 +156,36 @@ TEST_F(TlsCertificateChanges, AFirstFileIsGoneAgainWhenTheServiceDoesNotStartWit
   EXPECT_EQ(handler.keyFile, "/private/etc/former.pem");
   EXPECT_THAT(handler.did, ElementsAre(std::string("set ") + kTlsCertificateFile, "restart",
                                        "set /private/etc/former.pem", "restart"));
+}
+
+TEST_F(TlsCertificateChanges, AfterwardsTheSettingsCanBeUndone) {
+  ASSERT_FALSE(change("new").failure);
+  platform.journal.tidyUp();
+  EXPECT_EQ(platform.journal.lastChange().state, LastChange::State::undoable);
+}
+
+TEST_F(TlsCertificateChanges, OnceTakenBackItLeavesNoChangeWhoseUndoWouldNameAFileThatIsGone) {
+  handler.startsLeft = 0;
+  ASSERT_TRUE(change("new").failure);
+  platform.journal.tidyUp();
+  EXPECT_EQ(platform.journal.lastChange().state, LastChange::State::none);
+}
+
+TEST_F(TlsCertificateChanges, WhereTheSettingsNamedTheFileBeforeWhatCouldBeUndoneStillCan) {
+  ASSERT_FALSE(change("new").failure);
+  handler.startsLeft = 0;
+  ASSERT_TRUE(change("newer").failure);
+  platform.journal.tidyUp();
+  EXPECT_EQ(platform.journal.lastChange().state, LastChange::State::undoable);
+}
+
+TEST_F(TlsCertificateChanges, WhereNothingWasSetWhatCouldBeUndoneStillCan) {
+  ASSERT_FALSE(change("new").failure);
+  handler.takesSettings = false;
+  handler.keyFile = "/private/etc/former.pem";
+  ASSERT_TRUE(change("newer").failure);
+  platform.journal.tidyUp();
+  EXPECT_EQ(platform.journal.lastChange().state, LastChange::State::undoable);
 }
 
 TEST_F(TlsCertificateChanges, TheFormerFileIsBackWithItsOwnModeWhenTheServiceDoesNotStart) {

@@ -186,6 +186,44 @@ TEST_F(LastChangeTest, IsNotOneThatLeftEverythingAsItWas) {
   EXPECT_EQ(root.read("/etc/a"), "old a");
 }
 
+TEST_F(LastChangeTest, IsNotLostForOneThatLeftEverythingAsItWasBeforeItWasTidiedUpAfter) {
+  files.startRequest();
+  for (int time = 0; time < 2; ++time) {
+    ChangeSet changes(files);
+    ASSERT_TRUE(writeAtomically(files, "/etc/a", "new a", kOwnership));
+    ASSERT_TRUE(changes.endUndoably());
+  }
+  ASSERT_TRUE(files.finishRequest(false));
+  files.tidyUp();
+  EXPECT_EQ(undo().state, State::undoable);
+  EXPECT_EQ(root.read("/etc/a"), "old a");
+}
+
+TEST_F(LastChangeTest, IsNoneOnceItIsForgotten) {
+  ASSERT_TRUE(files.forgetLast());
+  write("/etc/a", "new a");
+  ASSERT_TRUE(files.forgetLast());
+  EXPECT_EQ(undo().state, State::none);
+  EXPECT_EQ(root.read("/etc/a"), "new a");
+  EXPECT_FALSE(root.exists(kHome + "/kept"));
+  restart();
+  EXPECT_EQ(undo().state, State::none);
+  write("/etc/a", "newer a");
+  EXPECT_EQ(undo().state, State::undoable);
+}
+
+TEST_F(LastChangeTest, IsNoneOnceItIsForgottenBeforeItWasTidiedUpAfter) {
+  files.startRequest();
+  {
+    ChangeSet changes(files);
+    ASSERT_TRUE(writeAtomically(files, "/etc/a", "new a", kOwnership));
+    ASSERT_TRUE(changes.endUndoably());
+  }
+  ASSERT_TRUE(files.finishRequest(false));
+  ASSERT_TRUE(files.forgetLast());
+  EXPECT_EQ(undo().state, State::none);
+}
+
 TEST_F(LastChangeTest, IsOneThatChangedPermissionsAlone) {
   request([&] { ASSERT_TRUE(files.setOwnership("/var/old", {std::nullopt, std::nullopt, 0711})); });
   ASSERT_EQ(undo().state, State::undoable);
