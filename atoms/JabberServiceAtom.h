@@ -84,6 +84,7 @@ class NOTIFICATION_PLUGIN_JabberServiceAtom : public NOTIFICATION_PLUGIN_ChatSer
   void readSwitch(const char* key, const std::string& path, SettingsDictionary& settings);
   std::optional<std::vector<std::string>> liveValuesAt(const std::string& path, const char* preferenceKey,
                                                        const Dictionary& preferences);
+  Result<void> makeDirectory(const std::string& path, const FileOwnership& ownership);
   bool isDirectory(const std::string& path);
   Result<void> ensureDatabaseDirectory(const std::string& path);
   void databaseCreationFailed(std::string_view output, std::string_view error);

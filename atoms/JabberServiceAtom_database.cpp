@@ -29,9 +29,12 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::createServiceDatabase(const std::str
     databaseCreationFailed("", fill("%@: %@", {path, removed.error().description()}));
     return false;
   }
-  // Made by us, so that it belongs to the changes of the request. Where this fails, the tool says why.
+  // Made by us, so that it belongs to the changes of the request: what the tool makes could not be put back.
   const FileOwnership ownership{kJabberUserID, kJabberGroupID, kDatabasePermissions};
-  static_cast<void>(platform().files.createFile(path, "", ownership, Flush::now).ok());
+  if (const auto made = platform().files.createFile(path, "", ownership, Flush::now); !made) {
+    databaseCreationFailed("", fill("%@: %@", {path, made.error().description()}));
+    return false;
+  }
   const DatabaseOutcome outcome = makeDatabaseFromScript(platform(), kJabberDatabaseScript, path);
   if (!outcome.made) {
     databaseCreationFailed(outcome.output, outcome.errorText);

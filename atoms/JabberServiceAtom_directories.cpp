@@ -6,10 +6,15 @@ namespace tessard {
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::createDirectory_ownerID_groupID_permissions(
     const std::string& path, unsigned ownerID, unsigned groupID, unsigned permissions) {
-  const auto made = platform().files.createDirectory(path, {ownerID, groupID, permissions}, true);
-  if (made || isDirectory(path)) return true;
+  return makeDirectory(path, {ownerID, groupID, permissions}).ok();
+}
+
+Result<void> NOTIFICATION_PLUGIN_JabberServiceAtom::makeDirectory(const std::string& path,
+                                                                  const FileOwnership& ownership) {
+  const auto made = platform().files.createDirectory(path, ownership, true);
+  if (made || isDirectory(path)) return {};
   logDebug_source(fill("creating directory '%@' failed: '%@'", {path, made.error().description()}), "");
-  return false;
+  return made;
 }
 
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::isDirectory(const std::string& path) {
@@ -44,9 +49,10 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::directoryHasAttributes_ownerID_group
 bool NOTIFICATION_PLUGIN_JabberServiceAtom::configureDirectory_ownerID_groupID_permissions(
     const std::optional<std::string>& path, unsigned ownerID, unsigned groupID, unsigned permissions) {
   if (!path) return false;
+  Result<void> made;
   if (!platform().files.exists(*path)) {
     // Both answers only log: what counts is whether the owner can write in the directory in the end.
-    createDirectory_ownerID_groupID_permissions(*path, ownerID, groupID, permissions);
+    made = makeDirectory(*path, {ownerID, groupID, permissions});
     directoryHasAttributes_ownerID_groupID_permissions(*path, ownerID, groupID, permissions);
   }
   if (userHasDirectoryWriteAccess_userID(path, ownerID)) {
@@ -54,6 +60,9 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::configureDirectory_ownerID_groupID_p
     return true;
   }
   logError_source(fill("inaccessible directory: %@", {*path}), "");
+  // Otherwise the path alone tells what can be wrong: owner, permissions, or that it is no directory.
+  if (!made)
+    logWarning_source(fill("Reason of the inaccessible directory: %@", {made.error().description()}), "");
   return false;
 }
 

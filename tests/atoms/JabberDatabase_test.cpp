@@ -161,11 +161,19 @@ TEST_F(JabberDatabase, IsNotMadeFromAScriptThatMakesNoTables) {
 TEST_F(JabberDatabase, IsNotMadeInWhatIsNoDirectory) {
   platform.root.write(kDatabaseDirectory, "a file");
   EXPECT_FALSE(atom->createServiceDatabase(kDatabase));
-  ASSERT_THAT(platform.log.lines(), SizeIs(1));
-  EXPECT_THAT(platform.log.lines().front(),
-              StartsWith("tessard_notification[E]: Creating jabberd database failed: ''; "));
-  EXPECT_THAT(platform.log.lines().front(), HasSubstr("unable to open database"));
+  EXPECT_THAT(platform.log.lines(), ElementsAre(whole("E", "Creating jabberd database failed: ''; '" +
+                                                               kDatabase + ": Not a directory'")));
   EXPECT_EQ(platform.root.read(kDatabaseDirectory), "a file");
+}
+
+// Nobody could take it away then, and the next attempt would take it for ready.
+TEST_F(JabberDatabase, IsNotMadeByTheToolAloneWhereItsFileCannotBeMade) {
+  platform.files.failAll("createFile", ENOSPC);
+  EXPECT_FALSE(atom->createServiceDatabase(kDatabase));
+  EXPECT_THAT(platform.log.lines(), ElementsAre(whole("E", "Creating jabberd database failed: ''; '" +
+                                                               kDatabase + ": No space left on device'")));
+  EXPECT_THAT(platform.tasks.calls, IsEmpty());
+  expectNothingLeft();
 }
 
 TEST_F(JabberDatabase, IsNotTakenForMissingWhenItCannotBeLookedAt) {

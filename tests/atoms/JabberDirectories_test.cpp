@@ -151,6 +151,15 @@ TEST_F(JabberDirectories, AreUnusableWhenTheOwnerMayNotWrite) {
   EXPECT_THAT(platform.log.lines(), ElementsAre(whole("E", "inaccessible directory: /var/chats")));
 }
 
+TEST_F(JabberDirectories, AreUnusableWhenTheyCannotBeMadeForAReasonThatIsTold) {
+  grantAccess(1);
+  platform.files.failAll("createDirectory", EROFS);
+  EXPECT_FALSE(configure("/var/chats"));
+  EXPECT_THAT(platform.log.lines(),
+              ElementsAre(whole("E", "inaccessible directory: /var/chats"),
+                          whole("W", "Reason of the inaccessible directory: Read-only file system")));
+}
+
 TEST_F(JabberDirectories, AreUsableWhateverBecomesOfMakingThemWhenTheToolGrantsAccess) {
   grantAccess();
   platform.files.failAll("createDirectory", EROFS);
