@@ -168,6 +168,9 @@ def test_where_the_service_had_none_it_has_none_again(running, authority):
     assert running.settings()["sslKeyFile"] == ""
     assert running.machine.run("ls", FILE, check=False).returncode != 0
     assert b"pemfile='" not in files(running)["c2s.xml"]
+    # What could be undone named the file that is gone.
+    undo = running.tool("--json", "settings", "undo", check=False)
+    assert json.loads(undo.stdout)["error"] == "nothing-to-undo"
     pair = authority.issue("back", DOMAINS)
     assert imported(running, *pair_words(pair)).returncode == 0
     assert everywhere(running) == {pair.sha256}
