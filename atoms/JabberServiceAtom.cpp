@@ -29,10 +29,11 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::initServiceData() {
   if (!createServiceDatabase(database)) return false;
   if (!createServicePidDirectory()) return false;
   if (!initializeServiceConfigurations()) return false;
-  const auto location = owner().getPreferenceValueForKey("savedChatsLocation");
+  const auto preference = owner().getPreferenceValueForKey("savedChatsLocation");
+  const auto location = preference ? preference->stringValue() : std::nullopt;
   const bool usable = configureDirectory_ownerID_groupID_permissions(
-      location ? location->stringValue() : std::nullopt, kJabberUserID, kSavedChatsGroupID,
-      kSavedChatsPermissions);
+      location, kJabberUserID, kSavedChatsGroupID, kSavedChatsPermissions);
+  if (!usable && location && !platform().files.exists(*location)) return false;
   return changes.end() && usable;
 }
 

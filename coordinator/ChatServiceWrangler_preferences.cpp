@@ -58,6 +58,8 @@ const Dictionary* NOTIFICATION_PLUGIN_ChatServiceWrangler::lookAtPreferences(
     logError_source(fill("the preferences cannot be read: \"%@\" : %@",
                          {kBundleConfigFilePath, stored.error().description()}),
                     "");
+    // Who goes on without them would change something else than was asked for.
+    platform_.changes.fail();
     return nullptr;
   }
   if (preferencesExist()) return nullptr;

@@ -53,7 +53,7 @@ OwnerMap ownersForThisUser() {
 
 RealPlatform::RealPlatform(const HostConfiguration& configuration)
     : files(configuration.root, ownersForThisUser()),
-      ownTasks(configuration.root, configuration.programsDirectory),
+      ownTasks(configuration.root, configuration.programsDirectory, PosixTasks::kTimeLimitSeconds, &log),
       unitTasks(configuration.root, configuration.programsDirectory, kUnitPatienceSeconds),
       ownQuestionTasks(configuration.root, configuration.programsDirectory, kQuestionPatienceSeconds),
       tasks(ownTasks, missingRights(configuration)),

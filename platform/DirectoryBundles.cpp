@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "common/FileSystem.h"
 #include "common/PropertyList.h"
 
 namespace tessard {
@@ -47,8 +48,9 @@ std::optional<std::string> DirectoryBundle::pathForResource_ofType(std::string_v
   if (!isFileName(name) || !isFileName(file)) return std::nullopt;
   std::string path = path_ + "/Contents/Resources/" + file;
   const Result<FileAttributes> attributes = files_.attributes(path);
-  if (!attributes || attributes.value().kind != FileAttributes::Kind::regular) return std::nullopt;
-  return path;
+  const bool isThere =
+      attributes ? attributes.value().kind == FileAttributes::Kind::regular : mayPass(attributes.error());
+  return isThere ? std::optional(path) : std::nullopt;
 }
 
 Result<DirectoryBundle*> DirectoryBundles::add(std::string_view directory) {

@@ -26,7 +26,8 @@ class DirectoryBundle : public Bundle {
 
   const Dictionary& infoDictionary() override { return information_; }
 
-  /// "<bundle>/Contents/Resources/name[.type]" when a regular file is there. A name or type that would lead
+  /// "<bundle>/Contents/Resources/name[.type]" when a regular file is there, or when that cannot be told: who
+  /// uses it then learns why. A name or type that would lead
   /// elsewhere (empty name, "/", a NUL byte, "." and "..") has no resource.
   std::optional<std::string> pathForResource_ofType(std::string_view name, std::string_view type) override;
 

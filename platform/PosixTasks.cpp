@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "common/FileSystem.h"
+#include "common/Format.h"
 #include "platform/ChildProcess.h"
 
 namespace tessard {
@@ -38,10 +39,12 @@ SystemError notAbsolute(std::string_view path) {
 
 }  // namespace
 
-PosixTasks::PosixTasks(std::string systemRoot, std::string programsDirectory, double timeLimitSeconds)
+PosixTasks::PosixTasks(std::string systemRoot, std::string programsDirectory, double timeLimitSeconds,
+                       Log* log)
     : prefix_(withoutSlashesAtEnd(std::move(systemRoot))),
       programsDirectory_(withoutSlashesAtEnd(std::move(programsDirectory))),
-      timeLimitSeconds_(timeLimitSeconds) {}
+      timeLimitSeconds_(timeLimitSeconds),
+      log_(log) {}
 
 TaskResult PosixTasks::launch_task(std::string_view program, const std::vector<TaskArgument>& arguments) {
   return start(program, arguments, std::nullopt, true);
@@ -54,7 +57,12 @@ TaskResult PosixTasks::launch_task_with_input(std::string_view program,
 }
 
 int PosixTasks::ZtRunTask(std::string_view program, const std::vector<TaskArgument>& arguments) {
-  return start(program, arguments, std::nullopt, false).status;
+  const TaskResult ran = start(program, arguments, std::nullopt, false);
+  // Nothing of the program's is captured: this is our own reason.
+  if (log_ && !ran.errorText.empty()) {
+    Object(*log_).logWarning_source(fill("running \"%@\" failed: %@", {program, ran.errorText}), "");
+  }
+  return ran.status;
 }
 
 Result<std::string> PosixTasks::locate(std::string_view program) const {

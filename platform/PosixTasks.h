@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/Log.h"
 #include "common/Result.h"
 #include "common/Tasks.h"
 
@@ -25,10 +26,13 @@ namespace tessard {
 /// SIGCHLD and what a call leaves running stands at `ChildProcess`. Any thread may call.
 class PosixTasks : public Tasks {
  public:
+  static constexpr double kTimeLimitSeconds = 60;
   static constexpr std::size_t kCaptureLimit = std::size_t{16} * 1024 * 1024;
 
+  /// `log`, when it is given, is borrowed, and told why a program could not be run whose status alone is
+  /// asked for.
   explicit PosixTasks(std::string systemRoot, std::string programsDirectory = "/usr/libexec/tessardd",
-                      double timeLimitSeconds = 60);
+                      double timeLimitSeconds = kTimeLimitSeconds, Log* log = nullptr);
 
   TaskResult launch_task(std::string_view program, const std::vector<TaskArgument>& arguments) override;
   TaskResult launch_task_with_input(std::string_view program, const std::vector<TaskArgument>& arguments,
@@ -46,6 +50,7 @@ class PosixTasks : public Tasks {
   std::string prefix_;  // the system root without a slash at its end: empty for "/"
   std::string programsDirectory_;
   double timeLimitSeconds_;
+  Log* log_;
 };
 
 }  // namespace tessard

@@ -149,6 +149,21 @@ TEST_F(JabberServiceData, StopWithAnUnusableDirectoryOfSavedChats) {
   EXPECT_THAT(platform.log.lines(), ElementsAre(whole("E", "inaccessible directory: /var/chats")));
 }
 
+TEST_F(JabberServiceData, AreMadeAnewWithADirectoryOfSavedChatsThatCouldNotBeMade) {
+  platform.files.failPath("createDirectory", "/var/chats", ENOSPC);
+  grantAccess(1);
+  platform.journal.startRequest();
+  EXPECT_FALSE(atom->initServiceData());
+  platform.journal.finishRequest(false);
+  EXPECT_THAT(made(), IsEmpty());
+  platform.files.heal();
+  grantAccess();
+  platform.journal.startRequest();
+  EXPECT_TRUE(atom->initServiceData());
+  platform.journal.finishRequest(false);
+  EXPECT_THAT(made(), ElementsAre("database", "run directory", "templates", "saved chats"));
+}
+
 TEST_F(JabberServiceData, FailWithoutAPreferenceForTheSavedChats) {
   for (const Dictionary& preferences : {Dictionary{}, Dictionary{{"savedChatsLocation", Array{}}}}) {
     owner.preferences = preferences;

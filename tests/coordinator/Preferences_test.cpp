@@ -214,6 +214,16 @@ TEST_F(Preferences, SettingAValueInAFileThatCannotBeReadForTheMomentLeavesItAsIt
                           "preferences were not saved: \"" + path + "\" : Too many open files"));
 }
 
+TEST_F(Preferences, WhereTheyCannotBeReadForTheMomentWhatIsBeingChangedIsPutBack) {
+  store({{"a", 1}});
+  platform.journal.startRequest();
+  platform.journal.begin();
+  platform.files.failPath("readFile", ".plist", EIO);
+  EXPECT_FALSE(wrangler->getPreferenceValueForKey("a"));
+  EXPECT_FALSE(platform.journal.end());
+  platform.journal.finishRequest(false);
+}
+
 TEST_F(Preferences, WhatSomebodyElseHasWrittenSinceTheLastLookIsKeptAndReported) {
   store({{"a", 1}});
   ASSERT_TRUE(wrangler->loadPreferences());

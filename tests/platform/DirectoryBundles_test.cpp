@@ -86,6 +86,13 @@ TEST_F(DirectoryBundlesTest, ResourcesAreFoundWithAndWithoutAType) {
       << "looked for on every call";
 }
 
+TEST_F(DirectoryBundlesTest, AResourceThatCannotBeLookedAtForTheMomentIsNotTakenForMissing) {
+  write("Info.plist", information("com.example.x"));
+  DirectoryBundle& bundle = *bundles.add(kBundle).value();
+  test.files.failAll("attributes", EMFILE);
+  EXPECT_EQ(bundle.pathForResource_ofType("tool", ""), std::string(kBundle) + "/Contents/Resources/tool");
+}
+
 TEST_F(DirectoryBundlesTest, NoNameLeadsOutOfTheResources) {
   write("Info.plist", information("com.example.x"));
   write("Resources/folder/inner", "x");

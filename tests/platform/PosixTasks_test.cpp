@@ -15,12 +15,14 @@
 #include <thread>
 
 #include "platform/FileDescriptor.h"
+#include "tests/support/RecordingLog.h"
 #include "tests/support/ScratchRoot.h"
 
 namespace tessard {
 namespace {
 
 using testing::AllOf;
+using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -302,6 +304,19 @@ TEST(PosixTasks, AMissingProgramIs127WithTheReason) {
   EXPECT_EQ(result.status, 127);
   EXPECT_EQ(result.errorText, "/usr/sbin/no-such-program: No such file or directory");
   EXPECT_EQ(tasks.ZtRunTask("/usr/sbin/no-such-program", {}), 127);
+}
+
+TEST(PosixTasks, WhoAsksForTheStatusAloneFindsTheReasonInTheLog) {
+  RecordingLog log;
+  Log& written = log;
+  PosixTasks tasks("/", "/nowhere", PosixTasks::kTimeLimitSeconds, &written);
+  EXPECT_EQ(tasks.ZtRunTask("/usr/sbin/no-such-program", {}), 127);
+  EXPECT_THAT(log.messages(kLogWarning),
+              ElementsAre("running \"/usr/sbin/no-such-program\" failed: /usr/sbin/no-such-program: "
+                          "No such file or directory"));
+  log.clear();
+  EXPECT_EQ(tasks.ZtRunTask("/bin/sh", {text("-c"), text("echo to nobody >&2; exit 127")}), 127);
+  EXPECT_THAT(log.messages(), IsEmpty()) << "the program says itself what is wrong";
 }
 
 TEST(PosixTasks, WhatCannotBeExecutedIs127WithTheReason) {

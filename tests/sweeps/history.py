@@ -31,11 +31,16 @@ class Refused(AssertionError):
     """An answer that is an error, or says that something went wrong."""
 
 
+warned = []  # what the last request logged as warnings
+
+
 def ask(daemon, path="/v1/plugins/notification", **request):
     """The answer to a request that went well."""
+    warned.clear()
     answer = daemon.post(request, path=f"{path}?with=log")
     content = answer.json
     errors = [line for line in content.get("log", []) if line["level"] == "error"]
+    warned.extend(line["message"] for line in content.get("log", []) if line["level"] == "warning")
     if answer.status != 200 or errors or "error" in content["answer"]:
         raise Refused(f"{request}: {answer.status} {content}")
     return content["answer"]

@@ -13,7 +13,7 @@ from pathlib import Path
 
 import pytest
 
-from history import Refused, hasOpenJournal, treeOf
+from history import Refused, hasOpenJournal, treeOf, warned
 from hosttools import needsPlugin
 from interruptions import Laboratory, scenarios
 from sweeptools import SANITIZED, report, size
@@ -132,6 +132,7 @@ class Bench:
     def attempt(self, number, name, onwards):
         """What is wrong with what becomes of the request when that call fails; nothing when all is as promised."""
         root = self.laboratory.fresh()
+        text = os.strerror(getattr(errno, name))
         with self.laboratory as daemon:
             self.failures.arm(daemon, number, getattr(errno, name), ERRORS[name] if onwards else 0)
             try:
@@ -141,6 +142,7 @@ class Bench:
             failed = self.failures.disarm()
             if not failed:
                 return None
+            isTold = any(text in warning for warning in warned)
             found = treeOf(root)
             unfinished = hasOpenJournal(root)
             again = self.request(daemon)[1] if told and not unfinished else None
@@ -155,9 +157,8 @@ class Bench:
         elif strays:
             problem = f"left over: {strays}"
         elif told is None:
-            problem = self.judgeSilence(failed, answer, found, onwards)
+            problem = self.judgeSilence(failed, answer, found, onwards or isTold)
         else:
-            text = os.strerror(getattr(errno, name))
             problem = self.judgeFailure(number, failed, told, found, text) or self.judgeEnd(found, treeOf(root))
         return problem and f"{failed[0]} {failed[2]}: {problem}; told: {told}"
 
@@ -171,7 +172,7 @@ class Bench:
         wrong = self.unlike(treeOf(root), self.new) if self.scenario.allOrNothing else []
         return [f"{failed}: {told} {wrong}"] if told or wrong else []
 
-    def judgeSilence(self, failed, answer, found, onwards):
+    def judgeSilence(self, failed, answer, found, mayBeSilent):
         self.silent += 1
         if self.scenario.allOrNothing:
             # Owners and permissions may be others.
@@ -181,7 +182,7 @@ class Bench:
                 return f"nobody was told, and not done: {wrong}"
             if answer != self.answer:
                 return f"nobody was told, but the answer is {answer}"
-        return None if onwards or self.mayBeIgnored(*failed) else "nobody was told"
+        return None if mayBeSilent or self.mayBeIgnored(*failed) else "nobody was told"
 
     def judgeFailure(self, number, failed, told, found, text):
         self.told += 1
