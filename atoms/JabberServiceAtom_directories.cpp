@@ -11,7 +11,7 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::createDirectory_ownerID_groupID_perm
 
 Result<void> NOTIFICATION_PLUGIN_JabberServiceAtom::makeDirectory(const std::string& path,
                                                                   const FileOwnership& ownership) {
-  const auto made = platform().files.createDirectory(path, ownership, true);
+  auto made = platform().files.createDirectory(path, ownership, true);
   if (made || isDirectory(path)) return {};
   logDebug_source(fill("creating directory '%@' failed: '%@'", {path, made.error().description()}), "");
   return made;

@@ -114,7 +114,7 @@ Result<void> JournalingFileSystem::makeLast(bool undoable) {
   hasKept_ = hasKept_ || !journal_.isEmpty();
   const auto makeNamesLast = [this]() -> Result<void> {
     for (const std::string& directory : unsynced_) {
-      const auto synced = behind_.syncDirectory(directory);
+      auto synced = behind_.syncDirectory(directory);
       // A directory that is gone has no names left.
       if (!synced && synced.error().code() != ENOENT) return synced;
     }
