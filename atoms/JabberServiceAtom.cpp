@@ -33,6 +33,7 @@ bool NOTIFICATION_PLUGIN_JabberServiceAtom::initServiceData() {
   const auto location = preference ? preference->stringValue() : std::nullopt;
   const bool usable = configureDirectory_ownerID_groupID_permissions(
       location, kJabberUserID, kSavedChatsGroupID, kSavedChatsPermissions);
+  // What could not be made is tried again with all the rest; what is there is the administrator's.
   if (!usable && location && !platform().files.exists(*location)) return false;
   return changes.end() && usable;
 }
