@@ -7,16 +7,14 @@ import xml.etree.ElementTree as ET
 from pathlib import Path
 
 from edits import edits_of
-from report import FLUSHED, READING
+from report import COPIES, FLUSHED, READING
 from works import Variant
 
 PEERS = ("xmlstarlet", "lxml", "augtool", "libxml2", "pugixml")
 # Above so many domains one run takes minutes.
 _MOST = {"xmlstarlet": 1000, "lxml": 1000, "augtool": 10, "libxml2": 10000, "pugixml": 10000}
 _SLOW = ("xmlstarlet", "lxml")
-# Behind the names of the fastest, for a write that makes each further domain's file a copy of the first one's before it
-# edits it, as the daemon does.
-_COPIES = ", with copies"
+# The fastest, which also do a write with copies.
 _COPYING = ("libxml2", "pugixml")
 _LIBRARIES = "usr/lib/x86_64-linux-gnu"
 _SOURCES = Path(__file__).resolve().parent / "peers"
@@ -120,17 +118,17 @@ class Peers:
             return self._xmlstarlet_read(tree) if work == "read" else self._xmlstarlet_write(tree, texts)
         if name == "augtool":
             return self._augtool(tree, work)
-        order = self._order(tree, work, name.endswith(_COPIES))
+        order = self._order(tree, work, name.endswith(COPIES))
         if name == "lxml":
             return ["/usr/bin/python3", str(_SOURCES / "lxml_edit.py"), order]
-        return [str(self._programs[name.removesuffix(_COPIES)]), order]
+        return [str(self._programs[name.removesuffix(COPIES)]), order]
 
     # --- runs -----------------------------------------------------------------------------------------------
 
     def variants(self, work, count, texts):
-        copying = [name + _COPIES for name in _COPYING] if work == "write" and count > 1 else []
+        copying = [name + COPIES for name in _COPYING] if work == "write" and count > 1 else []
         return [self._variant(name, work, texts, 2 if name in _SLOW and count > 10 else None)
-                for name in (*PEERS, *copying) if count <= _MOST[name.removesuffix(_COPIES)]]
+                for name in (*PEERS, *copying) if count <= _MOST[name.removesuffix(COPIES)]]
 
     def _variant(self, name, work, texts, at_most):
         def command(tree):

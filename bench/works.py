@@ -3,7 +3,7 @@
 import os
 
 import daemons
-from report import FLUSHED, FLUSHED_INSIDE, INSIDE, KEPT, READING, READING_INSIDE, SOCKET, STARTED, TOOL
+from report import COPIES, FLUSHED, FLUSHED_INSIDE, INSIDE, KEPT, READING, READING_INSIDE, SOCKET, STARTED, TOOL
 from runs import Sample
 from trees import READ
 
@@ -125,8 +125,7 @@ def variants(tools, work, count, rounds):
                               [("floor, no flush", FLUSHED), ("floor, no flush, in process", FLUSHED_INSIDE)]),
                 floor.variant("write-flushed", "write", [(FLUSHED, FLUSHED), (FLUSHED_INSIDE, FLUSHED_INSIDE)]),
                 floor.variant("write-flushed", "copy",
-                              [("floor, one flush, with copies", FLUSHED),
-                               ("floor, one flush, with copies, in process", FLUSHED_INSIDE)]),
+                              [(FLUSHED + COPIES, FLUSHED), (FLUSHED + COPIES + ", in process", FLUSHED_INSIDE)]),
                 product.write_over_socket(), product.tool(work, FLUSHED), product.started(work, FLUSHED),
                 product.inside(work, FLUSHED_INSIDE)]
     reading = [floor.variant("read", "read", [(READING, READING), (READING_INSIDE, READING_INSIDE)])] if work == "read" else []
